@@ -1,0 +1,46 @@
+// Remembers, for the set of access points heard during a one-shot location, the
+// location found for it (or that none was found), so that a repeated set spares a
+// server request.
+#pragma once
+
+#include <cstdint>
+#include <deque>
+
+#include "api/location_record.h"
+
+namespace ZEL::API {
+
+class LocationCache {
+  public:
+    // Entries older than `maxAgeSeconds` than the newest one are pruned on store.
+    explicit LocationCache(uint32_t maxAgeSeconds = 2592000) : maxAgeSeconds_(maxAgeSeconds) {}
+
+    // Copies the location of the newest entry whose AP set matches `aps` into `out`.
+    bool find(const ApList& aps, LocationRecord& out) const;
+
+    // Replaces the entry matching `aps` (if any) by a new one at the front, stamped
+    // with the current time, then prunes by age. A failed attempt (nap 0) is stored
+    // like any other.
+    void store(const ApList& aps, const LocationRecord& location);
+
+    size_t size() const { return entries_.size(); }
+
+    // Two AP sets match when their sizes differ by at most the tolerance t of the
+    // query (ceil(0.2 x) for x >= 4 APs, else 0) and so does the number of APs that
+    // lie in one set but not the other.
+    static bool matches(const ApList& query, const ApList& entry);
+
+  private:
+    struct Entry {
+        ApList aps;
+        LocationRecord location;
+        SPI::TimeStamp stored;
+    };
+
+    std::deque<Entry>::const_iterator findMatch(const ApList& aps) const;
+
+    uint32_t maxAgeSeconds_;
+    std::deque<Entry> entries_;  // newest first
+};
+
+}  // namespace ZEL::API

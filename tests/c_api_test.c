@@ -1,0 +1,46 @@
+/* The public header as a C program sees it: plain C89/C99, records and codes usable,
+ * the free functions linked from libzelapi.so and accepting null. */
+#include <stddef.h>
+#include <stdio.h>
+
+#include "zelapi.h"
+
+static int check(int condition, const char* what) {
+    if (!condition) {
+        printf("FAILED: %s\n", what);
+    }
+    return condition ? 0 : 1;
+}
+
+int main(void) {
+    int failures = 0;
+    ZEL_Authentication auth;
+    ZEL_APEntry entry;
+    ZEL_Location location;
+    ZEL_LocationCallback callback = NULL;
+
+    auth.username = "alice";
+    auth.realm = "acme";
+    failures += check(auth.username[0] == 'a', "authentication fields");
+    failures += check(sizeof(entry) == 8, "ZEL_APEntry is 8 bytes");
+    failures +=
+        check(offsetof(ZEL_StreetAddress, state_code) == 7 * sizeof(char*), "state_code offset");
+    failures += check(sizeof(((ZEL_StreetAddress*)0)->country_code) == 4, "country_code size");
+    failures += check(ZEL_OK == 0 && ZEL_ERROR_WIFI == 2 && ZEL_ERROR_NO_WIFI_IN_RANGE == 3 &&
+                          ZEL_ERROR_UNAUTHORIZED == 4 && ZEL_ERROR_SERVER_UNAVAILABLE == 5 &&
+                          ZEL_ERROR_LOCATION_CANNOT_BE_DETERMINED == 6 &&
+                          ZEL_ERROR_PROXY_UNAUTHORIZED == 7 && ZEL_ERROR_NOT_READY == 99,
+                      "result codes");
+    failures += check(ZEL_NO_STREET_ADDRESS_LOOKUP == 0 && ZEL_LIMITED_STREET_ADDRESS_LOOKUP == 1 &&
+                          ZEL_FULL_STREET_ADDRESS_LOOKUP == 2,
+                      "lookup levels");
+    location.known_aps.count = 0;
+    location.known_aps.aps = NULL;
+    failures += check(location.known_aps.aps == NULL && callback == NULL, "AP table");
+
+    ZEL_free_location(NULL);
+    ZEL_free_ip_location(NULL);
+
+    printf("%d passed, %d failed\n", 7 - failures, failures);
+    return failures == 0 ? 0 : 1;
+}

@@ -1,0 +1,118 @@
+#include "api/location_cache.h"
+
+#include <gtest/gtest.h>
+
+#include <cstdio>
+
+#include "spi/time/manual_clock.h"
+#include "support/scripted_wifi_adapter.h"
+
+namespace ZEL::API {
+namespace {
+
+// APs numbered first..first+count-1.
+ApList aps(int first, int count) {
+    ApList list;
+    for (int i = first; i < first + count; ++i) {
+        char text[13];
+        std::snprintf(text, sizeof text, "0000000000%02X", i);
+        list.push_back(Testing::ap(text, -60));
+    }
+    return list;
+}
+
+ApList join(ApList a, const ApList& b) {
+    a.insert(a.end(), b.begin(), b.end());
+    return a;
+}
+
+TEST(LocationCacheMatch, BelowFourApsOnlyTheSameSetMatches) {
+    EXPECT_TRUE(LocationCache::matches(aps(1, 3), aps(1, 3)));
+    EXPECT_FALSE(LocationCache::matches(aps(1, 3), aps(1, 2)));
+    EXPECT_FALSE(LocationCache::matches(aps(1, 3), aps(1, 4)));
+    EXPECT_FALSE(LocationCache::matches(aps(1, 3), join(aps(1, 2), aps(9, 1))));
+}
+
+TEST(LocationCacheMatch, FourApsTolerateOneDifference) {
+    // x = 4: t = ceil(0.8) = 1.
+    EXPECT_TRUE(LocationCache::matches(aps(1, 4), aps(1, 5)));
+    EXPECT_TRUE(LocationCache::matches(aps(1, 4), aps(1, 3)));
+    EXPECT_FALSE(LocationCache::matches(aps(1, 4), join(aps(1, 3), aps(9, 1))));  // d = 2
+}
+
+TEST(LocationCacheMatch, TenApsTolerateTwo) {
+    const ApList query = aps(1, 10);
+    EXPECT_TRUE(LocationCache::matches(query, aps(1, 10)));                   // d = 0
+    EXPECT_TRUE(LocationCache::matches(query, aps(1, 11)));                   // d = 1
+    EXPECT_TRUE(LocationCache::matches(query, aps(1, 12)));                   // d = 2
+    EXPECT_TRUE(LocationCache::matches(query, join(aps(1, 9), aps(20, 1))));  // 9 shared, d = 2
+    EXPECT_FALSE(
+        LocationCache::matches(query, join(aps(1, 8), aps(20, 1))));  // 9 APs, 8 shared, d = 3
+    EXPECT_FALSE(LocationCache::matches(query, aps(1, 13)));          // outside x + t
+    EXPECT_FALSE(LocationCache::matches(query, aps(1, 7)));           // outside x - t
+}
+
+TEST(LocationCacheMatch, ToleranceRoundsUp) {
+    // x = 11: t = ceil(2.2) = 3, so 14 APs holding all 11 still match.
+    EXPECT_TRUE(LocationCache::matches(aps(1, 11), aps(1, 14)));
+    EXPECT_FALSE(LocationCache::matches(aps(1, 11), aps(1, 15)));
+}
+
+class LocationCacheTest : public ::testing::Test {
+  protected:
+    SPI::ManualClock clock_;
+    SPI::ScopedClock scoped_{clock_};
+    LocationCache cache_;
+
+    static LocationRecord at(double latitude, uint16_t nap) {
+        LocationRecord record;
+        record.latitude = latitude;
+        record.nap = nap;
+        return record;
+    }
+};
+
+TEST_F(LocationCacheTest, FindsStoredLocationIncludingFailedAttempts) {
+    LocationRecord out;
+    EXPECT_FALSE(cache_.find(aps(1, 5), out));
+    cache_.store(aps(1, 5), at(0, 0));
+    ASSERT_TRUE(cache_.find(aps(1, 5), out));
+    EXPECT_EQ(out.nap, 0);
+}
+
+TEST_F(LocationCacheTest, StoringTheSameSetTwiceKeepsOneNewerEntry) {
+    cache_.store(aps(1, 5), at(1.0, 3));
+    clock_.advance(1000);
+    cache_.store(aps(1, 5), at(2.0, 4));
+    EXPECT_EQ(cache_.size(), 1u);
+    LocationRecord out;
+    ASSERT_TRUE(cache_.find(aps(1, 5), out));
+    EXPECT_EQ(out.latitude, 2.0);
+}
+
+TEST_F(LocationCacheTest, NewestMatchingEntryWins) {
+    cache_.store(aps(1, 10), at(1.0, 3));
+    cache_.store(aps(30, 10), at(3.0, 3));
+    cache_.store(join(aps(1, 10), aps(50, 2)), at(2.0, 3));  // 12 APs: replaces the first
+    EXPECT_EQ(cache_.size(), 2u);
+    LocationRecord out;
+    ASSERT_TRUE(cache_.find(aps(1, 10), out));
+    EXPECT_EQ(out.latitude, 2.0);
+}
+
+TEST_F(LocationCacheTest, PrunesEntriesOlderThanMaxAgeSeconds) {
+    LocationCache cache(100);
+    cache.store(aps(1, 3), at(1.0, 3));
+    clock_.advance(100'000);  // exactly the maximum age: kept
+    cache.store(aps(10, 3), at(2.0, 3));
+    EXPECT_EQ(cache.size(), 2u);
+    clock_.advance(1000);
+    cache.store(aps(20, 3), at(3.0, 3));
+    EXPECT_EQ(cache.size(), 2u);
+    LocationRecord out;
+    EXPECT_FALSE(cache.find(aps(1, 3), out));
+    EXPECT_TRUE(cache.find(aps(10, 3), out));
+}
+
+}  // namespace
+}  // namespace ZEL::API

@@ -1,0 +1,73 @@
+#include <gtest/gtest.h>
+
+#include "spi/clock.h"
+#include "spi/log.h"
+#include "spi/text.h"
+#include "spi/time/manual_clock.h"
+
+namespace ZEL::SPI {
+namespace {
+
+TEST(Age, IsComputedFromSecondsAndMillisecondsAndMaySignNegative) {
+    EXPECT_EQ(ageMs({100, 250}, {95, 750}), 4500);
+    EXPECT_EQ(ageMs({100, 0}, {100, 0}), 0);
+    EXPECT_EQ(ageMs({95, 750}, {100, 250}), -4500);
+}
+
+TEST(SystemClockTime, TwoReadingsWithinASecondAgree) {
+    TimeStamp first = systemClock().now();
+    TimeStamp second = systemClock().now();
+    EXPECT_LT(first.milliseconds, 1000u);
+    EXPECT_GE(second.totalMilliseconds(), first.totalMilliseconds());
+    EXPECT_LE(second.totalMilliseconds() - first.totalMilliseconds(), 1000u);
+    EXPECT_GT(first.seconds, 1'700'000'000u);  // after November 2023
+}
+
+TEST(ManualClockTime, MovesOnlyWhenToldAndSleepAdvancesIt) {
+    ManualClock manual(5'000'123, 0xFFFFFFF0u);
+    ScopedClock scoped(manual);
+    EXPECT_EQ(currentTime(), (TimeStamp{5000, 123}));
+    EXPECT_EQ(tickCount(), 0xFFFFFFF0u);
+    clock().sleep(32);  // the tick count wraps
+    EXPECT_EQ(tickCount(), 0x10u);
+    EXPECT_EQ(currentTime(), (TimeStamp{5000, 155}));
+    EXPECT_EQ(manual.sleptMs(), 32u);
+}
+
+TEST(ScopedClockInstall, RestoresThePreviousClock) {
+    {
+        ManualClock manual;
+        ScopedClock scoped(manual);
+        EXPECT_EQ(&clock(), &manual);
+    }
+    EXPECT_EQ(&clock(), &systemClock());
+}
+
+TEST(TextConversion, RoundTripsUtf8AndEmptyText) {
+    EXPECT_EQ(toWide(""), L"");
+    EXPECT_EQ(toNarrow(L""), "");
+    EXPECT_EQ(toWide("Stra\xC3\x9F"
+                     "e"),
+              L"Stra\u00DFe");
+    EXPECT_EQ(toNarrow(L"Stra\u00DFe"),
+              "Stra\xC3\x9F"
+              "e");
+    EXPECT_EQ(toWide("bad \xC3"), L"");  // a cut-off sequence converts to nothing
+}
+
+TEST(ModuleDirectory, EndsWithSeparatorAndNamesThisProgramsDirectory) {
+    std::string directory = moduleDirectory();
+    ASSERT_FALSE(directory.empty());
+    EXPECT_EQ(directory.back(), '/');
+    EXPECT_EQ(directory, std::string(ZEL_BINARY_DIR) + "/bin/");
+}
+
+TEST(Logging, CategoriesAreNamedAndConfigurationIsLookedForBesideTheModule) {
+    log4cpp::Category& category = getCategory("ZEL.API.Test");
+    EXPECT_EQ(category.getName(), "ZEL.API.Test");
+    EXPECT_EQ(&category, &getCategory("ZEL.API.Test"));
+    EXPECT_EQ(LogManager::instance().configurationPath(), moduleDirectory() + "log4cpp.properties");
+}
+
+}  // namespace
+}  // namespace ZEL::SPI

@@ -1,0 +1,13 @@
+#include <cstdio>
+
+#include "command.h"
+
+namespace {
+
+const zel::cli::Registrar registrar{
+    "version", [](CLI::App& app) {
+        CLI::App* command = app.add_subcommand("version", "Print the version of the zel tools");
+        command->callback([] { std::printf("zel %s\n", ZEL_VERSION); });
+    }};
+
+}  // namespace

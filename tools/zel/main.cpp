@@ -1,0 +1,37 @@
+#include <map>
+#include <string>
+
+#include "command.h"
+
+namespace zel::cli {
+namespace {
+
+std::map<std::string, CommandSetup>& registry() {
+    static std::map<std::string, CommandSetup> commands;
+    return commands;
+}
+
+int exitStatus = 0;
+
+}  // namespace
+
+Registrar::Registrar(const char* name, CommandSetup setup) {
+    registry().emplace(name, std::move(setup));
+}
+
+void setExitStatus(int status) {
+    exitStatus = status;
+}
+
+}  // namespace zel::cli
+
+int main(int argc, char** argv) {
+    CLI::App app{
+        "zel: locate this device from the Wi-Fi access points it hears, and tools for its data"};
+    app.require_subcommand(1);
+    for (auto& [name, setup] : zel::cli::registry()) {
+        setup(app);
+    }
+    CLI11_PARSE(app, argc, argv);
+    return zel::cli::exitStatus;
+}
