@@ -1,0 +1,50 @@
+// Reads one tile file (the on-device access-point database of a realm): opens and
+// checks it, parses every tile header once, and answers lookups by MAC by decoding
+// in place, in the memory-mapped file, only the block of one tile where the key
+// can lie. The format is described in tiles/tile_format.h; TileWriter produces it.
+#pragma once
+
+#include <cstdint>
+#include <memory>
+#include <string>
+
+#include "spi/scanned_ap.h"
+
+namespace ZEL::API {
+
+// What the database holds per access point.
+struct StoredApData {
+    double latitude = 0.0;   // degrees
+    double longitude = 0.0;  // degrees
+    uint32_t quality = 0;    // confidence figure: below 18 almost nothing, above 30 full weight
+    double signalExponent = 0.0;  // exponent applied to the received power in mW
+};
+
+// A lookup result: the MAC it was found under (all zero when not found) and its data.
+struct ApRecord {
+    MacAddress mac{};
+    StoredApData data;
+};
+
+class LocalCompressedFileReader {
+  public:
+    // A new, closed reader; null only when memory runs out.
+    static std::unique_ptr<LocalCompressedFileReader> create();
+
+    virtual ~LocalCompressedFileReader() = default;
+
+    // The record of the first tile holding `mac`, with `mac` set to the one asked
+    // for; otherwise (also when not open) the empty record. Not thread-safe: all
+    // lookups share one bit cursor.
+    virtual ApRecord lookup(const MacAddress& mac) = 0;
+
+    // Opens, maps and checks the file at `path` for `realm` (the realm decides the
+    // digest the file must carry and the key form). Logs and returns false on any
+    // failure, leaving the reader closed.
+    virtual bool open(const std::string& path, const std::string& realm) = 0;
+
+    // Releases everything open built; the reader can be opened again.
+    virtual void close() = 0;
+};
+
+}  // namespace ZEL::API
