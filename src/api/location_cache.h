@@ -24,6 +24,7 @@ class LocationCache {
     void store(const ApList& aps, const LocationRecord& location);
 
     size_t size() const { return entries_.size(); }
+    void clear() { entries_.clear(); }
 
     // Two AP sets match when their sizes differ by at most the tolerance t of the
     // query (ceil(0.2 x) for x >= 4 APs, else 0) and so does the number of APs that
