@@ -1,6 +1,7 @@
 #include "spi/xml_parser.h"
 
 #include <gtest/gtest.h>
+#include <libxml/xmlerror.h>
 
 #include <cstdio>
 #include <filesystem>
@@ -95,6 +96,22 @@ TEST(XmlParser, MalformedInputYieldsNullAndLogs) {
         EXPECT_EQ(parse(text), nullptr) << text;
     }
     EXPECT_EQ(log.count(log4cpp::Priority::ERROR, "failed to load xml"), 8u);
+}
+
+int applicationMessages = 0;
+void countMessage(void*, const char*, ...) {
+    ++applicationMessages;
+}
+
+TEST(XmlParser, BadEncodingIsQuietAndLeavesTheApplicationHandler) {
+    xmlSetGenericErrorFunc(nullptr, countMessage);
+    ::testing::internal::CaptureStderr();
+    EXPECT_EQ(parse("<?xml version='1.0' encoding='EUC-JP'?><a>\xFF\xFF</a>"), nullptr);
+    EXPECT_EQ(::testing::internal::GetCapturedStderr(), "");
+    EXPECT_EQ(applicationMessages, 0);
+    xmlGenericError(xmlGenericErrorContext, "application's own message");
+    EXPECT_EQ(applicationMessages, 1);
+    xmlSetGenericErrorFunc(nullptr, nullptr);  // back to libxml2's default
 }
 
 TEST(XmlParser, HostileEntitiesNeverExpand) {

@@ -8,6 +8,7 @@
 // printed.
 #include <libxml/parser.h>
 #include <libxml/tree.h>
+#include <libxml/xmlerror.h>
 
 #include <memory>
 #include <mutex>
@@ -138,11 +139,31 @@ class LibXml2Parser final : public XmlParser {
 // No network, no DTD loading, no entity substitution, no messages on stderr.
 constexpr int kParseOptions = XML_PARSE_NONET | XML_PARSE_NOERROR | XML_PARSE_NOWARNING;
 
+void ignoreMessage(void*, const char*, ...) {}
+
+// Some messages (encoding conversion errors) bypass the parse options and go to
+// libxml2's generic handler, stderr by default. The handler is per thread: silence
+// it for one parse and give the application its own handler back afterwards.
+class QuietGenericErrors {
+  public:
+    QuietGenericErrors() : handler_(xmlGenericError), context_(xmlGenericErrorContext) {
+        xmlSetGenericErrorFunc(nullptr, ignoreMessage);
+    }
+    ~QuietGenericErrors() { xmlSetGenericErrorFunc(context_, handler_); }
+    QuietGenericErrors(const QuietGenericErrors&) = delete;
+    QuietGenericErrors& operator=(const QuietGenericErrors&) = delete;
+
+  private:
+    xmlGenericErrorFunc handler_;
+    void* context_;
+};
+
 std::unique_ptr<XmlDocument> LibXml2Parser::parse(const char* bytes, size_t length) {
     if (bytes == nullptr || length == 0 || length > static_cast<size_t>(INT32_MAX)) {
         ZEL_LOG_ERROR(category_, "failed to load xml");
         return nullptr;
     }
+    QuietGenericErrors quiet;
     std::unique_ptr<xmlParserCtxt, void (*)(xmlParserCtxtPtr)> context(xmlNewParserCtxt(),
                                                                        xmlFreeParserCtxt);
     if (!context) {
