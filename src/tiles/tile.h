@@ -39,6 +39,10 @@ class Tile {
     int32_t latBase() const { return latBase_; }
     int32_t lonBase() const { return lonBase_; }
     unsigned precision() const { return precision_; }
+    unsigned latBits() const { return latBits_; }
+    unsigned lonBits() const { return lonBits_; }
+    unsigned qualityBits() const { return qualityBits_; }
+    unsigned exponentBits() const { return exponentBits_; }
     uint32_t recordCount() const { return recordCount_; }
     uint32_t indexCount() const { return indexCount_; }
     uint64_t firstKey() const { return firstKey_; }
