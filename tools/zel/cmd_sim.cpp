@@ -8,6 +8,7 @@
 #include "local/scan_recording.h"
 #include "local/sim/simulated_city.h"
 #include "local/sim/simulated_walk.h"
+#include "tiles/tile_writer.h"
 
 namespace {
 
@@ -16,6 +17,8 @@ using namespace ZEL;
 struct CityArguments {
     Sim::CityOptions options;
     std::string output;
+    std::string tiles;
+    std::string realm;
 };
 
 struct WalkArguments {
@@ -38,6 +41,25 @@ int writeCity(const CityArguments& arguments) {
         return 1;
     }
     std::printf("%zu access points written to %s\n", city.size(), arguments.output.c_str());
+    if (arguments.tiles.empty()) {
+        return 0;
+    }
+    std::vector<API::AccessPointPosition> positions;
+    positions.reserve(city.size());
+    for (const Sim::CityAp& ap : city) {
+        positions.push_back({ap.mac, ap.latitude, ap.longitude, ap.quality, ap.signalExponent});
+    }
+    const API::TileWriteResult result =
+        API::TileWriter::writeFile(arguments.tiles, positions, arguments.realm);
+    if (!result.ok) {
+        std::fprintf(stderr, "zel sim city: %s: %s\n", arguments.tiles.c_str(),
+                     result.error.c_str());
+        return 1;
+    }
+    std::printf("%zu access points in %zu tiles (%llu bytes) written to %s for realm \"%s\"\n",
+                result.accessPoints, result.tiles,
+                static_cast<unsigned long long>(result.fileBytes), arguments.tiles.c_str(),
+                arguments.realm.c_str());
     return 0;
 }
 
@@ -89,6 +111,8 @@ void addCity(CLI::App& sim) {
         ->default_val(2.0)
         ->check(CLI::Range(0.2, 50.0));
     city->add_option("-o,--output", arguments->output, "CSV file to write")->required();
+    city->add_option("--tiles", arguments->tiles, "Also write the city as a tile file");
+    city->add_option("--realm", arguments->realm, "Realm of that tile file")->default_val("");
     city->callback([arguments] { zel::cli::setExitStatus(writeCity(*arguments)); });
 }
 
