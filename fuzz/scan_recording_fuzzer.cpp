@@ -1,0 +1,35 @@
+// Feeds arbitrary bytes to the reader of recorded scans, as a whole recording and as
+// one line, and checks that every scan it accepts formats back to an equal scan.
+#include <cstdint>
+#include <cstdlib>
+#include <sstream>
+#include <string>
+
+#include "local/scan_recording.h"
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
+    const std::string text(reinterpret_cast<const char*>(data), size);
+    std::istringstream in(text);
+    ZEL::API::ScanRecordingReader reader(in);
+    while (auto item = reader.next()) {
+        if (!item->scan) {
+            continue;
+        }
+        std::string error;
+        const auto again =
+            ZEL::API::parseRecordedScan(ZEL::API::formatRecordedScan(*item->scan), error);
+        if (!again || again->timeMs != item->scan->timeMs ||
+            again->aps.size() != item->scan->aps.size()) {
+            std::abort();
+        }
+        for (size_t i = 0; i < again->aps.size(); ++i) {
+            if (again->aps[i].mac != item->scan->aps[i].mac ||
+                again->aps[i].rss != item->scan->aps[i].rss) {
+                std::abort();
+            }
+        }
+    }
+    std::string error;
+    (void)ZEL::API::parseRecordedScan(text, error);
+    return 0;
+}

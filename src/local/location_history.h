@@ -1,0 +1,43 @@
+// The process-wide position histories of the on-device determination.
+#pragma once
+
+#include <cstddef>
+#include <deque>
+
+#include "api/location_record.h"
+
+namespace ZEL::API {
+
+// Location records, newest first, at most `kCapacity` of them: adding to a full
+// history drops the oldest. Only positions, counts, speeds, bearings and times are
+// kept; the AP lists of an added record are not.
+class LocationHistory {
+  public:
+    static constexpr size_t kCapacity = 39;
+
+    void add(const LocationRecord& record);
+    void clear() { records_.clear(); }
+
+    bool empty() const { return records_.empty(); }
+    size_t size() const { return records_.size(); }
+    // Index 0 is the newest record.
+    const LocationRecord& operator[](size_t index) const { return records_[index]; }
+    const LocationRecord& newest() const { return records_.front(); }
+
+    auto begin() const { return records_.begin(); }
+    auto end() const { return records_.end(); }
+
+  private:
+    std::deque<LocationRecord> records_;
+};
+
+// The raw estimate of every determination call that got past its early refusal.
+LocationHistory& rawHistory();
+// The record delivered by every such call, including the failed ones.
+LocationHistory& resultHistory();
+
+// Empties both histories. The library itself never calls this (ages make old
+// records irrelevant); tests and replay tools use it to start from a clean slate.
+void resetLocationHistoriesForTesting();
+
+}  // namespace ZEL::API

@@ -1,0 +1,212 @@
+#include "remote/response_parser.h"
+
+#include <gtest/gtest.h>
+
+#include "remote/request_messages.h"
+
+namespace ZEL::API {
+namespace {
+
+// An answer document in the request namespace around `body`.
+std::string answer(const std::string& body, const std::string& root = "LocationRS") {
+    return "<?xml version='1.0'?><" + root + " xmlns='" + kRequestNamespaceUri + "'>" + body +
+           "</" + root + ">";
+}
+
+const std::string kFullAddress =
+    "<street-address><street-number>12</street-number>"
+    "<address-line>Line one</address-line><city>Springfield</city>"
+    "<address-line>Line two</address-line><postal-code>01101</postal-code>"
+    "<county>Hampden</county><province>P</province><region>New England</region>"
+    "<state code='MA'>Massachusetts</state><country code='US'>United States</country>"
+    "<address-line>Line three</address-line></street-address>";
+
+const std::string kLocation =
+    "<location nap='7'><latitude>42.1015</latitude>"
+    "<longitude>-72.5898</longitude><hpe>25.5</hpe>" +
+    kFullAddress + "</location>";
+
+TEST(LocationResponse, ReadsEveryField) {
+    LocationRecord record;
+    ASSERT_EQ(parseLocationResponse(answer(kLocation), 2, record), 0);
+    EXPECT_DOUBLE_EQ(record.latitude, 42.1015);
+    EXPECT_DOUBLE_EQ(record.longitude, -72.5898);
+    EXPECT_DOUBLE_EQ(record.hpe, 25.5);
+    EXPECT_EQ(record.nap, 7);
+    EXPECT_EQ(record.speed, -1.0);
+    EXPECT_EQ(record.bearing, 0.0);
+    const StreetAddress& address = record.streetAddress;
+    EXPECT_EQ(address.streetNumber, "12");
+    EXPECT_EQ(address.addressLines,
+              (std::vector<std::string>{"Line one", "Line two", "Line three"}));
+    EXPECT_EQ(address.city, "Springfield");
+    EXPECT_EQ(address.postalCode, "01101");
+    EXPECT_EQ(address.county, "Hampden");
+    EXPECT_EQ(address.province, "P");
+    EXPECT_EQ(address.region, "New England");
+    EXPECT_EQ(address.state, "Massachusetts");
+    EXPECT_EQ(address.stateCode, "MA");
+    EXPECT_EQ(address.country, "United States");
+    EXPECT_EQ(address.countryCode, "US");
+}
+
+TEST(LocationResponse, LevelZeroIgnoresTheAddress) {
+    LocationRecord record;
+    ASSERT_EQ(parseLocationResponse(answer(kLocation), 0, record), 0);
+    EXPECT_TRUE(record.streetAddress.empty());
+    // Any non-zero level reads it, even one the server was sent as an empty value.
+    LocationRecord odd;
+    ASSERT_EQ(parseLocationResponse(answer(kLocation), 7, odd), 0);
+    EXPECT_EQ(odd.streetAddress.city, "Springfield");
+}
+
+TEST(LocationResponse, MissingValuesReadAsZeroAndEmpty) {
+    LocationRecord record;
+    ASSERT_EQ(
+        parseLocationResponse(answer("<location><latitude>1.5</latitude></location>"), 2, record),
+        0);
+    EXPECT_EQ(record.latitude, 1.5);
+    EXPECT_EQ(record.longitude, 0.0);
+    EXPECT_EQ(record.hpe, 0.0);
+    EXPECT_EQ(record.nap, 0);
+    EXPECT_EQ(record.speed, -1.0);
+    EXPECT_TRUE(record.streetAddress.empty());
+}
+
+TEST(LocationResponse, NumbersFollowAtofAndAtoi) {
+    LocationRecord record;
+    ASSERT_EQ(parseLocationResponse(answer("<location nap='12abc'><latitude> 3.25xyz</latitude>"
+                                           "<longitude>east</longitude><hpe>1e2</hpe></location>"),
+                                    0, record),
+              0);
+    EXPECT_EQ(record.nap, 12);
+    EXPECT_EQ(record.latitude, 3.25);
+    EXPECT_EQ(record.longitude, 0.0);
+    EXPECT_EQ(record.hpe, 100.0);
+
+    // nap is kept as 16 bits: 65537 wraps to 1, -1 to 65535.
+    LocationRecord wrapped;
+    ASSERT_EQ(parseLocationResponse(answer("<location nap='65537'/>"), 0, wrapped), 0);
+    EXPECT_EQ(wrapped.nap, 1);
+    ASSERT_EQ(parseLocationResponse(answer("<location nap='-1'/>"), 0, wrapped), 0);
+    EXPECT_EQ(wrapped.nap, 65535);
+}
+
+TEST(LocationResponse, CodesOfOtherLengthsAreEmptied) {
+    LocationRecord record;
+    std::string location =
+        "<location><street-address><state code='MAS'>Massachusetts</state>"
+        "<country code='U'>United States</country></street-address></location>";
+    ASSERT_EQ(parseLocationResponse(answer(location), 1, record), 0);
+    EXPECT_EQ(record.streetAddress.state, "Massachusetts");
+    EXPECT_EQ(record.streetAddress.stateCode, "");
+    EXPECT_EQ(record.streetAddress.country, "United States");
+    EXPECT_EQ(record.streetAddress.countryCode, "");
+}
+
+TEST(LocationResponse, StructuralFailuresGiveSix) {
+    const std::string ns = kRequestNamespaceUri;
+    const std::vector<std::string> failures = {
+        "",
+        "<LocationRS",
+        answer("<error>denied</error>" + kLocation),
+        answer(kLocation + "<error/>"),
+        answer("<other/>"),
+        answer("<wrapper>" + kLocation + "</wrapper>"),  // grandchildren are not searched
+        answer("<Location nap='1'/>"),                   // names are case-sensitive
+        // No namespace declared: nothing is found.
+        "<LocationRS>" + kLocation + "</LocationRS>",
+        // Another namespace, or the right one behind a prefix.
+        "<LocationRS xmlns='http://example.invalid/zel/2005'>" + kLocation + "</LocationRS>",
+        "<z:LocationRS xmlns:z='" + ns + "'><z:location nap='1'/></z:LocationRS>",
+    };
+    for (const std::string& text : failures) {
+        LocationRecord record;
+        EXPECT_EQ(parseLocationResponse(text, 2, record), ZEL_ERROR_LOCATION_CANNOT_BE_DETERMINED)
+            << text;
+    }
+}
+
+TEST(LocationResponse, EveryTruncationFailsWithoutHarm) {
+    std::string full = answer(kLocation);
+    for (size_t length = 0; length < full.size(); ++length) {
+        LocationRecord record;
+        int code = parseLocationResponse(full.substr(0, length), 2, record);
+        EXPECT_EQ(code, ZEL_ERROR_LOCATION_CANNOT_BE_DETERMINED) << length;
+    }
+}
+
+TEST(LocationResponse, DocumentElementNameIsNotExamined) {
+    LocationRecord record;
+    EXPECT_EQ(parseLocationResponse(answer(kLocation, "Anything"), 0, record), 0);
+    EXPECT_EQ(record.nap, 7);
+}
+
+TEST(IpLocationResponse, ReadsIpPositionAndAddress) {
+    std::string body =
+        "<ip-location><ip>192.0.2.7</ip><latitude>-33.9</latitude>"
+        "<longitude>18.4</longitude>" +
+        kFullAddress + "</ip-location>";
+    IpLocationRecord record;
+    ASSERT_EQ(parseIPLocationResponse(answer(body, "IPLocationRS"), 1, record), 0);
+    EXPECT_EQ(record.ip, "192.0.2.7");
+    EXPECT_EQ(record.latitude, -33.9);
+    EXPECT_EQ(record.longitude, 18.4);
+    EXPECT_EQ(record.streetAddress.addressLines.size(), 3u);
+    EXPECT_EQ(record.streetAddress.countryCode, "US");
+
+    IpLocationRecord bare;
+    ASSERT_EQ(parseIPLocationResponse(answer(body, "IPLocationRS"), 0, bare), 0);
+    EXPECT_TRUE(bare.streetAddress.empty());
+    EXPECT_EQ(bare.ip, "192.0.2.7");
+}
+
+TEST(IpLocationResponse, FailuresGiveSix) {
+    for (const std::string& text : {answer("<error/><ip-location/>"), answer(kLocation),
+                                    std::string("<x/>"), std::string("garbage")}) {
+        IpLocationRecord record;
+        EXPECT_EQ(parseIPLocationResponse(text, 2, record), ZEL_ERROR_LOCATION_CANNOT_BE_DETERMINED)
+            << text;
+    }
+}
+
+TEST(RegistrationResponse, ErrorElementOrBadDocumentGiveSix) {
+    EXPECT_EQ(parseRegistrationResponse(answer("", "RegistrationRS")), 0);
+    EXPECT_EQ(parseRegistrationResponse(answer("<ok/>", "RegistrationRS")), 0);
+    // An error outside the namespace is not an error element.
+    EXPECT_EQ(parseRegistrationResponse("<RegistrationRS><error/></RegistrationRS>"), 0);
+    EXPECT_EQ(parseRegistrationResponse(answer("<error>taken</error>", "RegistrationRS")),
+              ZEL_ERROR_LOCATION_CANNOT_BE_DETERMINED);
+    EXPECT_EQ(parseRegistrationResponse("<RegistrationRS>"),
+              ZEL_ERROR_LOCATION_CANNOT_BE_DETERMINED);
+}
+
+TEST(StreetAddress, MissingChildLeavesNameAndCodeAsTheyWere) {
+    auto parser = SPI::makeXmlParser();
+    std::string text = answer("<state code='NY'>New York</state>", "street-address");
+    auto document = parser->parse(text.data(), text.size());
+    ASSERT_NE(document, nullptr);
+    auto root = document->documentElement();
+    std::string name = "kept", code = "KP";
+    childNameAndCode(*root, "country", name, code);
+    EXPECT_EQ(name, "kept");
+    EXPECT_EQ(code, "KP");
+    childNameAndCode(*root, "state", name, code);
+    EXPECT_EQ(name, "New York");
+    EXPECT_EQ(code, "NY");
+}
+
+TEST(StreetAddress, MissingElementLeavesTheAddressAsItWas) {
+    auto parser = SPI::makeXmlParser();
+    std::string text = answer("<street-number>9</street-number>", "location");
+    auto document = parser->parse(text.data(), text.size());
+    ASSERT_NE(document, nullptr);
+    StreetAddress address;
+    address.city = "Before";
+    readStreetAddress(*document->documentElement(), address);
+    EXPECT_EQ(address.city, "Before");
+    EXPECT_EQ(address.streetNumber, "");
+}
+
+}  // namespace
+}  // namespace ZEL::API

@@ -1,0 +1,160 @@
+#include "spi/xml_parser.h"
+
+#include <gtest/gtest.h>
+#include <libxml/xmlerror.h>
+
+#include <cstdio>
+#include <filesystem>
+#include <fstream>
+
+#include "support/log_capture.h"
+
+namespace ZEL::SPI {
+namespace {
+
+std::unique_ptr<XmlDocument> parse(const std::string& text) {
+    auto parser = makeXmlParser();
+    EXPECT_NE(parser, nullptr);
+    return parser->parse(text.data(), text.size());
+}
+
+TEST(XmlParser, ElementNamesNamespacesAndPrefixes) {
+    auto document = parse(
+        "<a xmlns='urn:x' xmlns:z='urn:z'><z:location k='v'/><location/><plain xmlns=''/></a>");
+    ASSERT_NE(document, nullptr);
+    auto root = document->documentElement();
+    EXPECT_EQ(root->name(), "a");
+    EXPECT_EQ(root->namespaceURI(), "urn:x");
+    auto children = root->childNodes();
+    ASSERT_EQ(children->length(), 3u);
+    auto prefixed = children->item(0);
+    EXPECT_EQ(prefixed->name(), "z:location");  // never equal to a bare "location"
+    EXPECT_EQ(prefixed->nodeName(), "z:location");
+    EXPECT_EQ(prefixed->prefix(), "z");
+    EXPECT_EQ(prefixed->namespaceURI(), "urn:z");
+    EXPECT_EQ(children->item(1)->name(), "location");
+    EXPECT_EQ(children->item(1)->prefix(), "");
+    EXPECT_EQ(children->item(2)->namespaceURI(), "");
+    EXPECT_EQ(children->item(3), nullptr);
+}
+
+TEST(XmlParser, TextIsAllDescendantTextInOrder) {
+    auto document = parse("<a>one<!-- no --><b>two<c><![CDATA[<three>]]></c></b><?pi x?>four</a>");
+    ASSERT_NE(document, nullptr);
+    auto root = document->documentElement();
+    EXPECT_EQ(root->text(), "onetwo<three>four");
+    EXPECT_EQ(root->childNodes()->length(), 1u);  // only elements are children
+}
+
+TEST(XmlParser, AttributesByNameMissingIsEmpty) {
+    auto document = parse("<a xmlns:p='urn:p' code='MA' empty='' p:code='XX' esc='&amp;&lt;'/>");
+    ASSERT_NE(document, nullptr);
+    auto root = document->documentElement();
+    EXPECT_EQ(root->getAttribute("", "code"), "MA");
+    EXPECT_EQ(root->getAttribute("ignored", "code"), "MA");
+    EXPECT_EQ(root->getAttribute("", "p:code"), "XX");
+    EXPECT_EQ(root->getAttribute("", "esc"), "&<");
+    EXPECT_EQ(root->getAttribute("", "missing"), "");
+    EXPECT_EQ(root->getAttributeNode("empty"), std::optional<std::string>(""));
+    EXPECT_EQ(root->getAttributeNode("missing"), std::nullopt);
+}
+
+TEST(XmlParser, EncodingComesFromTheDeclaration) {
+    // "café" in Latin-1: the é is the single byte 0xE9.
+    auto latin1 = parse("<?xml version='1.0' encoding='ISO-8859-1'?><a>caf\xE9</a>");
+    ASSERT_NE(latin1, nullptr);
+    EXPECT_EQ(latin1->documentElement()->text(), "caf\xC3\xA9");
+
+    // UTF-16LE with a byte order mark.
+    std::u16string wide = u"<?xml version='1.0' encoding='UTF-16'?><a>\u00e9</a>";
+    std::string bytes = "\xFF\xFE";
+    for (char16_t c : wide) {
+        bytes += static_cast<char>(c & 0xFF);
+        bytes += static_cast<char>(c >> 8);
+    }
+    auto utf16 = parse(bytes);
+    ASSERT_NE(utf16, nullptr);
+    EXPECT_EQ(utf16->documentElement()->text(), "\xC3\xA9");
+}
+
+TEST(XmlParser, ElementsOutliveTheirDocument) {
+    std::unique_ptr<XmlElement> child;
+    {
+        auto document = parse("<a><b>kept</b></a>");
+        ASSERT_NE(document, nullptr);
+        child = document->documentElement()->childNodes()->item(0);
+    }
+    EXPECT_EQ(child->text(), "kept");
+}
+
+TEST(XmlParser, MalformedInputYieldsNullAndLogs) {
+    Testing::LogCapture log("ZEL.SPI.XML.LibXml2Parser");
+    for (const std::string& text :
+         {std::string(), std::string("not xml"), std::string("<a><b></a>"), std::string("<a>"),
+          std::string("<a/><b/>"), std::string("<a x='1' x='2'/>"), std::string("\0<a/>", 5),
+          std::string("<?xml version='1.0' encoding='no-such-encoding'?><a/>")}) {
+        EXPECT_EQ(parse(text), nullptr) << text;
+    }
+    EXPECT_EQ(log.count(log4cpp::Priority::ERROR, "failed to load xml"), 8u);
+}
+
+int applicationMessages = 0;
+void countMessage(void*, const char*, ...) {
+    ++applicationMessages;
+}
+
+TEST(XmlParser, BadEncodingIsQuietAndLeavesTheApplicationHandler) {
+    xmlSetGenericErrorFunc(nullptr, countMessage);
+    ::testing::internal::CaptureStderr();
+    EXPECT_EQ(parse("<?xml version='1.0' encoding='EUC-JP'?><a>\xFF\xFF</a>"), nullptr);
+    EXPECT_EQ(::testing::internal::GetCapturedStderr(), "");
+    EXPECT_EQ(applicationMessages, 0);
+    xmlGenericError(xmlGenericErrorContext, "application's own message");
+    EXPECT_EQ(applicationMessages, 1);
+    xmlSetGenericErrorFunc(nullptr, nullptr);  // back to libxml2's default
+}
+
+TEST(XmlParser, HostileEntitiesNeverExpand) {
+    std::string laughs = "<?xml version='1.0'?><!DOCTYPE a [<!ENTITY l0 'lol'>";
+    for (int i = 1; i < 10; ++i) {
+        laughs += "<!ENTITY l" + std::to_string(i) + " '";
+        for (int j = 0; j < 10; ++j) {
+            laughs += "&l" + std::to_string(i - 1) + ";";
+        }
+        laughs += "'>";
+    }
+    laughs += "]><a v='&l9;'>&l9;</a>";
+    if (auto document = parse(laughs)) {
+        EXPECT_LT(document->documentElement()->text().size(), 100u);
+        EXPECT_LT(document->documentElement()->getAttribute("", "v").size(), 100u);
+    }
+    // A small nest that the parser accepts: references are left out, never expanded.
+    auto small = parse(
+        "<!DOCTYPE a [<!ENTITY l0 'lol'><!ENTITY l1 '&l0;&l0;&l0;'>]>"
+        "<a v='x&l1;y'>x&l1;<b>&l1;y</b></a>");
+    ASSERT_NE(small, nullptr);
+    EXPECT_EQ(small->documentElement()->text(), "xy");
+    EXPECT_EQ(small->documentElement()->getAttribute("", "v").find("lol"), std::string::npos);
+
+    std::filesystem::path secret =
+        std::filesystem::temp_directory_path() / ("zel_xml_secret_" + std::to_string(getpid()));
+    std::ofstream(secret) << "TOPSECRET";
+    auto external =
+        parse("<!DOCTYPE a [<!ENTITY s SYSTEM 'file://" + secret.string() + "'>]><a>&s;</a>");
+    if (external) {
+        EXPECT_EQ(external->documentElement()->text().find("TOPSECRET"), std::string::npos);
+    }
+    std::filesystem::remove(secret);
+}
+
+TEST(XmlParser, DeepNestingFailsCleanly) {
+    std::string deep;
+    for (int i = 0; i < 100000; ++i)
+        deep += "<a>";
+    for (int i = 0; i < 100000; ++i)
+        deep += "</a>";
+    EXPECT_EQ(parse(deep), nullptr);
+}
+
+}  // namespace
+}  // namespace ZEL::SPI
