@@ -1,0 +1,146 @@
+// Accuracy of the on-device determination on simulated walks through a dense city:
+// error against the true track (median, 90th percentile, maximum), the share of
+// scans with a fix and how often the truth lies within the reported HPE. The
+// anchor, in the same run, is the plain centroid of the known APs of each scan.
+//
+// Run: build/bin/local_accuracy_bench
+#include <benchmark/benchmark.h>
+
+#include <cstdio>
+#include <filesystem>
+
+#include "local/location_determination_private.h"
+#include "local/location_history.h"
+#include "local/position_estimate.h"
+#include "local/sim/accuracy.h"
+#include "local/sim/simulated_walk.h"
+#include "spi/time/manual_clock.h"
+#include "tiles/tile_writer.h"
+
+namespace {
+
+using namespace ZEL;
+
+// 24,000 APs in a 2 km square (6,000 per km2), a 25-minute walk and drive.
+constexpr size_t kCityAps = 24000;
+constexpr double kCityKm = 2.0;
+constexpr double kMinutes = 25.0;
+
+struct World {
+    std::vector<Sim::CityAp> city;
+    std::string tilePath;
+};
+
+const World& world() {
+    static const World built = [] {
+        World w;
+        w.city = Sim::generateCity({2024, kCityAps, kCityKm});
+        w.tilePath = (std::filesystem::temp_directory_path() /
+                      ("zel-accuracy-" + std::to_string(::getpid()) + ".zel"))
+                         .string();
+        std::vector<API::AccessPointPosition> positions;
+        for (const Sim::CityAp& ap : w.city) {
+            positions.push_back({ap.mac, ap.latitude, ap.longitude, ap.quality, ap.signalExponent});
+        }
+        const auto result = API::TileWriter::writeFile(w.tilePath, positions, "");
+        if (!result.ok) {
+            std::fprintf(stderr, "tile file: %s\n", result.error.c_str());
+            std::abort();
+        }
+        return w;
+    }();
+    return built;
+}
+
+Sim::SimulatedWalk walkAt(double speedKmh) {
+    Sim::WalkOptions options;
+    options.seed = 99;
+    options.minutes = kMinutes;
+    options.speedKmh = speedKmh;
+    options.periodMs = 1000;
+    return Sim::generateWalk(world().city, options);
+}
+
+void report(benchmark::State& state, const Sim::AccuracySummary& summary) {
+    state.counters["scans"] = static_cast<double>(summary.scans);
+    state.counters["fix_share"] = summary.fixShare();
+    state.counters["median_m"] = summary.medianErrorMetres;
+    state.counters["p90_m"] = summary.p90ErrorMetres;
+    state.counters["max_m"] = summary.maxErrorMetres;
+    state.counters["within_hpe"] = summary.withinHpeShare();
+}
+
+void BM_DetermineAccuracy(benchmark::State& state) {
+    const Sim::SimulatedWalk walk = walkAt(static_cast<double>(state.range(0)));
+    Sim::AccuracySummary summary;
+    for (auto _ : state) {
+        API::resetLocationHistoriesForTesting();
+        SPI::ManualClock clock;
+        SPI::ScopedClock scoped(clock);
+        API::LocationDeterminationPrivate determination;
+        const char* paths[] = {world().tilePath.c_str(), nullptr};
+        determination.setLocalFilesPath(paths);
+        determination.prepare(ZEL_Authentication{nullptr, ""});
+        Sim::AccuracyTally tally;
+        for (size_t i = 0; i < walk.scans.size(); ++i) {
+            clock.set(walk.scans[i].timeMs);
+            API::LocationRecord record;
+            if (determination.determine(nullptr, walk.scans[i].aps, record) != 0) {
+                tally.addMiss();
+                continue;
+            }
+            tally.addFix(API::greatCircleDistance(record.latitude, record.longitude,
+                                                  walk.truth[i].latitude, walk.truth[i].longitude),
+                         record.hpe);
+        }
+        summary = tally.summary();
+    }
+    report(state, summary);
+}
+
+// The anchor: the unweighted centroid of every known AP heard, no gate, no history.
+void BM_CentroidAccuracy(benchmark::State& state) {
+    const Sim::SimulatedWalk walk = walkAt(static_cast<double>(state.range(0)));
+    Sim::AccuracySummary summary;
+    for (auto _ : state) {
+        auto reader = API::LocalCompressedFileReader::create();
+        reader->open(world().tilePath, "");
+        Sim::AccuracyTally tally;
+        for (size_t i = 0; i < walk.scans.size(); ++i) {
+            double latitude = 0.0;
+            double longitude = 0.0;
+            int known = 0;
+            for (const ScannedAP& ap : walk.scans[i].aps) {
+                const API::ApRecord record = reader->lookup(ap.mac);
+                if (record.mac == ap.mac) {
+                    latitude += record.data.latitude;
+                    longitude += record.data.longitude;
+                    ++known;
+                }
+            }
+            if (known == 0) {
+                tally.addMiss();
+                continue;
+            }
+            tally.addFix(API::greatCircleDistance(latitude / known, longitude / known,
+                                                  walk.truth[i].latitude, walk.truth[i].longitude),
+                         0.0);
+        }
+        summary = tally.summary();
+    }
+    report(state, summary);
+}
+
+// Argument: speed in km/h (a walk and a drive).
+BENCHMARK(BM_DetermineAccuracy)->Arg(5)->Arg(30)->Iterations(1)->Unit(benchmark::kMillisecond);
+BENCHMARK(BM_CentroidAccuracy)->Arg(5)->Arg(30)->Iterations(1)->Unit(benchmark::kMillisecond);
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    benchmark::Initialize(&argc, argv);
+    benchmark::RunSpecifiedBenchmarks();
+    benchmark::Shutdown();
+    std::filesystem::remove(world().tilePath);
+    return 0;
+}
