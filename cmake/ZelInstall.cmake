@@ -17,5 +17,6 @@ write_basic_package_version_file(${PROJECT_BINARY_DIR}/zelapiConfigVersion.cmake
 install(FILES ${PROJECT_BINARY_DIR}/zelapiConfig.cmake ${PROJECT_BINARY_DIR}/zelapiConfigVersion.cmake
         DESTINATION ${CMAKE_INSTALL_LIBDIR}/cmake/zelapi)
 
+file(RELATIVE_PATH ZEL_PC_TO_PREFIX ${CMAKE_INSTALL_FULL_LIBDIR}/pkgconfig ${CMAKE_INSTALL_PREFIX})
 configure_file(cmake/zelapi.pc.in ${PROJECT_BINARY_DIR}/zelapi.pc @ONLY)
 install(FILES ${PROJECT_BINARY_DIR}/zelapi.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)

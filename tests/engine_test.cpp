@@ -74,11 +74,13 @@ TEST_F(OneShotFlow, ServerThatCannotPlaceTheApsDoesNotStopTheLoop) {
     repeatScan(knownScan(3), kFullLoopCycles);
     LogCapture log("ZEL_location");
     ZEL_Location* location = nullptr;
-    EXPECT_EQ(locate(auth_, ZEL_LIMITED_STREET_ADDRESS_LOOKUP, &location), ZEL_ERROR_LOCATION_CANNOT_BE_DETERMINED);
+    EXPECT_EQ(locate(auth_, ZEL_LIMITED_STREET_ADDRESS_LOOKUP, &location),
+              ZEL_ERROR_LOCATION_CANNOT_BE_DETERMINED);
     ASSERT_NE(location, nullptr);  // the loop ended normally: a record comes with the code
     EXPECT_EQ(location->nap, 0);
     EXPECT_EQ(server_->requests().size(), kFullLoopCycles);
-    EXPECT_EQ(log.count(log4cpp::Priority::INFO, "server can't determine location"), kFullLoopCycles);
+    EXPECT_EQ(log.count(log4cpp::Priority::INFO, "server can't determine location"),
+              kFullLoopCycles);
     freeCallerLocation(location);
 }
 
@@ -87,7 +89,8 @@ TEST_F(OneShotFlow, ServerErrorStopsTheLoop) {
     repeatScan(knownScan(3), kFullLoopCycles);
     LogCapture log("ZEL_location");
     ZEL_Location* location = nullptr;
-    EXPECT_EQ(locate(auth_, ZEL_LIMITED_STREET_ADDRESS_LOOKUP, &location), ZEL_ERROR_SERVER_UNAVAILABLE);
+    EXPECT_EQ(locate(auth_, ZEL_LIMITED_STREET_ADDRESS_LOOKUP, &location),
+              ZEL_ERROR_SERVER_UNAVAILABLE);
     EXPECT_EQ(countOf(script_->calls, "get"), 1u);
     EXPECT_TRUE(log.contains("failed to get location from server: 5"));
     freeCallerLocation(location);
@@ -98,8 +101,8 @@ TEST_F(OneShotFlow, NoAccessPointHeardGivesThreeAfterTheLoop) {
     EXPECT_EQ(locate(auth_, ZEL_NO_STREET_ADDRESS_LOOKUP, &location), ZEL_ERROR_NO_WIFI_IN_RANGE);
     ASSERT_NE(location, nullptr);
     EXPECT_EQ(countOf(script_->calls, "get"), kFullLoopCycles);
-    EXPECT_EQ(clock_.sleptMs(), 5500u);  // the cycle at 5500 ms ends the loop without sleeping
-    EXPECT_EQ(locationCache().size(), 0u);      // nothing heard, nothing cached
+    EXPECT_EQ(clock_.sleptMs(), 5500u);     // the cycle at 5500 ms ends the loop without sleeping
+    EXPECT_EQ(locationCache().size(), 0u);  // nothing heard, nothing cached
     freeCallerLocation(location);
 }
 
@@ -181,8 +184,8 @@ TEST_F(PeriodicFlow, FailuresInTheFirstPeriodAreSilent) {
     Delivered delivered;
     delivered.stopAfter = 2;
     EXPECT_EQ(locatePeriodically(auth_, 1000, 0, collect, &delivered), ZEL_OK);
-    EXPECT_EQ(delivered.codes,
-              (std::vector<int>{ZEL_ERROR_LOCATION_CANNOT_BE_DETERMINED, ZEL_ERROR_LOCATION_CANNOT_BE_DETERMINED}));
+    EXPECT_EQ(delivered.codes, (std::vector<int>{ZEL_ERROR_LOCATION_CANNOT_BE_DETERMINED,
+                                                 ZEL_ERROR_LOCATION_CANNOT_BE_DETERMINED}));
     EXPECT_EQ(countOf(script_->calls, "get"), 3u);
 }
 

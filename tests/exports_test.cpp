@@ -5,6 +5,7 @@
 #include <mutex>
 #include <thread>
 
+#include "remote/request_messages.h"
 #include "support/engine_fixture.h"
 #include "zelapi.h"
 #include "zelapi_ext.h"
@@ -49,7 +50,8 @@ TEST_F(Exports, FreeFunctionsAcceptNull) {
 
 TEST_F(Exports, IpLocationGivesARecordOnlyOnSuccess) {
     server_->respond("/zel2/ip-location",
-                     {200, {},
+                     {200,
+                      {},
                       "<IPLocationRS xmlns='" + std::string(kRequestNamespaceUri) +
                           "'><ip-location><ip>192.0.2.9</ip><latitude>1.5</latitude>"
                           "<longitude>2.5</longitude></ip-location></IPLocationRS>"});
@@ -63,7 +65,8 @@ TEST_F(Exports, IpLocationGivesARecordOnlyOnSuccess) {
 
     server_->respond("/zel2/ip-location", {401, {}, ""});
     ZEL_IPLocation* untouched = nullptr;
-    EXPECT_EQ(ZEL_ip_location(&auth_, ZEL_NO_STREET_ADDRESS_LOOKUP, &untouched), ZEL_ERROR_UNAUTHORIZED);
+    EXPECT_EQ(ZEL_ip_location(&auth_, ZEL_NO_STREET_ADDRESS_LOOKUP, &untouched),
+              ZEL_ERROR_UNAUTHORIZED);
     EXPECT_EQ(untouched, nullptr);
 }
 
@@ -72,7 +75,8 @@ TEST_F(Exports, RegisterUserSendsBothUsers) {
     ZEL_Authentication newUser{"bob", "acme"};
     EXPECT_EQ(ZEL_register_user(&auth_, &newUser), ZEL_OK);
     ASSERT_EQ(server_->requests().size(), 1u);
-    EXPECT_NE(server_->requests()[0].body.find("<simple><username>bob</username><realm>acme</realm></simple>"),
+    EXPECT_NE(server_->requests()[0].body.find(
+                  "<simple><username>bob</username><realm>acme</realm></simple>"),
               std::string::npos);
 }
 
@@ -120,9 +124,11 @@ TEST_F(Exports, NullArgumentsDoNotCrash) {
     repeatScan(knownScan(3), 12);
     // No authentication reads as the empty user and realm: the tile file (of another
     // realm) does not open, so the server is asked, and answers 404.
-    EXPECT_EQ(ZEL_location(nullptr, ZEL_NO_STREET_ADDRESS_LOOKUP, nullptr), ZEL_ERROR_SERVER_UNAVAILABLE);
+    EXPECT_EQ(ZEL_location(nullptr, ZEL_NO_STREET_ADDRESS_LOOKUP, nullptr),
+              ZEL_ERROR_SERVER_UNAVAILABLE);
     EXPECT_EQ(ZEL_periodic_location(&auth_, 0, 100, 1, nullptr, nullptr), ZEL_ERROR_NOT_READY);
-    EXPECT_EQ(ZEL_register_user(nullptr, nullptr), ZEL_ERROR_SERVER_UNAVAILABLE);  // 404 from the test server
+    EXPECT_EQ(ZEL_register_user(nullptr, nullptr),
+              ZEL_ERROR_SERVER_UNAVAILABLE);  // 404 from the test server
 }
 
 // A periodic location holds the API lock for its whole run: a setter called from
@@ -142,7 +148,8 @@ TEST_F(Exports, CallsFromTwoThreadsAreSerialised) {
         auto* state = static_cast<Shared*>(argument);
         state->note("callback begins");
         state->inCallback = true;
-        std::this_thread::sleep_for(std::chrono::milliseconds(200));  // real time: the other thread waits
+        std::this_thread::sleep_for(
+            std::chrono::milliseconds(200));  // real time: the other thread waits
         state->note("callback ends");
         return 0;
     };
@@ -153,7 +160,8 @@ TEST_F(Exports, CallsFromTwoThreadsAreSerialised) {
     ZEL_set_server_url("http://127.0.0.1:9/zel2");
     shared.note("setter returned");
     periodic.join();
-    EXPECT_EQ(shared.events, (std::vector<std::string>{"callback begins", "callback ends", "setter returned"}));
+    EXPECT_EQ(shared.events,
+              (std::vector<std::string>{"callback begins", "callback ends", "setter returned"}));
 }
 
 }  // namespace

@@ -12,7 +12,7 @@ constexpr uint32_t kOneShotPeriods = 10;
 
 // Releases the local determination's readers on every way out of a call.
 class Preparation {
-public:
+  public:
     Preparation() = default;
     ~Preparation() { localDetermination().release(); }
     Preparation(const Preparation&) = delete;
@@ -99,7 +99,8 @@ int locateByIp(const ZEL_Authentication& auth, int streetAddressLookup, ZEL_IPLo
     }
     ZEL_IPLocation* record = makeCallerIpLocation(found);
     if (record == nullptr) {
-        ZEL_LOG_ERROR(SPI::getCategory("ZEL_location"), "out of memory for the caller's ip-location");
+        ZEL_LOG_ERROR(SPI::getCategory("ZEL_location"),
+                      "out of memory for the caller's ip-location");
         return ZEL_ERROR_NOT_READY;
     }
     if (out != nullptr) {

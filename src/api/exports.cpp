@@ -37,7 +37,9 @@ ZEL_Authentication readable(const ZEL_Authentication* auth) {
     return copy;
 }
 
-const char* orEmpty(const char* text) { return text != nullptr ? text : ""; }
+const char* orEmpty(const char* text) {
+    return text != nullptr ? text : "";
+}
 
 }  // namespace
 
@@ -67,9 +69,11 @@ ZEL_EXPORT int ZEL_ip_location(const ZEL_Authentication* auth, ZEL_StreetAddress
                    [&] { return locateByIp(readable(auth), lookup, location); });
 }
 
-ZEL_EXPORT int ZEL_register_user(const ZEL_Authentication* auth, const ZEL_Authentication* new_user) {
-    return guarded("ZEL_location", ZEL_ERROR_NOT_READY,
-                   [&] { return remoteDetermination().registerUser(readable(auth), readable(new_user)); });
+ZEL_EXPORT int ZEL_register_user(const ZEL_Authentication* auth,
+                                 const ZEL_Authentication* new_user) {
+    return guarded("ZEL_location", ZEL_ERROR_NOT_READY, [&] {
+        return remoteDetermination().registerUser(readable(auth), readable(new_user));
+    });
 }
 
 ZEL_EXPORT void ZEL_set_server_url(const char* url) {
@@ -79,7 +83,8 @@ ZEL_EXPORT void ZEL_set_server_url(const char* url) {
     });
 }
 
-ZEL_EXPORT void ZEL_set_proxy(const char* address, int port, const char* user, const char* password) {
+ZEL_EXPORT void ZEL_set_proxy(const char* address, int port, const char* user,
+                              const char* password) {
     guarded("ZEL_location", 0, [&] {
         remoteDetermination().setProxy(orEmpty(address), port, orEmpty(user), orEmpty(password));
         return 0;
@@ -93,9 +98,13 @@ ZEL_EXPORT int ZEL_set_local_files_path(const char** paths) {
     });
 }
 
-ZEL_EXPORT void ZEL_free_location(ZEL_Location* location) { freeCallerLocation(location); }
+ZEL_EXPORT void ZEL_free_location(ZEL_Location* location) {
+    freeCallerLocation(location);
+}
 
-ZEL_EXPORT void ZEL_free_ip_location(ZEL_IPLocation* location) { freeCallerIpLocation(location); }
+ZEL_EXPORT void ZEL_free_ip_location(ZEL_IPLocation* location) {
+    freeCallerIpLocation(location);
+}
 
 ZEL_EXPORT int ZEL_set_scan_source(ZEL_ScanSource source, void* arg) {
     return guarded("ZEL_location", ZEL_ERROR_NOT_READY, [&] {

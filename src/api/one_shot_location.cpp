@@ -19,7 +19,8 @@ int OneShotLocationState::onScan(const ScanLoopState& loop, int code, const ApLi
     const uint32_t elapsed = SPI::tickCount() - loop.startTick;
     heard_.merge(fresh);
     const size_t count = heard_.size();
-    ZEL_LOG_DEBUG(log_, "scanned %d APs so far (%d)", static_cast<int>(count), static_cast<int>(elapsed));
+    ZEL_LOG_DEBUG(log_, "scanned %d APs so far (%d)", static_cast<int>(count),
+                  static_cast<int>(elapsed));
     if (count == 0) {
         result_ = ZEL_ERROR_NO_WIFI_IN_RANGE;
         return 1;
@@ -57,7 +58,8 @@ std::optional<int> OneShotLocationState::tryLocal(size_t count) {
 }
 
 int OneShotLocationState::tryCache(uint32_t elapsed, size_t count) {
-    ZEL_LOG_DEBUG(log_, "about to look for location in cache (elapsed time: %d)", static_cast<int>(elapsed));
+    ZEL_LOG_DEBUG(log_, "about to look for location in cache (elapsed time: %d)",
+                  static_cast<int>(elapsed));
     LocationRecord cached;
     if (!cache_.find(heard_.aps(), cached)) {
         return 1;
@@ -80,8 +82,8 @@ int OneShotLocationState::tryRemote(size_t count) {
     LocationRecord found;
     result_ = remote_(heard_.aps(), found);
     if (result_ == ZEL_OK) {
-        ZEL_LOG_DEBUG(log_, "location request succeeded remotely: %f, %f +/-%.1fm %d", found.latitude,
-                      found.longitude, found.hpe, found.nap);
+        ZEL_LOG_DEBUG(log_, "location request succeeded remotely: %f, %f +/-%.1fm %d",
+                      found.latitude, found.longitude, found.hpe, found.nap);
         return accept(found, count);
     }
     if (result_ == ZEL_ERROR_LOCATION_CANNOT_BE_DETERMINED) {

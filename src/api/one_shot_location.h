@@ -18,9 +18,9 @@ using RemoteLocator = std::function<int(const ApList& aps, LocationRecord& out)>
 
 // The state of one ZEL_location call. `onScan` is the scan loop's callback.
 class OneShotLocationState {
-public:
-    OneShotLocationState(int streetAddressLookup, LocationDetermination& local, RemoteLocator remote,
-                         const LocationCache& cache);
+  public:
+    OneShotLocationState(int streetAddressLookup, LocationDetermination& local,
+                         RemoteLocator remote, const LocationCache& cache);
 
     // Returns non-zero to keep scanning, 0 to stop.
     int onScan(const ScanLoopState& loop, int code, const ApList& fresh);
@@ -35,7 +35,7 @@ public:
     // Every AP heard during the call, in time order.
     const RecentApList& heard() const { return heard_; }
 
-private:
+  private:
     // The stop rule: a position from at least this many APs ends the scanning.
     static constexpr uint16_t kEnoughAps = 3;
 

@@ -7,16 +7,17 @@ int LocationSmoother::smooth(uint64_t timeMs, const LocationRecord& location) {
                           history_.front().longitude == location.longitude &&
                           history_.front().hpe == location.hpe;
     if (!repeated) {
-        history_.push_front(Sample{timeMs, location.latitude, location.longitude, location.hpe, location.nap,
-                                   location.speed, location.bearing});
+        history_.push_front(Sample{timeMs, location.latitude, location.longitude, location.hpe,
+                                   location.nap, location.speed, location.bearing});
     }
     // Deliberately emptied: periodic results are the raw per-period determinations.
     history_.clear();
     return 0;
 }
 
-PeriodicLocationState::PeriodicLocationState(uint32_t periodMs, ZEL_LocationCallback callback, void* argument,
-                                             LocationDetermination& local, LocationSmoother& smoother)
+PeriodicLocationState::PeriodicLocationState(uint32_t periodMs, ZEL_LocationCallback callback,
+                                             void* argument, LocationDetermination& local,
+                                             LocationSmoother& smoother)
     : log_(SPI::getCategory("ZEL_periodic_location")),
       periodMs_(periodMs == 0 ? 1 : periodMs),
       callback_(callback),
@@ -41,8 +42,8 @@ int PeriodicLocationState::onScan(const ScanLoopState& loop, int code, const ApL
         }
         return 1;
     }
-    ZEL_LOG_DEBUG(log_, "location: %f, %f +/-%.1fm %d", location.latitude, location.longitude, location.hpe,
-                  location.nap);
+    ZEL_LOG_DEBUG(log_, "location: %f, %f +/-%.1fm %d", location.latitude, location.longitude,
+                  location.hpe, location.nap);
     smoother_.smooth(SPI::currentTime().totalMilliseconds(), location);
     ZEL_LOG_INFO(log_, "smoothed location: %f, %f +/-%.1fm %.2fkm/h %.2f", location.latitude,
                  location.longitude, location.hpe, location.speed, location.bearing);

@@ -16,7 +16,7 @@ namespace ZEL::API {
 // call, so each delivered position is the period's own determination; the record
 // passed in is never changed.
 class LocationSmoother {
-public:
+  public:
     virtual ~LocationSmoother() = default;
 
     // Records `location` at `timeMs` (ms since the epoch). Returns 0.
@@ -27,7 +27,7 @@ public:
 
     size_t historySize() const { return history_.size(); }
 
-private:
+  private:
     struct Sample {
         uint64_t timeMs;
         double latitude, longitude, hpe;
@@ -39,7 +39,7 @@ private:
 
 // The state of one ZEL_periodic_location call. `onScan` is the scan loop's callback.
 class PeriodicLocationState {
-public:
+  public:
     PeriodicLocationState(uint32_t periodMs, ZEL_LocationCallback callback, void* argument,
                           LocationDetermination& local, LocationSmoother& smoother);
 
@@ -52,7 +52,7 @@ public:
 
     uint32_t periodMs() const { return periodMs_; }
 
-private:
+  private:
     log4cpp::Category& log_;
     uint32_t periodMs_;
     ZEL_LocationCallback callback_;

@@ -10,9 +10,11 @@ namespace ZEL::API {
 namespace {
 
 class ScanSourceAdapter final : public SPI::Wifi::WifiAdapter {
-public:
+  public:
     ScanSourceAdapter(ZEL_ScanSource source, void* argument)
-        : log_(SPI::getCategory("ZEL.SPI.WifiAdapter.ScanSourceAdapter")), source_(source), argument_(argument) {}
+        : log_(SPI::getCategory("ZEL.SPI.WifiAdapter.ScanSourceAdapter")),
+          source_(source),
+          argument_(argument) {}
 
     std::string name() const override { return "application scan source"; }
     int open() override { return 0; }
@@ -44,7 +46,7 @@ public:
         return 0;
     }
 
-private:
+  private:
     log4cpp::Category& log_;
     ZEL_ScanSource source_;
     void* argument_;
@@ -53,7 +55,8 @@ private:
 
 }  // namespace
 
-std::unique_ptr<SPI::Wifi::WifiAdapter> makeScanSourceAdapter(ZEL_ScanSource source, void* argument) {
+std::unique_ptr<SPI::Wifi::WifiAdapter> makeScanSourceAdapter(ZEL_ScanSource source,
+                                                              void* argument) {
     return std::make_unique<ScanSourceAdapter>(source, argument);
 }
 

@@ -12,7 +12,8 @@ namespace ZEL::API {
 inline constexpr unsigned int kScanSourceCapacity = 256;
 
 // One adapter that reads its scans from `source`; open and startScan always succeed.
-std::unique_ptr<SPI::Wifi::WifiAdapter> makeScanSourceAdapter(ZEL_ScanSource source, void* argument);
+std::unique_ptr<SPI::Wifi::WifiAdapter> makeScanSourceAdapter(ZEL_ScanSource source,
+                                                              void* argument);
 
 // Makes `source` the only adapter the engine enumerates; null restores the system's.
 void installScanSource(ZEL_ScanSource source, void* argument);

@@ -25,7 +25,8 @@ void EngineTest::SetUp() {
         positions.push_back(position);
     }
     const auto* test = ::testing::UnitTest::GetInstance()->current_test_info();
-    tilePath_ = ::testing::TempDir() + "engine_" + test->test_suite_name() + "_" + test->name() + ".zel";
+    tilePath_ =
+        ::testing::TempDir() + "engine_" + test->test_suite_name() + "_" + test->name() + ".zel";
     auto written = API::TileWriter::writeFile(tilePath_, positions, kRealm);
     ASSERT_TRUE(written.ok) << written.error;
     const char* paths[] = {tilePath_.c_str(), nullptr};
@@ -59,7 +60,8 @@ void EngineTest::repeatScan(const ApList& scan, size_t count) {
 }
 
 std::string EngineTest::locationAnswer(int nap, const std::string& city) {
-    std::string address = city.empty() ? "" : "<street-address><city>" + city + "</city></street-address>";
+    std::string address =
+        city.empty() ? "" : "<street-address><city>" + city + "</city></street-address>";
     return "<?xml version='1.0'?><LocationRS xmlns='" + std::string(API::kRequestNamespaceUri) +
            "'><location nap='" + std::to_string(nap) +
            "'><latitude>52.52</latitude><longitude>13.405</longitude><hpe>42</hpe>" + address +

@@ -16,10 +16,10 @@
 namespace ZEL::Testing {
 
 class EngineTest : public ::testing::Test {
-protected:
+  protected:
     // Access points of the tile file, a few tens of metres apart near 48.137, 11.575.
-    static constexpr const char* kKnown[] = {"0A0000000001", "0A0000000002", "0A0000000003", "0A0000000004",
-                                             "0A0000000005"};
+    static constexpr const char* kKnown[] = {"0A0000000001", "0A0000000002", "0A0000000003",
+                                             "0A0000000004", "0A0000000005"};
     static constexpr const char* kRealm = "testrealm";
 
     void SetUp() override;

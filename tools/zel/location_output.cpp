@@ -25,11 +25,16 @@ nlohmann::json streetAddressJson(const ZEL_StreetAddress* address) {
     for (char** line = address->address_line; line != nullptr && *line != nullptr; ++line) {
         lines.push_back(*line);
     }
-    return {{"street_number", address->street_number}, {"address_lines", lines},
-            {"city", address->city},                   {"postal_code", address->postal_code},
-            {"county", address->county},               {"province", address->province},
-            {"region", address->region},               {"state", address->state},
-            {"state_code", address->state_code},       {"country", address->country},
+    return {{"street_number", address->street_number},
+            {"address_lines", lines},
+            {"city", address->city},
+            {"postal_code", address->postal_code},
+            {"county", address->county},
+            {"province", address->province},
+            {"region", address->region},
+            {"state", address->state},
+            {"state_code", address->state_code},
+            {"country", address->country},
             {"country_code", address->country_code}};
 }
 
@@ -48,7 +53,8 @@ std::string streetAddressText(const ZEL_StreetAddress* address) {
     }
     add(street.c_str());
     for (char** line = address->address_line; line != nullptr && *line != nullptr; ++line) {
-        if (line != address->address_line) add(*line);
+        if (line != address->address_line)
+            add(*line);
     }
     add(address->postal_code);
     add(address->city);
@@ -64,7 +70,8 @@ void printApTable(const char* title, const ZEL_APTable& table) {
     for (unsigned i = 0; i < table.count; ++i) {
         ZEL::MacAddress mac;
         std::copy_n(table.aps[i].mac, 6, mac.begin());
-        std::printf("%s%s %d dBm", i == 0 ? ": " : ", ", ZEL::macText(mac).c_str(), table.aps[i].rss);
+        std::printf("%s%s %d dBm", i == 0 ? ": " : ", ", ZEL::macText(mac).c_str(),
+                    table.aps[i].rss);
     }
     std::printf("\n");
 }
@@ -73,15 +80,24 @@ void printApTable(const char* title, const ZEL_APTable& table) {
 
 const char* describeCode(int code) {
     switch (code) {
-        case ZEL_OK: return "success";
-        case ZEL_ERROR_WIFI: return "no usable Wi-Fi adapter";
-        case ZEL_ERROR_NO_WIFI_IN_RANGE: return "no access point heard";
-        case ZEL_ERROR_UNAUTHORIZED: return "the server refused the credentials";
-        case ZEL_ERROR_SERVER_UNAVAILABLE: return "the server could not be reached";
-        case ZEL_ERROR_LOCATION_CANNOT_BE_DETERMINED: return "the location cannot be determined";
-        case ZEL_ERROR_PROXY_UNAUTHORIZED: return "the proxy asked for authentication";
-        case ZEL_ERROR_NOT_READY: return "the request could not be prepared";
-        default: return "unknown error";
+        case ZEL_OK:
+            return "success";
+        case ZEL_ERROR_WIFI:
+            return "no usable Wi-Fi adapter";
+        case ZEL_ERROR_NO_WIFI_IN_RANGE:
+            return "no access point heard";
+        case ZEL_ERROR_UNAUTHORIZED:
+            return "the server refused the credentials";
+        case ZEL_ERROR_SERVER_UNAVAILABLE:
+            return "the server could not be reached";
+        case ZEL_ERROR_LOCATION_CANNOT_BE_DETERMINED:
+            return "the location cannot be determined";
+        case ZEL_ERROR_PROXY_UNAUTHORIZED:
+            return "the proxy asked for authentication";
+        case ZEL_ERROR_NOT_READY:
+            return "the request could not be prepared";
+        default:
+            return "unknown error";
     }
 }
 
@@ -133,8 +149,8 @@ void printLocation(int code, const ZEL_Location* location, bool json) {
     if (code != ZEL_OK) {
         std::printf("code %d: %s\n", code, describeCode(code));
     }
-    std::printf("position   %.6f, %.6f  +/- %.0f m from %u APs\n", location->latitude, location->longitude,
-                location->hpe, location->nap);
+    std::printf("position   %.6f, %.6f  +/- %.0f m from %u APs\n", location->latitude,
+                location->longitude, location->hpe, location->nap);
     if (location->speed < 0) {
         std::printf("motion     unknown (a server's position)\n");
     } else {
@@ -145,7 +161,8 @@ void printLocation(int code, const ZEL_Location* location, bool json) {
     }
     printApTable("known", location->known_aps);
     printApTable("unknown", location->unknown_aps);
-    std::printf("map        %s\n", geoUri(location->latitude, location->longitude, location->hpe).c_str());
+    std::printf("map        %s\n",
+                geoUri(location->latitude, location->longitude, location->hpe).c_str());
 }
 
 void printIpLocation(int code, const ZEL_IPLocation* location, bool json) {

@@ -20,7 +20,8 @@ bool ReplaySource::load(const std::string& path) {
         if (item->scan) {
             scans_.push_back(std::move(item->scan->aps));
         } else {
-            std::fprintf(stderr, "zel: %s:%zu: skipped: %s\n", path.c_str(), item->line, item->error.c_str());
+            std::fprintf(stderr, "zel: %s:%zu: skipped: %s\n", path.c_str(), item->line,
+                         item->error.c_str());
         }
     }
     if (scans_.empty()) {
@@ -42,7 +43,8 @@ void ReplaySource::uninstall() {
     }
 }
 
-int ReplaySource::nextScan(void* self, ZEL_APEntry* aps, unsigned int capacity, unsigned int* count) {
+int ReplaySource::nextScan(void* self, ZEL_APEntry* aps, unsigned int capacity,
+                           unsigned int* count) {
     auto* source = static_cast<ReplaySource*>(self);
     *count = 0;
     if (source->exhausted()) {

@@ -11,7 +11,7 @@
 namespace zel::cli {
 
 class ReplaySource {
-public:
+  public:
     // Reads the recording at `path`; malformed lines are reported on stderr and skipped.
     // Returns false (after saying why) when the file can't be read or holds no scan.
     bool load(const std::string& path);
@@ -26,7 +26,7 @@ public:
     size_t delivered() const { return next_; }
     bool exhausted() const { return next_ >= scans_.size(); }
 
-private:
+  private:
     static int nextScan(void* self, ZEL_APEntry* aps, unsigned int capacity, unsigned int* count);
 
     std::vector<ZEL::ApList> scans_;

@@ -41,8 +41,10 @@ void ServiceOptions::apply() const {
 }
 
 ZEL_StreetAddressLookup ServiceOptions::lookupLevel() const {
-    if (streetAddress == "full") return ZEL_FULL_STREET_ADDRESS_LOOKUP;
-    if (streetAddress == "limited") return ZEL_LIMITED_STREET_ADDRESS_LOOKUP;
+    if (streetAddress == "full")
+        return ZEL_FULL_STREET_ADDRESS_LOOKUP;
+    if (streetAddress == "limited")
+        return ZEL_LIMITED_STREET_ADDRESS_LOOKUP;
     return ZEL_NO_STREET_ADDRESS_LOOKUP;
 }
 
