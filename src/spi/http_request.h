@@ -45,8 +45,10 @@ class XmlHttpRequest {
     virtual void setRequestHeader(const std::string& name, const std::string& value) = 0;
 
     // Sends `length` bytes (not empty) as the request body and reads the whole answer.
-    // A failed first attempt is sent once more, after a certificate error with the
-    // server certificate no longer verified. Asynchronous: 0 once the send started.
+    // An attempt that failed before any answer arrived is sent once more (after a
+    // certificate error, without verifying the server certificate). An error answer
+    // whose connection drops after its head still counts as that answer.
+    // Asynchronous: 0 once the send started.
     virtual int send(const void* data, size_t length) = 0;
 
     // Stops a running send, then forgets the exchange: headers, bodies and status

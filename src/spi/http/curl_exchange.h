@@ -37,9 +37,10 @@ struct ExchangeResponse {
     std::string body;
 };
 
-// Runs the exchange: sends once more after a failed attempt (without verifying the
-// server certificate when that was the failure) and maps curl's error to the
-// transport's numbers. `abort` ends a running transfer at its next progress report.
+// Runs the exchange: sends once more after an attempt that failed before any answer
+// arrived (without verifying the server certificate when that was the failure) and
+// maps curl's error to the transport's numbers. `abort` ends a running transfer at
+// its next progress report.
 int runExchange(const ExchangeRequest& request, ExchangeResponse& response,
                 const std::atomic<bool>& abort, log4cpp::Category& category);
 
