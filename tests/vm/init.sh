@@ -1,0 +1,64 @@
+#!/bin/busybox sh
+# PID 1 of the test VM. Loads the simulated radios, starts the access points of
+# /etc/zel-vm/aps, brings the station up, then runs each line of
+# /etc/zel-vm/commands, printing "zel-vm: status CODE: COMMAND" after each, and
+# powers off. The host reads the console for those lines.
+/bin/busybox --install -s /bin
+export PATH=/bin:/sbin:/usr/bin:/usr/sbin
+mount -t proc proc /proc
+mount -t sysfs sysfs /sys
+mount -t devtmpfs devtmpfs /dev
+mount -t tmpfs tmpfs /tmp
+mount -t tmpfs tmpfs /run
+mkdir -p /run/lock
+cfg=/etc/zel-vm
+say() { echo "zel-vm: $*"; }
+stop() { say "$*"; sync; poweroff -f; sleep 5; exit 1; }
+
+say "booted: $(uname -r)"
+while read -r module params; do
+    insmod "/lib/modules/$module" $params || stop "insmod $module failed"
+done < $cfg/modules
+ip link set lo up
+
+# Bounded wait until `iw dev IF WHAT` (info, link) mentions TEXT.
+wait_for() {
+    i=0
+    while ! iw dev "$1" "$2" | grep -q "$3"; do
+        i=$((i + 1))
+        [ $i -gt 100 ] && stop "$1 never showed \"$3\""
+        sleep 0.1
+    done
+}
+
+# interface BSSID SSID channel transmit-power(dBm) expected-signal(dBm)
+while read -r ifname bssid ssid channel power expected; do
+    ip link set "$ifname" address "$bssid" || stop "cannot set $ifname to $bssid"
+    printf 'interface=%s\ndriver=nl80211\nssid=%s\nhw_mode=g\nchannel=%s\n' \
+        "$ifname" "$ssid" "$channel" > "/tmp/hostapd-$ifname.conf"
+    hostapd -B -f "/tmp/hostapd-$ifname.log" "/tmp/hostapd-$ifname.conf" < /dev/null ||
+        { cat "/tmp/hostapd-$ifname.log"; stop "hostapd on $ifname failed"; }
+    wait_for "$ifname" info "ssid $ssid"
+    iw dev "$ifname" set txpower fixed $((power * 100)) || stop "txpower on $ifname failed"
+    say "AP $bssid \"$ssid\" on $ifname, channel $channel, $power dBm"
+done < $cfg/aps
+
+if [ -s $cfg/ibss ]; then
+    read -r ifname ssid frequency < $cfg/ibss
+    iw dev "$ifname" set type ibss && ip link set "$ifname" up &&
+        iw dev "$ifname" ibss join "$ssid" "$frequency" fixed-freq ||
+        stop "ad-hoc network on $ifname failed"
+    wait_for "$ifname" link "Joined IBSS"
+    say "ad-hoc \"$ssid\" on $ifname, $frequency MHz"
+fi
+
+station=$(cat $cfg/station)
+ip link set "$station" up || stop "cannot bring $station up"
+
+while read -r command; do
+    [ -z "$command" ] && continue
+    say "run: $command"
+    sh -c "$command" < /dev/null
+    say "status $?: $command"
+done < $cfg/commands
+stop "done"
