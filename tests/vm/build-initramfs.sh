@@ -15,6 +15,7 @@ here=$(cd "$(dirname "$0")" && pwd)
 
 root=$(mktemp -d "${output}.root.XXXXXX")
 trap 'rm -rf "$root"' EXIT
+chmod 755 "$root"  # the VM's "/": mktemp made it private, the tests also run unprivileged
 mkdir -p "$root"/{bin,sbin,usr/bin,usr/sbin,proc,sys,dev,tmp,run,etc,lib/modules}
 
 # An executable and every shared library it needs, at their own paths.

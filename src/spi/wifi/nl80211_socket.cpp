@@ -19,10 +19,12 @@ struct CallbackDeleter {
 };
 using Callbacks = std::unique_ptr<nl_cb, CallbackDeleter>;
 
-// State of one request: 1 while waiting, 0 once acknowledged or the dump ended,
-// a positive errno when the kernel refused.
+// State of one request: done once acknowledged, the dump ended or the kernel
+// refused; `error` then holds 0 or the kernel's positive errno (EPERM is 1, so the
+// error cannot double as the "still waiting" mark).
 struct RequestState {
-    int status = 1;
+    bool done = false;
+    int error = 0;
     const Nl80211Socket::ReplyHandler* onReply = nullptr;
 };
 
@@ -35,17 +37,19 @@ int onValid(nl_msg* message, void* argument) {
 }
 
 int onFinish(nl_msg*, void* argument) {
-    static_cast<RequestState*>(argument)->status = 0;
+    static_cast<RequestState*>(argument)->done = true;
     return NL_SKIP;
 }
 
 int onAck(nl_msg*, void* argument) {
-    static_cast<RequestState*>(argument)->status = 0;
+    static_cast<RequestState*>(argument)->done = true;
     return NL_STOP;
 }
 
 int onError(sockaddr_nl*, nlmsgerr* error, void* argument) {
-    static_cast<RequestState*>(argument)->status = error->error < 0 ? -error->error : EIO;
+    auto* state = static_cast<RequestState*>(argument);
+    state->done = true;
+    state->error = error->error < 0 ? -error->error : EIO;
     return NL_STOP;
 }
 
@@ -119,15 +123,15 @@ int Nl80211Socket::request(const Message& message, const ReplyHandler& onReply) 
     if (nl_send_auto(socket_, message.get()) < 0) {
         return EIO;
     }
-    while (state.status == 1) {
+    while (!state.done) {
         if (!waitReadable(kReplyTimeoutMs)) {
             return ETIMEDOUT;
         }
-        if (nl_recvmsgs(socket_, callbacks.get()) < 0 && state.status == 1) {
+        if (nl_recvmsgs(socket_, callbacks.get()) < 0 && !state.done) {
             return EIO;
         }
     }
-    return state.status;
+    return state.error;
 }
 
 int Nl80211Socket::subscribe(const char* group) {

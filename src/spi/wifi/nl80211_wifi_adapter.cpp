@@ -113,8 +113,14 @@ int Nl80211WifiAdapter::open() {
     return 0;
 }
 
+void Nl80211WifiAdapter::releaseLock() {
+    if (lock_.acquired()) {
+        lock_.release();
+    }
+}
+
 void Nl80211WifiAdapter::close() {
-    lock_.release();
+    releaseLock();
     scanPending_ = false;
     events_.reset();
     commands_.reset();
@@ -158,7 +164,7 @@ int Nl80211WifiAdapter::finishTrigger(int error) {
         scanPending_ = true;
         return 0;
     }
-    lock_.release();
+    releaseLock();
     if (error == EBUSY) {
         // The supplicant (or another tool) is scanning: wait for its results.
         ZEL_LOG_INFO(log_, "%s: busy, a scan is already under way", name().c_str());
@@ -237,11 +243,11 @@ int Nl80211WifiAdapter::getScanResults(ApList& list) {
     int error = dumpScan(entries);
     if (error != 0) {
         ZEL_LOG_ERROR(log_, "%s: NL80211_CMD_GET_SCAN failed with error %d", name().c_str(), error);
-        lock_.release();
+        releaseLock();
         return error;
     }
     collectScanResults(entries, list, log_);
-    lock_.release();
+    releaseLock();
     return 0;
 }
 

@@ -41,6 +41,7 @@ class Nl80211WifiAdapter final : public WifiAdapter {
 
   private:
     int finishTrigger(int error);
+    void releaseLock();
     void waitForScanEnd();
     int dumpScan(std::vector<BssEntry>& entries);
 
