@@ -1,6 +1,6 @@
 #!/bin/busybox sh
-# PID 1 of the test VM. Loads the simulated radios, starts the access points of
-# /etc/zel-vm/aps, brings the station up, then runs each line of
+# PID 1 of the test VM. Loads the simulated radios, starts the medium and the
+# access points of /etc/zel-vm/aps, brings the station up, then runs each line of
 # /etc/zel-vm/commands, printing "zel-vm: status CODE: COMMAND" after each, and
 # powers off. The host reads the console for those lines.
 /bin/busybox --install -s /bin
@@ -21,6 +21,20 @@ while read -r module params; do
 done < $cfg/modules
 ip link set lo up
 
+# The medium: every frame from radio N (wlanN) reaches the others with the signal
+# of that radio's access point. Registered before any radio transmits.
+signals=""
+while read -r ifname bssid ssid channel signal; do
+    signals="$signals ${ifname#wlan}=$signal"
+done < $cfg/aps
+zel_vm_hwsim_medium /tmp/medium.ready "$(cat $cfg/radios)" $signals &
+i=0
+while [ ! -e /tmp/medium.ready ]; do
+    i=$((i + 1))
+    [ $i -gt 100 ] && stop "the hwsim medium did not start"
+    sleep 0.1
+done
+
 # Bounded wait until `iw dev IF WHAT` (info, link) mentions TEXT.
 wait_for() {
     i=0
@@ -31,16 +45,15 @@ wait_for() {
     done
 }
 
-# interface BSSID SSID channel transmit-power(dBm) expected-signal(dBm)
-while read -r ifname bssid ssid channel power expected; do
+# interface BSSID SSID channel signal(dBm)
+while read -r ifname bssid ssid channel signal; do
     ip link set "$ifname" address "$bssid" || stop "cannot set $ifname to $bssid"
     printf 'interface=%s\ndriver=nl80211\nssid=%s\nhw_mode=g\nchannel=%s\n' \
         "$ifname" "$ssid" "$channel" > "/tmp/hostapd-$ifname.conf"
     hostapd -B -f "/tmp/hostapd-$ifname.log" "/tmp/hostapd-$ifname.conf" < /dev/null ||
         { cat "/tmp/hostapd-$ifname.log"; stop "hostapd on $ifname failed"; }
     wait_for "$ifname" info "ssid $ssid"
-    iw dev "$ifname" set txpower fixed $((power * 100)) || stop "txpower on $ifname failed"
-    say "AP $bssid \"$ssid\" on $ifname, channel $channel, $power dBm"
+    say "AP $bssid \"$ssid\" on $ifname, channel $channel, heard at $signal dBm"
 done < $cfg/aps
 
 if [ -s $cfg/ibss ]; then

@@ -1,12 +1,13 @@
 #!/usr/bin/env bash
 # The scan against a real kernel: boots the Debian kernel under qemu (software
-# emulation) with mac80211_hwsim radios, access points of known BSSIDs and
-# transmit powers on some radios, and runs the commands of tests/vm/commands on
-# the station radio.
+# emulation) with mac80211_hwsim radios, access points of known BSSIDs on some
+# radios, a medium that gives each a known signal, and runs the commands of
+# tests/vm/commands with the station radio up.
 #
 #   run-vm-test.sh WORK_DIR CACHE_DIR PROGRAM...
 #
-# PROGRAMs are copied into the VM's /bin (see build-initramfs.sh for data files).
+# PROGRAMs are copied into the VM's /bin (see build-initramfs.sh for data files);
+# they must include zel_vm_hwsim_medium.
 # Exit status: 0 when every command exited 0, 1 on a failure, 77 (skipped) when
 # qemu, the user-space tools or the kernel cannot be had.
 set -euo pipefail
@@ -27,14 +28,14 @@ kernel_root=$("$here/fetch-kernel.sh" "$cache") || status=$?
 [ $status -eq 0 ] || fail "fetching the kernel"
 kernel=$(ls "$kernel_root"/boot/vmlinuz-* | head -n 1)
 
-# The simulated world: radios wlan0..wlan2 are access points whose signal at the
-# station is hwsim's -50 dBm plus their transmit power; wlan3 is an ad-hoc
-# station that must not be reported; wlan4 scans.
+# The simulated world: radios wlan0..wlan2 are access points that the medium
+# makes heard at the given signal; wlan3 is an ad-hoc station that must not be
+# reported; wlan4 scans.
 rm -rf "$work"; mkdir -p "$work/config"
 cat > "$work/config/aps" <<'APS'
-wlan0 02:5a:45:4c:00:01 zel-one 1 20 -30
-wlan1 02:5a:45:4c:00:02 zel-two 6 12 -38
-wlan2 02:5a:45:4c:00:03 zel-three 11 4 -46
+wlan0 02:5a:45:4c:00:01 zel-one 1 -45
+wlan1 02:5a:45:4c:00:02 zel-two 6 -67
+wlan2 02:5a:45:4c:00:03 zel-three 11 -82
 APS
 echo "wlan3 zel-adhoc 2437" > "$work/config/ibss"
 echo wlan4 > "$work/config/station"
