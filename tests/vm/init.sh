@@ -68,6 +68,28 @@ fi
 station=$(cat $cfg/station)
 ip link set "$station" up || stop "cannot bring $station up"
 
+# Under emulation a probe response can miss the scan's 30 ms on its channel. Scan
+# the access points' channels until the kernel has heard every one, so the tests
+# start from a known world (the kernel keeps what it heard for 30 s). Only
+# triggers here: "iw scan" itself sometimes waits forever for the scan's end.
+frequencies=$(while read -r ifname bssid ssid channel signal; do
+    echo $((2407 + 5 * channel)); done < $cfg/aps)
+heard_all() {
+    timeout 10 iw dev "$station" scan dump > /tmp/scan-dump
+    while read -r ifname bssid rest; do
+        grep -qi "^BSS $bssid" /tmp/scan-dump || return 1
+    done < $cfg/aps
+}
+polls=0
+until heard_all; do
+    polls=$((polls + 1))
+    [ $polls -gt 50 ] && stop "the station never heard every access point"
+    # EBUSY while the previous set-up scan runs: nothing to do but wait.
+    timeout 10 iw dev "$station" scan trigger freq $frequencies > /dev/null 2>&1
+    sleep 0.3
+done
+say "station $station heard every access point after $polls polls"
+
 while read -r command; do
     [ -z "$command" ] && continue
     say "run: $command"
