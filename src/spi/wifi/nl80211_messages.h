@@ -1,0 +1,56 @@
+// Reading the nl80211 messages the Wi-Fi adapter receives: interfaces, scan events
+// and BSS entries. Pure functions over one message, so they can be tested on
+// messages built in memory.
+//
+// Every function takes a complete netlink message (header, generic-netlink header,
+// attributes) whose length the caller has checked; attributes are validated
+// against nl80211's types, and a message missing what a function needs gives an
+// empty result rather than a partly filled one.
+#pragma once
+
+#include <linux/netlink.h>
+
+#include <cstdint>
+#include <optional>
+#include <string>
+
+#include "spi/scanned_ap.h"
+
+namespace ZEL::SPI::Wifi {
+
+// A driver's signal value as dBm. Values below -100000 are scaled by 1/100000
+// (truncating toward zero); then negative values are dBm as they stand, 1..99 is a
+// percentage mapped onto -95..-10 dBm as (value - 10) * 85 / 90 - 95, and 0 or 100
+// and above mean "unknown": -255.
+int16_t rssToDbm(int32_t driverValue);
+
+// The SSID element (id 0) of 802.11 information elements; empty when absent or
+// when an element runs past `length`.
+std::string ssidFromInformationElements(const uint8_t* elements, size_t length);
+
+// One entry of an NL80211_CMD_GET_INTERFACE reply.
+struct InterfaceInfo {
+    std::string name;
+    uint32_t index = 0;
+    uint32_t type = 0;  // enum nl80211_iftype
+};
+std::optional<InterfaceInfo> parseInterface(const nlmsghdr* message);
+
+// What a message of the "scan" multicast group means for the interface `ifindex`.
+enum class ScanEvent { None, Started, Results, Aborted };
+ScanEvent scanEventFor(const nlmsghdr* message, uint32_t ifindex);
+
+// One entry of an NL80211_CMD_GET_SCAN dump. The record's time is `now` minus the
+// entry's age; its signal comes from NL80211_BSS_SIGNAL_MBM (mBm / 100), else from
+// NL80211_BSS_SIGNAL_UNSPEC (0..100) through rssToDbm, else it is unknown (-255).
+struct BssEntry {
+    ScannedAP ap;
+    uint16_t capability = 0;  // 802.11 capability information field
+
+    // The ESS bit: an access point of an infrastructure network. Ad-hoc (IBSS)
+    // and mesh stations do not set it.
+    bool infrastructure() const { return (capability & 0x0001) != 0; }
+};
+std::optional<BssEntry> parseBss(const nlmsghdr* message, SPI::TimeStamp now);
+
+}  // namespace ZEL::SPI::Wifi

@@ -1,0 +1,60 @@
+// One generic-netlink socket talking to the kernel's nl80211 family.
+#pragma once
+
+#include <linux/netlink.h>
+
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <string>
+
+struct nl_msg;
+struct nl_sock;
+
+namespace ZEL::SPI::Wifi {
+
+struct MessageDeleter {
+    void operator()(nl_msg* message) const;
+};
+using Message = std::unique_ptr<nl_msg, MessageDeleter>;
+
+// Errors are positive errno values: the kernel's own answer where it gave one,
+// EIO for a failure inside libnl, ETIMEDOUT when the kernel stays silent.
+// Not thread-safe; each adapter owns its sockets.
+class Nl80211Socket final {
+  public:
+    using ReplyHandler = std::function<void(const nlmsghdr*)>;
+
+    // Connects and resolves the nl80211 family; null with `error` set when the
+    // kernel has no nl80211 (no wireless stack) or netlink is unavailable.
+    static std::unique_ptr<Nl80211Socket> connect(int& error, std::string& reason);
+    ~Nl80211Socket();
+    Nl80211Socket(const Nl80211Socket&) = delete;
+    Nl80211Socket& operator=(const Nl80211Socket&) = delete;
+
+    // A new nl80211 message for `command` with `flags` (NLM_F_DUMP for dumps);
+    // null only when memory runs out.
+    Message newMessage(uint8_t command, int flags = 0) const;
+
+    // Sends `message` and hands every reply to `onReply` until the kernel
+    // acknowledges or ends the dump. Each wait for the kernel is bounded.
+    int request(const Message& message, const ReplyHandler& onReply = {});
+
+    // Joins the nl80211 multicast group `group` ("scan", ...) and makes the socket
+    // non-blocking, for use as an event socket.
+    int subscribe(const char* group);
+    // Waits up to `timeoutMs` for events and hands each one to `onEvent`. Returns 0
+    // when at least one message was read, ETIMEDOUT when none came.
+    int readEvents(int timeoutMs, const ReplyHandler& onEvent);
+    // Discards every event already queued.
+    void drainEvents();
+
+  private:
+    Nl80211Socket(nl_sock* socket, int family) : socket_(socket), family_(family) {}
+    bool waitReadable(int timeoutMs) const;
+
+    nl_sock* socket_;
+    int family_;
+};
+
+}  // namespace ZEL::SPI::Wifi

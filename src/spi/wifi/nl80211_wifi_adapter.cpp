@@ -1,0 +1,254 @@
+#include "spi/wifi/nl80211_wifi_adapter.h"
+
+#include <linux/nl80211.h>
+#include <net/if.h>
+#include <netlink/attr.h>
+#include <sys/ioctl.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+
+#include "spi/clock.h"
+#include "spi/log.h"
+#include "spi/wifi/scan_results.h"
+
+namespace ZEL::SPI::Wifi {
+namespace {
+
+const char kCategory[] = "ZEL.SPI.WifiAdapter.Nl80211WifiAdapter";
+
+// Bounds the event reads of one wait even if the clock in force stands still.
+constexpr int kMaxEventReads = 1000;
+
+bool interfaceIsUp(const std::string& name) {
+    int fd = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+    if (fd < 0) {
+        return true;  // cannot tell: let the scan itself report the problem
+    }
+    ifreq request{};
+    std::strncpy(request.ifr_name, name.c_str(), IFNAMSIZ - 1);
+    bool up = ioctl(fd, SIOCGIFFLAGS, &request) != 0 || (request.ifr_flags & IFF_UP) != 0;
+    ::close(fd);
+    return up;
+}
+
+std::unique_ptr<Nl80211Socket> connectOrLog(log4cpp::Category& log, const std::string& name,
+                                            int& error) {
+    std::string reason;
+    auto socket = Nl80211Socket::connect(error, reason);
+    if (!socket) {
+        ZEL_LOG_ERROR(log, "%s: can't open nl80211: %s", name.c_str(), reason.c_str());
+    }
+    return socket;
+}
+
+}  // namespace
+
+AdapterList enumerateNl80211Adapters(const Nl80211Options& options) {
+    log4cpp::Category& log = getCategory(kCategory);
+    int error = 0;
+    std::string reason;
+    auto socket = Nl80211Socket::connect(error, reason);
+    if (!socket) {
+        ZEL_LOG_INFO(log, "no wireless interfaces: %s", reason.c_str());
+        return {};
+    }
+    std::vector<InterfaceInfo> interfaces;
+    error = socket->request(socket->newMessage(NL80211_CMD_GET_INTERFACE, NLM_F_DUMP),
+                            [&](const nlmsghdr* reply) {
+                                if (auto info = parseInterface(reply)) {
+                                    interfaces.push_back(std::move(*info));
+                                }
+                            });
+    if (error != 0) {
+        ZEL_LOG_ERROR(log, "NL80211_CMD_GET_INTERFACE failed with error %d", error);
+        return {};
+    }
+    AdapterList adapters;
+    for (InterfaceInfo& interface : interfaces) {
+        const char* name = interface.name.c_str();
+        if (interface.type != NL80211_IFTYPE_STATION) {
+            ZEL_LOG_DEBUG(log, "%s: interface type is not station (%u)", name, interface.type);
+        } else if (!interfaceIsUp(interface.name)) {
+            ZEL_LOG_DEBUG(log, "%s: interface is down", name);
+        } else {
+            ZEL_LOG_DEBUG(log, "%s: ifindex = %u", name, interface.index);
+            adapters.push_back(std::make_unique<Nl80211WifiAdapter>(interface, options));
+        }
+    }
+    return adapters;
+}
+
+Nl80211WifiAdapter::Nl80211WifiAdapter(InterfaceInfo interface, const Nl80211Options& options)
+    : log_(getCategory(kCategory)),
+      interface_(std::move(interface)),
+      scanTimeoutMs_(options.scanTimeoutMs),
+      lock_(options.lockPath, log_) {}
+
+Nl80211WifiAdapter::~Nl80211WifiAdapter() {
+    close();
+}
+
+int Nl80211WifiAdapter::open() {
+    if (commands_) {
+        return 0;
+    }
+    int error = 0;
+    auto commands = connectOrLog(log_, interface_.name, error);
+    auto events = commands ? connectOrLog(log_, interface_.name, error) : nullptr;
+    if (!events) {
+        return error;
+    }
+    // Subscribed for the adapter's whole life, so that no scan's end can slip by
+    // between a trigger and the wait for its results.
+    if ((error = events->subscribe("scan")) != 0) {
+        ZEL_LOG_ERROR(log_, "%s: can't join the nl80211 scan group: %d", name().c_str(), error);
+        return error;
+    }
+    commands_ = std::move(commands);
+    events_ = std::move(events);
+    ZEL_LOG_INFO(log_, "%s opened", name().c_str());
+    return 0;
+}
+
+void Nl80211WifiAdapter::releaseLock() {
+    if (lock_.acquired()) {
+        lock_.release();
+    }
+}
+
+void Nl80211WifiAdapter::close() {
+    releaseLock();
+    scanPending_ = false;
+    events_.reset();
+    commands_.reset();
+}
+
+int Nl80211WifiAdapter::startScan() {
+    if (!commands_) {
+        ZEL_LOG_ERROR(log_, "%s: startScan on a closed adapter", name().c_str());
+        return ENOTCONN;
+    }
+    switch (lock_.tryAcquire()) {
+        case ScanLock::Outcome::AlreadyHeld:
+            ZEL_LOG_DEBUG(log_, "%s: scan already in progress...", name().c_str());
+            return 0;
+        case ScanLock::Outcome::HeldElsewhere:
+            // Another user's scan is running: its results are ours too.
+            ZEL_LOG_DEBUG(log_, "%s: another process is scanning", name().c_str());
+            scanPending_ = true;
+            return 0;
+        case ScanLock::Outcome::Acquired:
+        case ScanLock::Outcome::Failed:  // no lock file: scan unguarded
+            break;
+    }
+    events_->drainEvents();
+    Message trigger = commands_->newMessage(NL80211_CMD_TRIGGER_SCAN);
+    int error = ENOMEM;
+    if (trigger && nla_put_u32(trigger.get(), NL80211_ATTR_IFINDEX, interface_.index) == 0) {
+        // One SSID of length 0: the wildcard, so probe requests ask every network.
+        nlattr* ssids = nla_nest_start(trigger.get(), NL80211_ATTR_SCAN_SSIDS);
+        if (ssids && nla_put(trigger.get(), 1, 0, "") == 0) {
+            nla_nest_end(trigger.get(), ssids);
+            error = commands_->request(trigger);
+        }
+    }
+    return finishTrigger(error);
+}
+
+int Nl80211WifiAdapter::finishTrigger(int error) {
+    if (error == 0) {
+        ZEL_LOG_DEBUG(log_, "%s: scanning started...", name().c_str());
+        scanPending_ = true;
+        return 0;
+    }
+    releaseLock();
+    if (error == EBUSY) {
+        // The supplicant (or another tool) is scanning: wait for its results.
+        ZEL_LOG_INFO(log_, "%s: busy, a scan is already under way", name().c_str());
+        scanPending_ = true;
+        return 0;
+    }
+    if (error == EPERM) {
+        if (!permissionLogged_) {
+            ZEL_LOG_INFO(log_,
+                         "%s: no permission to trigger a scan (EPERM), reading the kernel's "
+                         "cached results",
+                         name().c_str());
+            permissionLogged_ = true;
+        }
+        scanPending_ = false;
+        return 0;
+    }
+    ZEL_LOG_ERROR(log_, "%s: NL80211_CMD_TRIGGER_SCAN failed with error %d", name().c_str(), error);
+    return error;
+}
+
+void Nl80211WifiAdapter::waitForScanEnd() {
+    uint32_t start = tickCount();
+    for (int read = 0; read < kMaxEventReads; ++read) {
+        uint32_t elapsed = tickCount() - start;
+        if (elapsed >= scanTimeoutMs_) {
+            break;
+        }
+        ScanEvent end = ScanEvent::None;
+        int error = events_->readEvents(
+            static_cast<int>(scanTimeoutMs_ - elapsed), [&](const nlmsghdr* event) {
+                ScanEvent seen = scanEventFor(event, interface_.index);
+                if (seen == ScanEvent::Results || seen == ScanEvent::Aborted) {
+                    end = seen;
+                }
+            });
+        if (end == ScanEvent::Results) {
+            ZEL_LOG_DEBUG(log_, "%s: scan finished", name().c_str());
+            return;
+        }
+        if (end == ScanEvent::Aborted) {
+            ZEL_LOG_INFO(log_, "%s: scan aborted", name().c_str());
+            return;
+        }
+        if (error == ETIMEDOUT) {
+            break;
+        }
+    }
+    ZEL_LOG_ERROR(log_, "%s: no end of scan within %u ms, reading the kernel's results",
+                  name().c_str(), scanTimeoutMs_);
+}
+
+int Nl80211WifiAdapter::dumpScan(std::vector<BssEntry>& entries) {
+    Message dump = commands_->newMessage(NL80211_CMD_GET_SCAN, NLM_F_DUMP);
+    if (!dump || nla_put_u32(dump.get(), NL80211_ATTR_IFINDEX, interface_.index) != 0) {
+        return ENOMEM;
+    }
+    TimeStamp now = currentTime();
+    return commands_->request(dump, [&](const nlmsghdr* reply) {
+        if (auto entry = parseBss(reply, now)) {
+            entries.push_back(*entry);
+        }
+    });
+}
+
+int Nl80211WifiAdapter::getScanResults(ApList& list) {
+    if (!commands_) {
+        ZEL_LOG_ERROR(log_, "%s: getScanResults on a closed adapter", name().c_str());
+        return ENOTCONN;
+    }
+    if (scanPending_) {
+        waitForScanEnd();
+        scanPending_ = false;
+    }
+    std::vector<BssEntry> entries;
+    int error = dumpScan(entries);
+    if (error != 0) {
+        ZEL_LOG_ERROR(log_, "%s: NL80211_CMD_GET_SCAN failed with error %d", name().c_str(), error);
+        releaseLock();
+        return error;
+    }
+    collectScanResults(entries, list, log_);
+    releaseLock();
+    return 0;
+}
+
+}  // namespace ZEL::SPI::Wifi

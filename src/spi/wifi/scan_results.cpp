@@ -1,0 +1,29 @@
+#include "spi/wifi/scan_results.h"
+
+#include "spi/log.h"
+
+namespace ZEL::SPI::Wifi {
+
+void collectScanResults(const std::vector<BssEntry>& entries, ApList& list,
+                        log4cpp::Category& log) {
+    list.clear();
+    ZEL_LOG_DEBUG(log, "scanned %d APs", static_cast<int>(entries.size()));
+    for (const BssEntry& entry : entries) {
+        std::string mac = macText(entry.ap.mac);
+        std::string ssid = entry.ap.ssidText();
+        if (!entry.infrastructure()) {
+            // The capability field stands where a driver's network mode would.
+            ZEL_LOG_DEBUG(log, "AP %s (%s) not infrastructure (%d)", mac.c_str(), ssid.c_str(),
+                          entry.capability);
+            continue;
+        }
+        list.push_back(entry.ap);
+        if (log.isDebugEnabled()) {
+            ZEL_LOG_DEBUG(log, "scanned AP %s (%s) %d", mac.c_str(), ssid.c_str(), entry.ap.rss);
+        } else {
+            ZEL_LOG_INFO(log, "scanned AP %s %d", mac.c_str(), entry.ap.rss);
+        }
+    }
+}
+
+}  // namespace ZEL::SPI::Wifi
