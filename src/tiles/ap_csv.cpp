@@ -253,9 +253,11 @@ class Parser {
             }
         }
         for (const Weighted& sum : sums) {
-            result_.accessPoints.push_back({sum.mac, sum.latitude / sum.weight,
-                                            sum.longitude / sum.weight, kDefaultQuality,
-                                            kDefaultExponent});
+            // Rounding may carry a mean of values on the limit just past it.
+            result_.accessPoints.push_back({sum.mac,
+                                            std::clamp(sum.latitude / sum.weight, -90.0, 90.0),
+                                            std::clamp(sum.longitude / sum.weight, -180.0, 180.0),
+                                            kDefaultQuality, kDefaultExponent});
         }
     }
 
