@@ -205,6 +205,23 @@ TEST_F(ReaderTest, IndexCountOneTakesTheLastKeyFromBeforeTheIndex) {
     EXPECT_TRUE(found(0x1105));
 }
 
+// With no index entries the records start two bytes before the index: at the
+// count bytes 1 and 0. The first "record" is key delta 1 (an absolute key 1)
+// whose fields come from the zero count byte and the zero first index key.
+TEST_F(ReaderTest, IndexCountZeroDecodesFromTheCountBytes) {
+    HandTile tile = sampleTile();
+    tile.blocks = {{0, {{0, 5, 5, 5, 5}}}};
+    tile.recordCount = 1;
+    tile.indexCount = 0;
+    ASSERT_TRUE(openBytes(handFile({encodeHandTile(tile)}, "")));
+    ApRecord record = lookupKey(1);
+    ASSERT_EQ(record.mac, macOfKey(1));
+    EXPECT_EQ(record.data.latitude, 3'000'000 * std::ldexp(1.0, -16));
+    EXPECT_EQ(record.data.longitude, 500'000 * std::ldexp(1.0, -16));
+    EXPECT_EQ(record.data.quality, 18u);
+    EXPECT_FALSE(found(2));
+}
+
 // Hostile counts in a file that ends exactly at a page boundary: any read past
 // the mapping would fault.
 TEST_F(ReaderTest, HostileCountsNeverReadOutsideTheMapping) {

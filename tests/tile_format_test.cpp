@@ -92,10 +92,14 @@ TEST(Varint, EveryLengthRoundTripsAtItsEdgesWithExactBytes) {
             out.writeVarint(value);
             EXPECT_EQ(BitWriter::varintLength(value), length);
             EXPECT_EQ(out.bitCount(), 1 + 8 * length);
-            BitReader in(out.bytes().data(), static_cast<uint32_t>(out.bytes().size()));
-            in.setPosition(1);
-            EXPECT_EQ(in.readVarint(), value) << "length " << length;
-            EXPECT_EQ(in.position(), 1 + 8 * length);
+            std::vector<uint8_t> bytes = out.bytes();
+            for (size_t spare : {0, 8}) {  // right at the end, and with a whole word to spare
+                bytes.resize(out.bytes().size() + spare, 0xFF);
+                BitReader in(bytes.data(), static_cast<uint32_t>(bytes.size()));
+                in.setPosition(1);
+                EXPECT_EQ(in.readVarint(), value) << "length " << length << " spare " << spare;
+                EXPECT_EQ(in.position(), 1 + 8 * length);
+            }
         }
     }
     auto encode = [](uint64_t value) {
@@ -114,9 +118,11 @@ TEST(Varint, EveryLengthRoundTripsAtItsEdgesWithExactBytes) {
 TEST(Varint, InvalidLeadBytesReadAsZeroConsumingOneByte) {
     for (uint8_t lead : {uint8_t{0xFE}, uint8_t{0xFF}}) {
         const uint8_t bytes[] = {lead, 1, 2, 3, 4, 5, 6, 7, 8};
-        BitReader in(bytes, sizeof bytes);
-        EXPECT_EQ(in.readVarint(), 0u);
-        EXPECT_EQ(in.position(), 8u);
+        for (uint32_t size : {1u, 4u, 9u}) {
+            BitReader in(bytes, size);
+            EXPECT_EQ(in.readVarint(), 0u);
+            EXPECT_EQ(in.position(), 8u);
+        }
     }
 }
 

@@ -204,6 +204,7 @@ TEST_F(TileWriterTest, DuplicateMacsAndCollidingKeysAreDroppedWithAWarning) {
     ASSERT_TRUE(result.ok);
     EXPECT_EQ(result.droppedDuplicates, 2u);
     EXPECT_EQ(result.accessPoints, 2u);
+    EXPECT_EQ(result.tileOfInput, (std::vector<int32_t>{0, -1, 0, -1}));
     EXPECT_TRUE(log.contains("dropped 000000000007: given more than once"));
     EXPECT_TRUE(log.contains("dropped " + macText(macOfKey(second)) + ": its key collides with " +
                              macText(macOfKey(first))));

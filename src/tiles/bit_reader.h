@@ -4,6 +4,7 @@
 // truncated or hostile file decodes zeros instead of reading outside the mapping.
 #pragma once
 
+#include <bit>
 #include <cstdint>
 #include <cstring>
 
@@ -51,6 +52,21 @@ class BitReader {
 
     // A variable-length integer; 0 for an invalid lead byte or a cut-off continuation.
     uint64_t readVarint() {
+        if (uint64_t{bitPos_} + 64 <= bitLength_) {
+            // All seven bytes a varint can have are in the stream: decode from one load.
+            uint64_t word = gather(bitPos_, 64);
+            unsigned ones = static_cast<unsigned>(std::countl_one(static_cast<uint8_t>(word)));
+            if (ones == 0 || ones >= TileFormat::kMaxVarintBytes) {
+                bitPos_ += 8;
+                return ones == 0 ? word & 0x7F : 0;
+            }
+            uint64_t value = word & (0x7Fu >> ones);
+            for (unsigned i = 1; i <= ones; ++i) {
+                value = (value << 8) | ((word >> (8 * i)) & 0xFF);
+            }
+            bitPos_ += 8 * (ones + 1);
+            return value + TileFormat::kVarintOffset[ones + 1];
+        }
         uint64_t lead = read(8);
         unsigned ones = 0;
         while (ones < 8 && (lead & (0x80u >> ones)) != 0) {

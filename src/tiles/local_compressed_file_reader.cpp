@@ -24,6 +24,8 @@ struct TileGroup {
     std::vector<uint32_t> tiles;        // tile positions, by first key
     std::vector<uint64_t> firstKeys;    // firstKeys[i] of tiles[i]
     std::vector<uint64_t> maxLastKeys;  // the greatest last key of tiles[0..i]
+    std::vector<uint64_t> lastKeys;     // lastKeys[i] of tiles[i]
+    std::vector<uint32_t> indexStarts;  // where the block index of tiles[i] lies
 };
 
 class CompressedFileReader final : public LocalCompressedFileReader {
@@ -144,13 +146,15 @@ void CompressedFileReader::buildGroups() {
         bool newBases = !groups_.empty() && (groups_.back().latBase != tiles_[i]->latBase() ||
                                              groups_.back().lonBase != tiles_[i]->lonBase());
         if (groups_.empty() || (hashed && newBases)) {
-            groups_.push_back({tiles_[i]->latBase(), tiles_[i]->lonBase(), {}, {}, {}});
+            groups_.push_back({tiles_[i]->latBase(), tiles_[i]->lonBase(), {}, {}, {}, {}, {}});
         }
         TileGroup& group = groups_.back();
         uint64_t maxLast = group.maxLastKeys.empty() ? 0 : group.maxLastKeys.back();
         group.tiles.push_back(i);
         group.firstKeys.push_back(tiles_[i]->firstKey());
         group.maxLastKeys.push_back(std::max(maxLast, tiles_[i]->lastKey()));
+        group.lastKeys.push_back(tiles_[i]->lastKey());
+        group.indexStarts.push_back(tiles_[i]->indexStart());
     }
 }
 
@@ -159,7 +163,12 @@ void CompressedFileReader::collectCandidates(const TileGroup& group, uint64_t ke
                  group.firstKeys.begin();
     for (size_t i = end; i > 0 && group.maxLastKeys[i - 1] >= key; --i) {
         uint32_t tile = group.tiles[i - 1];
-        if (tile != skip && tiles_[tile]->lastKey() >= key) {
+        if (tile != skip && group.lastKeys[i - 1] >= key) {
+            // The tile object and its index are both needed next: fetch them together.
+            __builtin_prefetch(tiles_[tile].get());
+            if (group.indexStarts[i - 1] < mapping_->length()) {
+                __builtin_prefetch(mapping_->data() + group.indexStarts[i - 1]);
+            }
             candidates_.push_back({recency_[tile], tile, key});
         }
     }

@@ -60,14 +60,22 @@ bool Tile::findKey(uint64_t key, StoredApData& data) const {
     uint32_t blockStart = recordBase();
     for (uint32_t i = 0;; ++i) {
         uint32_t entryPosition = in.position();
-        uint64_t indexKey = in.read(TileFormat::kKeyBits);
-        if (in.position() == entryPosition) {
-            // Past the end every further entry reads as key 0 and delta 0, which
-            // leaves the block key 0 and the offset as it is: stop here.
-            blockKey = 0;
-            break;
+        uint64_t indexKey;
+        uint32_t delta = 0;
+        if (i > 0 && uint64_t{entryPosition} + 64 <= in.bitLength()) {
+            uint64_t entry = in.read(64);  // key and delta in one read
+            indexKey = entry & ((uint64_t{1} << TileFormat::kKeyBits) - 1);
+            delta = static_cast<uint32_t>(entry >> TileFormat::kKeyBits);
+        } else {
+            indexKey = in.read(TileFormat::kKeyBits);
+            if (in.position() == entryPosition) {
+                // Past the end every further entry reads as key 0 and delta 0, which
+                // leaves the block key 0 and the offset as it is: stop here.
+                blockKey = 0;
+                break;
+            }
+            delta = i > 0 ? static_cast<uint32_t>(in.read(16)) : 0;
         }
-        uint32_t delta = i > 0 ? static_cast<uint32_t>(in.read(16)) : 0;
         if (indexKey > key) {
             break;
         }

@@ -47,6 +47,7 @@ class Tile {
     uint32_t indexCount() const { return indexCount_; }
     uint64_t firstKey() const { return firstKey_; }
     uint64_t lastKey() const { return lastKey_; }
+    uint32_t indexStart() const { return indexStart_; }
 
   private:
     uint32_t recordBase() const { return (indexStart_ + 6 + 8 * (indexCount_ - 1)) * 8; }

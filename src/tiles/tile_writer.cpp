@@ -24,6 +24,7 @@ struct Quantized {
     int64_t lonCode;
     uint32_t qualityCode;
     double exponent;  // clamped to 1/6..1/2; rounded per tile
+    uint32_t input;   // position in the caller's list
 };
 
 struct Keyed {
@@ -96,7 +97,8 @@ std::string Builder::checkOptions() const {
 std::string Builder::quantize(const std::vector<AccessPointPosition>& input) {
     double unit = TileFormat::unitDegrees(options_.precision);
     std::unordered_set<uint64_t> seen;
-    for (const AccessPointPosition& ap : input) {
+    for (uint32_t index = 0; index < input.size(); ++index) {
+        const AccessPointPosition& ap = input[index];
         if (!(std::fabs(ap.latitude) <= 90.0) || !(std::fabs(ap.longitude) <= 180.0) ||
             !std::isfinite(ap.signalExponent)) {
             return "access point " + macText(ap.mac) + " has an invalid position or exponent";
@@ -109,7 +111,7 @@ std::string Builder::quantize(const std::vector<AccessPointPosition>& input) {
         uint32_t quality = std::clamp<uint32_t>(ap.quality, 18, 18 + 127);
         double exponent = std::clamp(ap.signalExponent, TileFormat::kExponentFloor, 0.5);
         aps_.push_back({ap.mac, std::llround(ap.latitude / unit), std::llround(ap.longitude / unit),
-                        quality - TileFormat::kQualityOffset, exponent});
+                        quality - TileFormat::kQualityOffset, exponent, index});
     }
     if (aps_.size() < 2) {
         return "a tile file needs at least two distinct access points";
@@ -142,7 +144,11 @@ TileWriteResult Builder::run(const std::vector<AccessPointPosition>& input) {
         file.write(byte, 8);
     }
     std::vector<uint32_t> sizes;
+    result.tileOfInput.assign(input.size(), -1);
     for (const TilePlan& tile : tiles) {
+        for (const Keyed& record : tile.records) {
+            result.tileOfInput[aps_[record.ap].input] = static_cast<int32_t>(sizes.size());
+        }
         std::vector<uint8_t> bytes = encodeTile(tile);
         sizes.push_back(static_cast<uint32_t>(bytes.size()));
         file.writeBytes(bytes);

@@ -54,6 +54,8 @@ struct TileWriteResult {
     size_t tiles = 0;
     size_t droppedDuplicates = 0;
     uint64_t fileBytes = 0;
+    // For each input access point, the tile (in file order) holding it; -1 when dropped.
+    std::vector<int32_t> tileOfInput;
 };
 
 class TileWriter {

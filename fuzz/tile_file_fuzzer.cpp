@@ -1,0 +1,73 @@
+// Opens arbitrary bytes as a tile file and looks MACs up in it.
+//
+// Input: one selector byte, then the file. Selector bit 0 picks the realm (plain
+// or hashed); bit 1 appends the realm's digest to the file, so that most inputs
+// get past the digest check and exercise the tile parser and the lookups.
+#include <cstdint>
+#include <cstring>
+#include <vector>
+
+#include "memory_file.h"
+#include "tiles/local_compressed_file_reader.h"
+#include "tiles/tile.h"
+#include "tiles/tile_directory.h"
+#include "tiles/tile_format.h"
+
+using namespace ZEL;
+using namespace ZEL::API;
+
+namespace {
+
+void lookUp(LocalCompressedFileReader& reader, const MacAddress& mac) {
+    ApRecord record = reader.lookup(mac);
+    if (record.mac != mac && record.mac != MacAddress{}) {
+        abort();  // a record is either the one asked for or empty
+    }
+}
+
+// The inspection path of `zel tiles info`: decode every record of every tile.
+void decodeAll(const std::vector<uint8_t>& file, const std::string& realm) {
+    auto spans = readTileDirectory(file.data(), file.size(), realm);
+    if (!spans) {
+        return;
+    }
+    BitReader bits(file.data(), static_cast<uint32_t>(file.size()));
+    for (uint32_t i = 0; i < spans->size(); ++i) {
+        Tile tile;
+        if (tile.parse((*spans)[i].start, realm, &bits, i)) {
+            tile.forEachRecord([](uint64_t, const StoredApData&) {});
+        }
+    }
+}
+
+}  // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
+    // Lookups in the hashed form cost one digest per distinct tile origin, and a
+    // large hostile file can hold thousands: keep inputs small enough to stay fast.
+    if (size < 1 || size > 16384) {
+        return 0;
+    }
+    std::string realm = (data[0] & 1) ? "city" : "";
+    std::vector<uint8_t> file(data + 1, data + size);
+    if (data[0] & 2) {
+        TileFormat::Digest digest = TileFormat::realmDigest(realm);
+        file.insert(file.end(), digest.begin(), digest.end());
+    }
+    static MemoryFile memory;
+    static auto reader = LocalCompressedFileReader::create();
+    if (file.empty() || !reader->open(memory.set(file.data(), file.size()), realm)) {
+        return 0;
+    }
+    // MACs from the file itself (index keys are plain MACs in the plain form),
+    // and fixed ones at the edges of the key space.
+    for (size_t offset = 4; offset + 6 <= file.size() && offset < 200; offset += 7) {
+        MacAddress mac;
+        std::memcpy(mac.data(), file.data() + offset, 6);
+        lookUp(*reader, mac);
+    }
+    lookUp(*reader, MacAddress{});
+    lookUp(*reader, MacAddress{0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF});
+    decodeAll(file, realm);
+    return 0;
+}

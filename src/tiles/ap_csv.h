@@ -1,0 +1,41 @@
+// Reads access-point positions from CSV text for the tile builder. Two forms:
+//
+//   mac,latitude,longitude[,quality,signal_exponent]
+//       one access point per line (columns found by header name; quality
+//       defaults to 50, signal_exponent to 0.25);
+//   a WiGLE CSV export (first line "WigleWifi-1.6,..." then a header with MAC,
+//       RSSI, CurrentLatitude, CurrentLongitude and optionally Type)
+//       one observation per line; rows of another Type than WIFI are ignored,
+//       and each MAC's position is the mean of its observations weighted by
+//       received power in mW (10^(RSSI/10)); an RSSI of 0 or more means "not
+//       known" and weighs as -100 dBm.
+//
+// The input is untrusted: a malformed line is reported with its number and
+// skipped; nothing in the text can make the parser fail other than a missing
+// or unusable header.
+#pragma once
+
+#include <cstddef>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "tiles/tile_writer.h"
+
+namespace ZEL::API {
+
+struct CsvIssue {
+    size_t line = 0;  // counted from 1
+    std::string message;
+};
+
+struct ApCsvResult {
+    std::string error;  // set when the text has no usable header
+    bool wigle = false;
+    std::vector<AccessPointPosition> accessPoints;  // in order of first appearance
+    std::vector<CsvIssue> issues;                   // the lines skipped, and why
+};
+
+ApCsvResult parseAccessPointCsv(std::string_view text);
+
+}  // namespace ZEL::API

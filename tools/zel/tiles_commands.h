@@ -1,0 +1,12 @@
+// The `zel tiles` subcommands, each in its own file, added by cmd_tiles.cpp.
+#pragma once
+
+#include <CLI/CLI.hpp>
+
+namespace zel::cli::tiles {
+
+void addBuild(CLI::App& tiles);
+void addInfo(CLI::App& tiles);
+void addLookup(CLI::App& tiles);
+
+}  // namespace zel::cli::tiles

@@ -1,0 +1,74 @@
+// zel tiles lookup FILE --realm R MAC...
+#include <cstdio>
+#include <memory>
+#include <nlohmann/json.hpp>
+
+#include "command.h"
+#include "tiles/local_compressed_file_reader.h"
+#include "tiles_commands.h"
+
+namespace zel::cli::tiles {
+namespace {
+
+struct LookupArguments {
+    std::string file;
+    std::string realm;
+    std::vector<std::string> macs;
+    bool json = false;
+};
+
+void print(const std::string& asked, const ZEL::MacAddress& mac, const ZEL::API::ApRecord& record,
+           bool json) {
+    bool found = record.mac == mac;
+    nlohmann::json line = {{"mac", ZEL::macText(mac)}, {"found", found}};
+    if (found) {
+        line["latitude"] = record.data.latitude;
+        line["longitude"] = record.data.longitude;
+        line["quality"] = record.data.quality;
+        line["signal_exponent"] = record.data.signalExponent;
+    }
+    if (json) {
+        std::printf("%s\n", line.dump().c_str());
+    } else if (found) {
+        std::printf("%s %.17g %.17g quality %u exponent %.17g\n", asked.c_str(),
+                    record.data.latitude, record.data.longitude, record.data.quality,
+                    record.data.signalExponent);
+    } else {
+        std::printf("%s not found\n", asked.c_str());
+    }
+}
+
+int lookup(const LookupArguments& arguments) {
+    auto reader = ZEL::API::LocalCompressedFileReader::create();
+    if (!reader || !reader->open(arguments.file, arguments.realm)) {
+        std::fprintf(stderr, "zel tiles lookup: %s is not a valid tile file for realm '%s'\n",
+                     arguments.file.c_str(), arguments.realm.c_str());
+        return 1;
+    }
+    int status = 0;
+    for (const std::string& text : arguments.macs) {
+        auto mac = ZEL::parseMacText(text);
+        if (!mac) {
+            std::fprintf(stderr, "zel tiles lookup: '%s' is not a MAC address\n", text.c_str());
+            status = 1;
+            continue;
+        }
+        print(text, *mac, reader->lookup(*mac), arguments.json);
+    }
+    return status;
+}
+
+}  // namespace
+
+void addLookup(CLI::App& tiles) {
+    auto arguments = std::make_shared<LookupArguments>();
+    CLI::App* command = tiles.add_subcommand("lookup", "Look access points up in a tile file");
+    command->add_option("file", arguments->file, "tile file")->required();
+    command->add_option("macs", arguments->macs, "MACs: 12 hex digits, ':' or '-' allowed")
+        ->required();
+    command->add_option("--realm", arguments->realm, "realm name (empty: plain MAC keys)");
+    command->add_flag("--json", arguments->json, "print one JSON object per MAC");
+    command->callback([arguments] { setExitStatus(lookup(*arguments)); });
+}
+
+}  // namespace zel::cli::tiles
