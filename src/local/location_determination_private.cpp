@@ -81,19 +81,7 @@ int LocationDeterminationPrivate::determine(const LocationRecord*, const ApList&
         return kCannotDetermine;
     }
 
-    std::vector<LocalApEntry> entries;
-    out.knownAps.clear();
-    out.unknownAps.clear();
-    for (const ScannedAP& ap : aps) {
-        auto found = known.find(ap.mac);
-        if (found == known.end()) {
-            ZEL_LOG_DEBUG(log_, "unknown AP: %s", macText(ap.mac).c_str());
-            out.unknownAps.push_back(ap);
-        } else {
-            out.knownAps.push_back(ap);
-            entries.push_back(LocalApEntry::heard(ap, found->second));
-        }
-    }
+    std::vector<LocalApEntry> entries = splitScan(aps, known, out);
     updateTrackedAps(trackedAps_, entries, aps);
 
     estimatePosition(entries, raw, rawHistory(), trackedAps_, log_);
@@ -108,17 +96,11 @@ int LocationDeterminationPrivate::determine(const LocationRecord*, const ApList&
     }
 
     if (entries.empty()) {
+        // The history path: speed and bearing come with the copied position, or are 0.
         out.speed = raw.speed;
         out.bearing = raw.bearing;
     } else {
-        raw.speed = estimateSpeed(raw, resultHistory(), trackedAps_);
-        out.speed = raw.speed;
-        if (raw.speed == 0.0 && !rawHistory().empty()) {
-            raw.bearing = rawHistory().newest().bearing;
-            out.bearing = raw.bearing;
-        } else {
-            smoothBearing(raw, out);
-        }
+        estimateMotion(raw, out);
     }
 
     // The delivered record carries the time of this call, also where the raw one
@@ -127,6 +109,37 @@ int LocationDeterminationPrivate::determine(const LocationRecord*, const ApList&
     rawHistory().add(raw);
     resultHistory().add(out);
     return failed ? kCannotDetermine : kSuccess;
+}
+
+std::vector<LocalApEntry> LocationDeterminationPrivate::splitScan(const ApList& aps,
+                                                                  const StoredApMap& known,
+                                                                  LocationRecord& out) const {
+    std::vector<LocalApEntry> entries;
+    out.knownAps.clear();
+    out.unknownAps.clear();
+    for (const ScannedAP& ap : aps) {
+        auto found = known.find(ap.mac);
+        if (found == known.end()) {
+            ZEL_LOG_DEBUG(log_, "unknown AP: %s", macText(ap.mac).c_str());
+            out.unknownAps.push_back(ap);
+        } else {
+            out.knownAps.push_back(ap);
+            entries.push_back(LocalApEntry::heard(ap, found->second));
+        }
+    }
+    return entries;
+}
+
+void LocationDeterminationPrivate::estimateMotion(LocationRecord& raw, LocationRecord& out) const {
+    raw.speed = estimateSpeed(raw, resultHistory(), trackedAps_);
+    out.speed = raw.speed;
+    if (raw.speed == 0.0 && !rawHistory().empty()) {
+        // Standing still: keep the last bearing rather than one made from noise.
+        raw.bearing = rawHistory().newest().bearing;
+        out.bearing = raw.bearing;
+    } else {
+        smoothBearing(raw, out);
+    }
 }
 
 void LocationDeterminationPrivate::smoothPosition(const LocationRecord& raw,

@@ -57,6 +57,13 @@ class LocationDeterminationPrivate final : public LocalDeterminationBase {
     const std::vector<LocalApEntry>& trackedAps() const { return trackedAps_; }
 
   private:
+    // Fills the known and unknown AP lists of `out` in scan order and returns an
+    // entry for each known AP heard.
+    std::vector<LocalApEntry> splitScan(const ApList& aps, const StoredApMap& known,
+                                        LocationRecord& out) const;
+    // Speed of this call into `raw` and `out`, then the raw and smoothed bearing.
+    void estimateMotion(LocationRecord& raw, LocationRecord& out) const;
+    // The raw position, or its weighted mean with recent raw positions, into `out`.
     void smoothPosition(const LocationRecord& raw, LocationRecord& out) const;
     // Estimates the raw bearing into `raw` and the smoothed one into `out`.
     void smoothBearing(LocationRecord& raw, LocationRecord& out) const;
