@@ -4,6 +4,8 @@
 #include <iconv.h>
 
 #include <cerrno>
+#include <climits>
+#include <cstdlib>
 #include <vector>
 
 namespace ZEL::SPI {
@@ -51,7 +53,10 @@ std::string moduleDirectory() {
         info.dli_fname == nullptr) {
         return "./";
     }
-    std::string path = info.dli_fname;
+    // The loader may know the module by a relative path; resolve it so the result
+    // stays right after the process changes directory.
+    char resolved[PATH_MAX];
+    std::string path = realpath(info.dli_fname, resolved) != nullptr ? resolved : info.dli_fname;
     auto slash = path.rfind('/');
     if (slash == std::string::npos) {
         return "./";
