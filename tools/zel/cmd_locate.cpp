@@ -5,7 +5,6 @@
 #include "location_output.h"
 #include "replay_source.h"
 #include "service_options.h"
-#include "spi/wifi_adapter.h"
 
 namespace zel::cli {
 namespace {
@@ -13,13 +12,6 @@ namespace {
 struct LocateOptions : ServiceOptions {
     std::string replay;
 };
-
-void explainMissingAdapter() {
-    std::fprintf(stderr,
-                 "zel: this machine has no Wi-Fi adapter to scan with; to see a position from the "
-                 "bundled sample city, run: zel locate --db examples/sample-city.zel --replay "
-                 "examples/sample-walk.jsonl\n");
-}
 
 const Registrar registrar{
     "locate", [](CLI::App& app) {
@@ -32,15 +24,8 @@ const Registrar registrar{
             "Recorded scans (JSON Lines) to use instead of the Wi-Fi adapter, one per scan period");
         command->callback([options] {
             ReplaySource replay;
-            if (!options->replay.empty()) {
-                if (!replay.load(options->replay)) {
-                    setExitStatus(1);
-                    return;
-                }
-                replay.install();
-            } else if (ZEL::SPI::Wifi::enumerateSystemAdapters().empty()) {
-                explainMissingAdapter();
-                setExitStatus(ZEL_ERROR_WIFI);
+            if (int status = chooseScanSource(options->replay, replay); status != 0) {
+                setExitStatus(status);
                 return;
             }
             options->apply();

@@ -7,7 +7,6 @@
 #include "location_output.h"
 #include "replay_source.h"
 #include "service_options.h"
-#include "spi/wifi_adapter.h"
 
 namespace zel::cli {
 namespace {
@@ -54,18 +53,8 @@ const Registrar registrar{
                             "Recorded scans (JSON Lines), one per period");
         command->callback([options] {
             ReplaySource replay;
-            if (!options->replay.empty()) {
-                if (!replay.load(options->replay)) {
-                    setExitStatus(1);
-                    return;
-                }
-                replay.install();
-            } else if (ZEL::SPI::Wifi::enumerateSystemAdapters().empty()) {
-                std::fprintf(
-                    stderr,
-                    "zel: this machine has no Wi-Fi adapter to scan with; use --replay with a "
-                    "recording such as examples/sample-walk.jsonl\n");
-                setExitStatus(ZEL_ERROR_WIFI);
+            if (int status = chooseScanSource(options->replay, replay); status != 0) {
+                setExitStatus(status);
                 return;
             }
             options->apply();

@@ -6,6 +6,7 @@
 #include <fstream>
 
 #include "local/scan_recording.h"
+#include "spi/wifi_adapter.h"
 
 namespace zel::cli {
 
@@ -59,6 +60,25 @@ int ReplaySource::nextScan(void* self, ZEL_APEntry* aps, unsigned int capacity,
         std::memcpy(aps[*count].mac, ap.mac.data(), 6);
         aps[*count].rss = ap.rss;
         ++*count;
+    }
+    return 0;
+}
+
+int chooseScanSource(const std::string& replayPath, ReplaySource& replay) {
+    if (!replayPath.empty()) {
+        if (!replay.load(replayPath)) {
+            return 1;
+        }
+        replay.install();
+        return 0;
+    }
+    if (ZEL::SPI::Wifi::enumerateSystemAdapters().empty()) {
+        std::fprintf(
+            stderr,
+            "zel: this machine has no Wi-Fi adapter to scan with; to use the bundled sample "
+            "city instead, run: zel locate --db examples/sample-city.zel --replay "
+            "examples/sample-walk.jsonl\n");
+        return ZEL_ERROR_WIFI;
     }
     return 0;
 }

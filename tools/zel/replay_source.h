@@ -34,4 +34,9 @@ class ReplaySource {
     bool installed_ = false;
 };
 
+// Chooses where the scans come from: the recording at `replayPath` when one is given
+// (installed into `replay`), else the system's Wi-Fi adapter. Returns the exit
+// status to stop with (after saying why on stderr), or 0 to go on.
+int chooseScanSource(const std::string& replayPath, ReplaySource& replay);
+
 }  // namespace zel::cli
