@@ -28,7 +28,7 @@ struct Tracker {
 
 int onLocation(void* argument, int code, const ZEL_Location* location) {
     auto* tracker = static_cast<Tracker*>(argument);
-    printLocation(code, location, tracker->json);
+    printLocationLine(code, location, tracker->json);
     std::fflush(stdout);
     if (code == ZEL_OK) {
         ++tracker->fixes;

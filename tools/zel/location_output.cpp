@@ -165,6 +165,18 @@ void printLocation(int code, const ZEL_Location* location, bool json) {
                 geoUri(location->latitude, location->longitude, location->hpe).c_str());
 }
 
+void printLocationLine(int code, const ZEL_Location* location, bool json) {
+    if (json) {
+        std::printf("%s\n", locationJson(code, location).dump().c_str());
+    } else if (location == nullptr) {
+        std::printf("no position: %s (code %d)\n", describeCode(code), code);
+    } else {
+        std::printf("%.6f, %.6f  +/- %.0f m  %u APs  %.1f km/h  bearing %.1f  %s\n", location->latitude,
+                    location->longitude, location->hpe, location->nap, location->speed, location->bearing,
+                    geoUri(location->latitude, location->longitude, location->hpe).c_str());
+    }
+}
+
 void printIpLocation(int code, const ZEL_IPLocation* location, bool json) {
     if (json) {
         std::printf("%s\n", ipLocationJson(code, location).dump().c_str());

@@ -16,6 +16,8 @@ nlohmann::json ipLocationJson(int code, const ZEL_IPLocation* location);
 std::string geoUri(double latitude, double longitude, double hpe);
 
 void printLocation(int code, const ZEL_Location* location, bool json);
+// One line per location, for streams of fixes.
+void printLocationLine(int code, const ZEL_Location* location, bool json);
 void printIpLocation(int code, const ZEL_IPLocation* location, bool json);
 
 // The result code in words, for messages.
