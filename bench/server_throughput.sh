@@ -1,0 +1,88 @@
+#!/usr/bin/env bash
+# Throughput of zel-server answering /zel2/location: 20-AP requests against a tile
+# file of 1,000,000 APs, over loopback only, measured with wrk for a few seconds
+# with 2 and then 16 client connections. Prints requests/s, p50 and p99.
+# Not part of ctest: it needs a Release build and a quiet machine.
+#
+# Usage: bench/server_throughput.sh [BUILD_DIR] [SECONDS_PER_RUN] [SERVER_THREADS]
+set -euo pipefail
+cd "$(dirname "$0")/.."
+build=${1:-build}
+seconds=${2:-5}
+threads=${3:-16}
+zel=$build/bin/zel
+server_bin=$build/bin/zel-server
+for tool in "$zel" "$server_bin"; do
+  [ -x "$tool" ] || { echo "server_throughput: build $tool first (scripts/build $build)" >&2; exit 1; }
+done
+command -v wrk >/dev/null || { echo "server_throughput: wrk missing (scripts/install-deps)" >&2; exit 1; }
+command -v jq >/dev/null || { echo "server_throughput: jq missing" >&2; exit 1; }
+
+work=$(mktemp -d)
+server_pid=""
+cleanup() {
+  if [ -n "$server_pid" ]; then kill -TERM "$server_pid" 2>/dev/null || true; wait "$server_pid" 2>/dev/null || true; fi
+  rm -rf "$work"
+}
+trap cleanup EXIT
+
+echo "== data: 1,000,000 APs in a 20 km city, walks through it"
+"$zel" sim city --aps 1000000 --size-km 20 --seed 77 -o "$work/city.csv" \
+  --tiles "$work/city.zel" --realm bench | sed 's/^/   /'
+"$zel" sim walk --city "$work/city.csv" --seed 5 --minutes 10 --speed-kmh 30 \
+  -o "$work/scans.jsonl" --truth "$work/truth.csv" | sed 's/^/   /'
+
+# One request document per line: the 20 strongest APs of each scan that heard 20.
+ns="http://zelapi.net/zel/2005"
+jq -r --arg ns "$ns" 'select((.aps | length) >= 20)
+  | "<?xml version='"'"'1.0'"'"'?><LocationRQ xmlns='"'"'\($ns)'"'"' version='"'"'2.3'"'"' street-address-lookup='"'"'none'"'"'><authentication version='"'"'2.0'"'"'><simple><username>bench</username><realm>bench</realm></simple></authentication>"
+    + ([.aps | sort_by(-.rss) | .[:20][] | "<access-point><mac>\(.mac)</mac><signal-strength>\(.rss)</signal-strength></access-point>"] | join(""))
+    + "</LocationRQ>"' "$work/scans.jsonl" > "$work/bodies.xml"
+count=$(wc -l < "$work/bodies.xml")
+[ "$count" -gt 0 ] || { echo "server_throughput: no scan heard 20 APs" >&2; exit 1; }
+echo "   $count distinct 20-AP requests"
+
+cat > "$work/post.lua" <<'LUA'
+local bodies = {}
+for line in io.lines(os.getenv("ZEL_BODIES")) do bodies[#bodies + 1] = line end
+local next_body = 0
+wrk.method = "POST"
+wrk.headers["Content-Type"] = "text/xml"
+wrk.headers["User-Agent"] = "ZEL API"
+request = function()
+  next_body = next_body % #bodies + 1
+  return wrk.format(nil, nil, nil, bodies[next_body])
+end
+LUA
+
+# A registered user, so every request also passes the SQLite user check.
+"$server_bin" --tiles "$work/city.zel" --realm bench --users "$work/users.db" --add-user bench \
+  --listen 127.0.0.1:0 \
+  --threads "$threads" --access-log "$work/access.log" > "$work/server.out" 2> "$work/server.err" &
+server_pid=$!
+for _ in $(seq 100); do
+  grep -q "listening on" "$work/server.out" 2>/dev/null && break
+  sleep 0.1
+done
+url=$(sed -n 's/^zel-server: listening on //p' "$work/server.out")
+[ -n "$url" ] || { echo "server_throughput: zel-server did not start" >&2; cat "$work/server.err" >&2; exit 1; }
+echo "== zel-server on $url with $threads threads"
+
+# Every request must be answered with a position, not an error document.
+if ! head -n 1 "$work/bodies.xml" | curl -sf --data-binary @- -H 'Content-Type: text/xml' \
+     "$url/location" | grep -q "<location nap="; then
+  echo "server_throughput: the sample request got no position" >&2; exit 1
+fi
+
+printf "%-12s %12s %10s %10s %8s\n" connections requests/s p50 p99 errors
+for connections in 2 16; do
+  out=$(ZEL_BODIES="$work/bodies.xml" wrk -t2 -c"$connections" -d"${seconds}s" --latency \
+        -s "$work/post.lua" "$url/location")
+  rps=$(awk '/^Requests\/sec:/ {print $2}' <<<"$out")
+  p50=$(awk '$1 == "50%" {print $2}' <<<"$out")
+  p99=$(awk '$1 == "99%" {print $2}' <<<"$out")
+  errors=$(awk '/Non-2xx/ {print $NF} /Socket errors/ {print "socket:" $0}' <<<"$out")
+  printf "%-12s %12s %10s %10s %8s\n" "$connections" "$rps" "$p50" "$p99" "${errors:-0}"
+done
+errors=$(grep -vc '" 200 ' "$work/access.log" || true)
+echo "== $(wc -l < "$work/access.log") requests logged, $errors not answered 200"

@@ -1,0 +1,177 @@
+#include "server/location_service.h"
+
+#include "local/location_history.h"
+#include "local/position_estimate.h"
+#include "spi/log.h"
+
+namespace ZEL::Server {
+namespace {
+
+Reply refusal(int status, Question question, std::string_view code, std::string_view message) {
+    return Reply{status, errorAnswer(question, code, message)};
+}
+
+const char* questionName(Question question) {
+    switch (question) {
+        case Question::Location:
+            return "location";
+        case Question::IpLocation:
+            return "ip-location";
+        case Question::Registration:
+            return "registration";
+    }
+    return "";
+}
+
+}  // namespace
+
+LocationService::LocationService(ServiceOptions options, ServiceData data,
+                                 std::unique_ptr<ReaderPool> readers)
+    : category_(SPI::getCategory("ZEL.Server.LocationService")),
+      estimatorCategory_(SPI::getCategory("ZEL.Server.LocationService.Estimate")),
+      options_(std::move(options)),
+      data_(std::move(data)),
+      readers_(std::move(readers)) {}
+
+std::unique_ptr<LocationService> LocationService::create(ServiceOptions options, ServiceData data,
+                                                         std::string& error) {
+    if (!data.users) {
+        error = "no user store";
+        return nullptr;
+    }
+    std::unique_ptr<ReaderPool> readers = ReaderPool::open(options.tileFiles, options.realm, error);
+    if (!readers) {
+        return nullptr;
+    }
+    return std::unique_ptr<LocationService>(
+        new LocationService(std::move(options), std::move(data), std::move(readers)));
+}
+
+std::optional<ClientRequest> LocationService::accept(Question question, std::string_view body,
+                                                     Reply& reply) {
+    ReadResult read = readRequest(question, body, options_.maxAccessPoints);
+    if (!read.request) {
+        ZEL_LOG_INFO(category_, "bad %s request: %s", questionName(question), read.error.c_str());
+        reply = refusal(400, question, "bad-request", read.error);
+        return std::nullopt;
+    }
+    if (!authorised(question, read.request->authentication, reply)) {
+        return std::nullopt;
+    }
+    return std::move(read.request);
+}
+
+bool LocationService::authorised(Question question, const Credentials& user, Reply& reply) {
+    if (options_.open) {
+        return true;
+    }
+    UserStore::Lookup lookup = user.realm == options_.realm
+                                   ? data_.users->find(user.username, user.realm)
+                                   : UserStore::Lookup::Unknown;
+    if (lookup == UserStore::Lookup::Registered) {
+        return true;
+    }
+    if (lookup == UserStore::Lookup::Failed) {
+        reply = refusal(500, question, "internal", "the user database failed");
+        return false;
+    }
+    ZEL_LOG_INFO(category_, "refused user \"%s\" of realm \"%s\"", user.username.c_str(),
+                 user.realm.c_str());
+    reply = refusal(401, question, "unauthorized", "not a registered user of this realm");
+    return false;
+}
+
+API::StreetAddress LocationService::addressNear(double latitude, double longitude,
+                                                int level) const {
+    if (level == 0 || !data_.addresses) {
+        return {};
+    }
+    const AddressPoint* point = data_.addresses->nearest(latitude, longitude);
+    return point ? addressForLevel(point->address, level) : API::StreetAddress{};
+}
+
+bool LocationService::estimate(const ApList& accessPoints, API::LocationRecord& out) {
+    API::StoredApMap known;
+    {
+        ReaderPool::Lease lease = readers_->borrow();
+        known = API::lookupStoredAps(lease.readers(), accessPoints, estimatorCategory_);
+    }
+    std::vector<API::LocalApEntry> entries;
+    for (const ScannedAP& ap : accessPoints) {
+        auto found = known.find(ap.mac);
+        if (found != known.end()) {
+            entries.push_back(API::LocalApEntry::heard(ap, found->second));
+        }
+    }
+    if (entries.empty()) {
+        return false;
+    }
+    out.time = SPI::currentTime();
+    // No history and no tracked signals: each request stands alone.
+    const API::LocationHistory noHistory;
+    const std::vector<API::LocalApEntry> noTracked;
+    API::estimatePosition(entries, out, noHistory, noTracked, estimatorCategory_);
+    out.hpe = API::estimateHpe(entries);
+    return !(out.latitude == 0.0 && out.longitude == 0.0);
+}
+
+Reply LocationService::location(std::string_view body) {
+    Reply reply;
+    std::optional<ClientRequest> request = accept(Question::Location, body, reply);
+    if (!request) {
+        return reply;
+    }
+    API::LocationRecord position;
+    if (!estimate(request->accessPoints, position)) {
+        ZEL_LOG_DEBUG(category_, "no position from %zu access points",
+                      request->accessPoints.size());
+        return refusal(200, Question::Location, "unknown-location",
+                       "the location cannot be determined");
+    }
+    const API::StreetAddress address =
+        addressNear(position.latitude, position.longitude, request->streetAddressLookup);
+    return Reply{200, locationAnswer(position, address)};
+}
+
+Reply LocationService::ipLocation(std::string_view body, const std::string& clientAddress) {
+    Reply reply;
+    std::optional<ClientRequest> request = accept(Question::IpLocation, body, reply);
+    if (!request) {
+        return reply;
+    }
+    const IpRange* range = data_.ipRanges ? data_.ipRanges->find(clientAddress) : nullptr;
+    if (!range) {
+        ZEL_LOG_DEBUG(category_, "no range holds %s", clientAddress.c_str());
+        return refusal(200, Question::IpLocation, "unknown-location",
+                       "no position is known for this address");
+    }
+    const API::StreetAddress address =
+        addressForLevel(range->address, request->streetAddressLookup);
+    return Reply{200, ipLocationAnswer(clientAddress, range->latitude, range->longitude, address)};
+}
+
+Reply LocationService::registration(std::string_view body) {
+    Reply reply;
+    std::optional<ClientRequest> request = accept(Question::Registration, body, reply);
+    if (!request) {
+        return reply;
+    }
+    const Credentials& user = request->newUser;
+    if (user.realm != options_.realm) {
+        return refusal(200, Question::Registration, "wrong-realm",
+                       "users can only be made in this server's realm");
+    }
+    switch (data_.users->add(user.username, user.realm)) {
+        case UserStore::Addition::Added:
+            ZEL_LOG_INFO(category_, "registered user \"%s\" of realm \"%s\"", user.username.c_str(),
+                         user.realm.c_str());
+            return Reply{200, registrationAnswer()};
+        case UserStore::Addition::Exists:
+            return refusal(200, Question::Registration, "user-exists", "the user exists already");
+        case UserStore::Addition::Failed:
+            break;
+    }
+    return refusal(500, Question::Registration, "internal", "the user database failed");
+}
+
+}  // namespace ZEL::Server

@@ -1,0 +1,81 @@
+// What the location server answers, apart from HTTP: each operation takes a
+// request body (and, for ip-location, the client's address) and returns the HTTP
+// status and the answer document.
+//
+// Statuses: 200 with the answer, or with an `error` document when the question
+// has no answer (no known access point, no range for the address, a user that
+// exists already); 400 for a request that does not read (see request_reader.h);
+// 401 when the authentication is not a registered user of the server's realm;
+// 500 when the user database fails. Every refusal is logged.
+// Positions come from the on-device estimator over the tile files, one stateless
+// call per request: no history is kept between requests.
+// Threading: all operations may run concurrently.
+#pragma once
+
+#include <memory>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "server/ip_ranges.h"
+#include "server/reader_pool.h"
+#include "server/request_reader.h"
+#include "server/street_address_index.h"
+#include "server/user_store.h"
+
+namespace log4cpp {
+class Category;
+}
+
+namespace ZEL::Server {
+
+struct ServiceOptions {
+    std::vector<std::string> tileFiles;
+    std::string realm;              // of the tile files and of the users served
+    bool open = false;              // accept any authentication
+    size_t maxAccessPoints = 1000;  // per location request
+};
+
+struct Reply {
+    int status = 200;
+    std::string body;
+};
+
+// What the service answers from; only `users` is required.
+struct ServiceData {
+    std::unique_ptr<UserStore> users;
+    std::unique_ptr<IpRanges> ipRanges;             // ip-location: none without
+    std::unique_ptr<StreetAddressIndex> addresses;  // no street addresses without
+};
+
+class LocationService {
+  public:
+    // Null with `error` set when a tile file does not open for the realm or no
+    // user store was given.
+    static std::unique_ptr<LocationService> create(ServiceOptions options, ServiceData data,
+                                                   std::string& error);
+
+    Reply location(std::string_view body);
+    Reply ipLocation(std::string_view body, const std::string& clientAddress);
+    Reply registration(std::string_view body);
+
+    UserStore& users() { return *data_.users; }
+
+  private:
+    LocationService(ServiceOptions options, ServiceData data, std::unique_ptr<ReaderPool> readers);
+    // The request, or nullopt with `reply` set to the refusal.
+    std::optional<ClientRequest> accept(Question question, std::string_view body, Reply& reply);
+    // True when the user may ask; otherwise `reply` holds the refusal.
+    bool authorised(Question question, const Credentials& user, Reply& reply);
+    API::StreetAddress addressNear(double latitude, double longitude, int level) const;
+    // The stateless estimate; false when no access point of the request is known.
+    bool estimate(const ApList& accessPoints, API::LocationRecord& out);
+
+    log4cpp::Category& category_;
+    log4cpp::Category& estimatorCategory_;
+    ServiceOptions options_;
+    ServiceData data_;
+    std::unique_ptr<ReaderPool> readers_;
+};
+
+}  // namespace ZEL::Server

@@ -1,0 +1,60 @@
+#include "server/reader_pool.h"
+
+#include "spi/log.h"
+
+namespace ZEL::Server {
+
+ReaderPool::ReaderPool(std::vector<std::string> paths, std::string realm)
+    : paths_(std::move(paths)), realm_(std::move(realm)) {}
+
+std::unique_ptr<ReaderPool> ReaderPool::open(std::vector<std::string> paths, std::string realm,
+                                             std::string& error) {
+    std::unique_ptr<ReaderPool> pool(new ReaderPool(std::move(paths), std::move(realm)));
+    API::ReaderList first = pool->openSet(error);
+    if (first.empty() && !pool->paths_.empty()) {
+        return nullptr;
+    }
+    pool->idle_.push_back(std::move(first));
+    return pool;
+}
+
+API::ReaderList ReaderPool::openSet(std::string& error) const {
+    API::ReaderList readers;
+    for (const std::string& path : paths_) {
+        std::unique_ptr<API::LocalCompressedFileReader> reader =
+            API::LocalCompressedFileReader::create();
+        if (!reader || !reader->open(path, realm_)) {
+            error = "cannot open tile file " + path + " for realm \"" + realm_ + "\"";
+            return {};
+        }
+        readers.push_back(std::move(reader));
+    }
+    return readers;
+}
+
+ReaderPool::Lease ReaderPool::borrow() {
+    {
+        std::lock_guard lock(mutex_);
+        if (!idle_.empty()) {
+            API::ReaderList readers = std::move(idle_.back());
+            idle_.pop_back();
+            return Lease(*this, std::move(readers));
+        }
+    }
+    std::string error;
+    API::ReaderList readers = openSet(error);
+    if (readers.size() != paths_.size()) {
+        ZEL_LOG_ERROR(SPI::getCategory("ZEL.Server.ReaderPool"), "%s", error.c_str());
+    }
+    return Lease(*this, std::move(readers));
+}
+
+void ReaderPool::giveBack(API::ReaderList readers) {
+    if (readers.size() != paths_.size()) {
+        return;
+    }
+    std::lock_guard lock(mutex_);
+    idle_.push_back(std::move(readers));
+}
+
+}  // namespace ZEL::Server

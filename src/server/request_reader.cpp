@@ -1,0 +1,134 @@
+#include "server/request_reader.h"
+
+#include <charconv>
+#include <memory>
+
+#include "remote/request_messages.h"
+#include "remote/response_parser.h"
+#include "spi/clock.h"
+#include "spi/xml_parser.h"
+
+namespace ZEL::Server {
+namespace {
+
+using API::childText;
+using API::findChild;
+
+const char* requestRoot(Question question) {
+    switch (question) {
+        case Question::Location:
+            return "LocationRQ";
+        case Question::IpLocation:
+            return "IPLocationRQ";
+        case Question::Registration:
+            return "RegistrationRQ";
+    }
+    return "";
+}
+
+ReadResult refuse(std::string why) {
+    return ReadResult{std::nullopt, std::move(why)};
+}
+
+// A `simple` element's username and realm; false when either is missing, empty
+// or too long.
+bool readSimple(const SPI::XmlElement& simple, Credentials& out) {
+    if (!findChild(simple, "username") || !findChild(simple, "realm")) {
+        return false;
+    }
+    out.username = childText(simple, "username");
+    out.realm = childText(simple, "realm");
+    return !out.username.empty() && out.username.size() <= kMaxNameBytes &&
+           out.realm.size() <= kMaxNameBytes;
+}
+
+bool readAuthentication(const SPI::XmlElement& root, Credentials& out) {
+    std::unique_ptr<SPI::XmlElement> authentication = findChild(root, "authentication");
+    if (!authentication) {
+        return false;
+    }
+    std::unique_ptr<SPI::XmlElement> simple = findChild(*authentication, "simple");
+    return simple && readSimple(*simple, out);
+}
+
+int lookupLevel(const SPI::XmlElement& root) {
+    const std::string word = root.getAttribute("", "street-address-lookup");
+    if (word == "limited") {
+        return 1;
+    }
+    if (word == "full") {
+        return 2;
+    }
+    return 0;
+}
+
+bool readSignal(const std::string& text, int16_t& rss) {
+    const char* end = text.data() + text.size();
+    auto [rest, error] = std::from_chars(text.data(), end, rss);
+    return error == std::errc() && rest == end;
+}
+
+// Every access-point child, in document order.
+std::string readAccessPoints(const SPI::XmlElement& root, size_t maxAccessPoints, ApList& out) {
+    std::unique_ptr<SPI::XmlNodeList> children = root.childNodes();
+    const SPI::TimeStamp now = SPI::currentTime();
+    for (size_t i = 0; children && i < children->length(); ++i) {
+        std::unique_ptr<SPI::XmlElement> child = children->item(i);
+        if (!child || child->namespaceURI() != API::kRequestNamespaceUri ||
+            child->name() != "access-point") {
+            continue;
+        }
+        if (out.size() == maxAccessPoints) {
+            return "too many access points";
+        }
+        ScannedAP ap;
+        const std::string macText = childText(*child, "mac");
+        std::optional<MacAddress> mac = macText.size() == 12 ? parseMacText(macText) : std::nullopt;
+        if (!mac || !readSignal(childText(*child, "signal-strength"), ap.rss)) {
+            return "access point without a valid mac and signal-strength";
+        }
+        ap.mac = *mac;
+        ap.time = now;
+        out.push_back(ap);
+    }
+    return {};
+}
+
+}  // namespace
+
+ReadResult readRequest(Question question, std::string_view body, size_t maxAccessPoints) {
+    std::unique_ptr<SPI::XmlParser> parser = SPI::makeXmlParser();
+    std::unique_ptr<SPI::XmlDocument> document =
+        parser ? parser->parse(body.data(), body.size()) : nullptr;
+    if (!document) {
+        return refuse("not a well-formed XML document");
+    }
+    std::unique_ptr<SPI::XmlElement> root = document->documentElement();
+    const char* expected = requestRoot(question);
+    if (root->namespaceURI() != API::kRequestNamespaceUri || root->name() != expected) {
+        return refuse(std::string("expected a ") + expected + " document");
+    }
+    ClientRequest request;
+    request.question = question;
+    if (!readAuthentication(*root, request.authentication)) {
+        return refuse("no valid authentication");
+    }
+    if (question != Question::Registration) {
+        request.streetAddressLookup = lookupLevel(*root);
+    }
+    if (question == Question::Location) {
+        std::string error = readAccessPoints(*root, maxAccessPoints, request.accessPoints);
+        if (!error.empty()) {
+            return refuse(std::move(error));
+        }
+    }
+    if (question == Question::Registration) {
+        std::unique_ptr<SPI::XmlElement> simple = findChild(*root, "simple");
+        if (!simple || !readSimple(*simple, request.newUser)) {
+            return refuse("no valid user to register");
+        }
+    }
+    return ReadResult{std::move(request), {}};
+}
+
+}  // namespace ZEL::Server

@@ -1,0 +1,100 @@
+#include "support/location_server_fixture.h"
+
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <filesystem>
+#include <sstream>
+
+#include "support/local_entries.h"
+#include "tiles/tile_writer.h"
+
+namespace ZEL::Testing {
+namespace {
+
+// Removes the process's tile file at exit.
+struct TileFile {
+    std::string path;
+    ~TileFile() {
+        std::error_code ignored;
+        std::filesystem::remove(path, ignored);
+    }
+};
+
+std::vector<API::AccessPointPosition> storedAps() {
+    std::vector<API::AccessPointPosition> aps;
+    for (int i = 1; i <= 12; ++i) {
+        const double north = (i % 4) * 20.0 - 30.0;
+        const double east = (i / 4) * 25.0 - 30.0;
+        aps.push_back({testMac(i), latitudeAt(north), longitudeAt(east), 40, 0.3});
+    }
+    for (int i = 21; i <= 24; ++i) {
+        aps.push_back({testMac(i), latitudeAt(3000.0 + i), longitudeAt(10.0 * i), 40, 0.3});
+    }
+    return aps;
+}
+
+constexpr const char kAddresses[] =
+    "latitude,longitude,street_number,address_lines,city,postal_code,county,province,region,"
+    "state,state_code,country,country_code\n"
+    "47.0,8.0,12a,\"Rue <Haute> & Co|2nd floor, left\",Bern,3011,Bern-Mittelland,,Espace "
+    "Mittelland,Bern,BE,Switzerland,CH\n"
+    "47.02,8.0,1,Far Away Road,Elsewhere,9999,,,,,,Switzerland,CH\n";
+
+constexpr const char kRanges[] =
+    "first,last,latitude,longitude,city,country,country_code,street_number\n"
+    "127.0.0.0,127.255.255.255,47.5,8.5,Loopback City,Nowhere,NW,7\n"
+    "10.0.0.0,10.255.255.255,40.25,-3.5,Ten Town,Spain,ES,\n";
+
+}  // namespace
+
+const std::string& TestLocationServer::tilePath() {
+    static const TileFile file = [] {
+        TileFile made{(std::filesystem::temp_directory_path() /
+                       ("zel-server-test-" + std::to_string(::getpid()) + ".zel"))
+                          .string()};
+        const auto result = API::TileWriter::writeFile(made.path, storedAps(), kServerRealm);
+        EXPECT_TRUE(result.ok) << result.error;
+        return made;
+    }();
+    return file.path;
+}
+
+std::unique_ptr<TestLocationServer> TestLocationServer::start(const LocationServerConfig& config) {
+    std::string error;
+    Server::ServiceData data;
+    data.users = Server::UserStore::open(config.usersPath, error);
+    std::istringstream addresses(kAddresses);
+    data.addresses = Server::StreetAddressIndex::read(addresses, "addresses", 200.0, error);
+    std::istringstream ranges(kRanges);
+    data.ipRanges = Server::IpRanges::read(ranges, "ranges", error);
+    if (!data.users || !data.addresses || !data.ipRanges) {
+        ADD_FAILURE() << error;
+        return nullptr;
+    }
+    data.users->add(kRegisteredUser, kServerRealm);
+    Server::ServiceOptions options{{tilePath()}, kServerRealm, config.open, 100};
+    auto test = std::unique_ptr<TestLocationServer>(new TestLocationServer);
+    test->service_ = Server::LocationService::create(options, std::move(data), error);
+    if (!test->service_) {
+        ADD_FAILURE() << error;
+        return nullptr;
+    }
+    Server::ServerOptions serverOptions;
+    serverOptions.port = 0;
+    serverOptions.threads = 8;
+    serverOptions.trustProxy = config.trustProxy;
+    serverOptions.accessLog = config.accessLog;
+    if (config.certificate) {
+        serverOptions.tlsCertificate = config.certificate->certificatePath();
+        serverOptions.tlsKey = config.certificate->keyPath();
+    }
+    test->server_ = Server::LocationServer::start(serverOptions, test->service_, error);
+    if (!test->server_) {
+        ADD_FAILURE() << error;
+        return nullptr;
+    }
+    return test;
+}
+
+}  // namespace ZEL::Testing

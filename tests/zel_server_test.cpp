@@ -1,0 +1,223 @@
+// The library's remote determination against a real location server on loopback.
+#include <gtest/gtest.h>
+
+#include <mutex>
+
+#include "local/location_determination_private.h"
+#include "local/location_history.h"
+#include "remote/location_determination_remote.h"
+#include "support/local_entries.h"
+#include "support/location_server_fixture.h"
+
+namespace ZEL::Server {
+namespace {
+
+using Testing::kRegisteredUser;
+using Testing::kServerRealm;
+using Testing::TestLocationServer;
+using Testing::testMac;
+
+const ZEL_Authentication kAlice{kRegisteredUser, kServerRealm};
+
+ScannedAP heard(int number, int16_t rss) {
+    ScannedAP ap;
+    ap.mac = testMac(number);
+    ap.rss = rss;
+    return ap;
+}
+
+// Eight APs of the first cluster at varied strengths, and one the database lacks.
+ApList clusterScan() {
+    ApList aps;
+    for (int i = 1; i <= 8; ++i) {
+        aps.push_back(heard(i, static_cast<int16_t>(-50 - 5 * i)));
+    }
+    aps.push_back(heard(99, -40));
+    return aps;
+}
+
+ApList farClusterScan() {
+    return {heard(21, -60), heard(22, -70), heard(23, -65)};
+}
+
+class ServerExchange : public ::testing::TestWithParam<bool> {
+  protected:
+    void SetUp() override {
+        Testing::LocationServerConfig config;
+        if (GetParam()) {
+            certificate_ = Testing::TestCertificate::generate();
+            ASSERT_NE(certificate_, nullptr);
+            config.certificate = certificate_.get();
+        }
+        config.accessLog = [this](const std::string& line) {
+            std::lock_guard lock(mutex_);
+            accessLog_.push_back(line);
+        };
+        server_ = TestLocationServer::start(config);
+        ASSERT_NE(server_, nullptr);
+        remote_.setServerUrl(server_->serviceUrl());
+    }
+    // The access log is written after each answer went out: stop the server (which
+    // waits for its workers) before the log is read or destroyed.
+    void TearDown() override {
+        if (server_) {
+            server_->stop();
+        }
+    }
+
+    API::LocationRecord locate(const ApList& aps, int level, int expected = ZEL_OK,
+                               const ZEL_Authentication& user = kAlice) {
+        API::LocationRecord record;
+        EXPECT_EQ(remote_.location(user, level, aps, record), expected);
+        return record;
+    }
+
+    std::vector<std::string> accessLog() {
+        std::lock_guard lock(mutex_);
+        return accessLog_;
+    }
+
+    std::unique_ptr<Testing::TestCertificate> certificate_;
+    std::unique_ptr<TestLocationServer> server_;
+    API::LocationDeterminationRemote remote_;
+    std::mutex mutex_;
+    std::vector<std::string> accessLog_;
+};
+
+TEST_P(ServerExchange, LocationMatchesTheOnDeviceEstimate) {
+    const API::LocationRecord answer = locate(clusterScan(), ZEL_NO_STREET_ADDRESS_LOOKUP);
+    EXPECT_EQ(answer.nap, 8);  // the unknown AP is not counted
+    EXPECT_EQ(answer.speed, -1.0);
+    EXPECT_TRUE(answer.streetAddress.empty());
+
+    // The library's own first determination from the same file, with no history,
+    // must give exactly the same figures.
+    API::resetLocationHistoriesForTesting();
+    API::LocationDeterminationPrivate device;
+    const char* paths[] = {TestLocationServer::tilePath().c_str(), nullptr};
+    device.setLocalFilesPath(paths);
+    device.prepare(kAlice);
+    API::LocationRecord expected;
+    ASSERT_EQ(device.determine(nullptr, clusterScan(), expected), ZEL_OK);
+    API::resetLocationHistoriesForTesting();
+    EXPECT_EQ(answer.latitude, expected.latitude);
+    EXPECT_EQ(answer.longitude, expected.longitude);
+    EXPECT_EQ(answer.hpe, expected.hpe);
+    EXPECT_EQ(answer.nap, expected.nap);
+    EXPECT_NEAR(answer.latitude, Testing::kBaseLatitude, 0.001);
+
+    // Stateless: asking again gives the same answer, not a smoothed one.
+    const API::LocationRecord again = locate(clusterScan(), ZEL_NO_STREET_ADDRESS_LOOKUP);
+    EXPECT_EQ(again.latitude, answer.latitude);
+    EXPECT_EQ(again.longitude, answer.longitude);
+}
+
+TEST_P(ServerExchange, UnknownAccessPointsCannotBeLocated) {
+    locate({heard(98, -50), heard(99, -60)}, ZEL_NO_STREET_ADDRESS_LOOKUP,
+           ZEL_ERROR_LOCATION_CANNOT_BE_DETERMINED);
+    locate({}, ZEL_NO_STREET_ADDRESS_LOOKUP, ZEL_ERROR_LOCATION_CANNOT_BE_DETERMINED);
+}
+
+TEST_P(ServerExchange, StreetAddressAtEachLevel) {
+    EXPECT_TRUE(locate(clusterScan(), ZEL_NO_STREET_ADDRESS_LOOKUP).streetAddress.empty());
+
+    const API::StreetAddress limited =
+        locate(clusterScan(), ZEL_LIMITED_STREET_ADDRESS_LOOKUP).streetAddress;
+    EXPECT_EQ(limited.city, "Bern");
+    EXPECT_EQ(limited.county, "Bern-Mittelland");
+    EXPECT_EQ(limited.region, "Espace Mittelland");
+    EXPECT_EQ(limited.state, "Bern");
+    EXPECT_EQ(limited.stateCode, "BE");
+    EXPECT_EQ(limited.country, "Switzerland");
+    EXPECT_EQ(limited.countryCode, "CH");
+    EXPECT_EQ(limited.streetNumber, "");
+    EXPECT_EQ(limited.postalCode, "");
+    EXPECT_TRUE(limited.addressLines.empty());
+
+    const API::StreetAddress full =
+        locate(clusterScan(), ZEL_FULL_STREET_ADDRESS_LOOKUP).streetAddress;
+    EXPECT_EQ(full.streetNumber, "12a");
+    EXPECT_EQ(full.postalCode, "3011");
+    // Markup characters in the data reach the client intact.
+    EXPECT_EQ(full.addressLines, (std::vector<std::string>{"Rue <Haute> & Co", "2nd floor, left"}));
+    EXPECT_EQ(full.city, "Bern");
+
+    // Nothing lies within the radius of the far cluster.
+    const API::LocationRecord far = locate(farClusterScan(), ZEL_FULL_STREET_ADDRESS_LOOKUP);
+    EXPECT_GT(far.latitude, Testing::kBaseLatitude + 0.02);
+    EXPECT_TRUE(far.streetAddress.empty());
+}
+
+TEST_P(ServerExchange, IpLocationFromTheClientAddress) {
+    API::IpLocationRecord record;
+    ASSERT_EQ(remote_.ipLocation(kAlice, ZEL_FULL_STREET_ADDRESS_LOOKUP, record), ZEL_OK);
+    EXPECT_EQ(record.ip, "127.0.0.1");
+    EXPECT_EQ(record.latitude, Testing::kLoopbackLatitude);
+    EXPECT_EQ(record.longitude, Testing::kLoopbackLongitude);
+    EXPECT_EQ(record.streetAddress.city, "Loopback City");
+    EXPECT_EQ(record.streetAddress.streetNumber, "7");
+
+    API::IpLocationRecord limited;
+    ASSERT_EQ(remote_.ipLocation(kAlice, ZEL_LIMITED_STREET_ADDRESS_LOOKUP, limited), ZEL_OK);
+    EXPECT_EQ(limited.streetAddress.countryCode, "NW");
+    EXPECT_EQ(limited.streetAddress.streetNumber, "");
+}
+
+TEST_P(ServerExchange, RegistrationAndAuthentication) {
+    const ZEL_Authentication bob{"bob", kServerRealm};
+    const ZEL_Authentication carol{"carol", kServerRealm};
+    locate(clusterScan(), 0, ZEL_ERROR_UNAUTHORIZED, bob);
+    EXPECT_EQ(remote_.registerUser(kAlice, bob), ZEL_OK);
+    locate(clusterScan(), 0, ZEL_OK, bob);
+    // An existing user is an error answer; so is a user of another realm.
+    EXPECT_EQ(remote_.registerUser(kAlice, bob), ZEL_ERROR_LOCATION_CANNOT_BE_DETERMINED);
+    EXPECT_EQ(remote_.registerUser(kAlice, {"dave", "other"}),
+              ZEL_ERROR_LOCATION_CANNOT_BE_DETERMINED);
+    // Only registered users may register others, and realms must match.
+    EXPECT_EQ(remote_.registerUser(carol, {"erin", kServerRealm}), ZEL_ERROR_UNAUTHORIZED);
+    locate(clusterScan(), 0, ZEL_ERROR_UNAUTHORIZED, {kRegisteredUser, "other"});
+    API::IpLocationRecord record;
+    EXPECT_EQ(remote_.ipLocation(carol, 0, record), ZEL_ERROR_UNAUTHORIZED);
+    EXPECT_EQ(server_->service().users().count(kServerRealm), 2u);
+}
+
+TEST_P(ServerExchange, EachExchangeIsLogged) {
+    locate(clusterScan(), 0);
+    locate(clusterScan(), 0, ZEL_ERROR_UNAUTHORIZED, {"mallory", kServerRealm});
+    server_->stop();
+    const std::vector<std::string> lines = accessLog();
+    ASSERT_EQ(lines.size(), 2u);
+    EXPECT_EQ(lines[0].rfind("127.0.0.1 - - [", 0), 0u) << lines[0];
+    EXPECT_NE(lines[0].find("\"POST /zel2/location HTTP/1.1\" 200 "), std::string::npos);
+    EXPECT_NE(lines[0].find("\"ZEL API\""), std::string::npos);
+    EXPECT_NE(lines[1].find("\" 401 "), std::string::npos) << lines[1];
+}
+
+INSTANTIATE_TEST_SUITE_P(HttpAndHttps, ServerExchange, ::testing::Values(false, true),
+                         [](const auto& info) { return info.param ? "Https" : "Http"; });
+
+TEST(OpenServer, AcceptsAnyone) {
+    Testing::LocationServerConfig config;
+    config.open = true;
+    auto server = TestLocationServer::start(config);
+    ASSERT_NE(server, nullptr);
+    API::LocationDeterminationRemote remote;
+    remote.setServerUrl(server->serviceUrl());
+    API::LocationRecord record;
+    EXPECT_EQ(remote.location({"anyone", "anywhere"}, 0, clusterScan(), record), ZEL_OK);
+    EXPECT_EQ(record.nap, 8);
+    EXPECT_EQ(remote.registerUser({"anyone", "x"}, {"zoe", kServerRealm}), ZEL_OK);
+}
+
+TEST(StoppedServer, ClientSeesACommunicationFailure) {
+    auto server = TestLocationServer::start();
+    ASSERT_NE(server, nullptr);
+    API::LocationDeterminationRemote remote;
+    remote.setServerUrl(server->serviceUrl());
+    server->stop();
+    API::LocationRecord record;
+    EXPECT_EQ(remote.location(kAlice, 0, clusterScan(), record), ZEL_ERROR_SERVER_UNAVAILABLE);
+}
+
+}  // namespace
+}  // namespace ZEL::Server

@@ -1,0 +1,116 @@
+// The user table under concurrent registrations, through two servers sharing one
+// database file (as two processes behind a load balancer would).
+#include <gtest/gtest.h>
+#include <sqlite3.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <filesystem>
+#include <thread>
+
+#include "remote/location_determination_remote.h"
+#include "support/location_server_fixture.h"
+
+namespace ZEL::Server {
+namespace {
+
+using Testing::kRegisteredUser;
+using Testing::kServerRealm;
+
+class SharedUserDatabase : public ::testing::Test {
+  protected:
+    void SetUp() override {
+        directory_ =
+            std::filesystem::temp_directory_path() / ("zel-users-" + std::to_string(::getpid()));
+        std::filesystem::create_directories(directory_);
+        path_ = (directory_ / "users.db").string();
+    }
+    void TearDown() override {
+        std::error_code ignored;
+        std::filesystem::remove_all(directory_, ignored);
+    }
+    std::filesystem::path directory_;
+    std::string path_;
+};
+
+TEST_F(SharedUserDatabase, ConcurrentRegistrationsCreateEachUserOnce) {
+    Testing::LocationServerConfig config;
+    config.usersPath = path_;
+    auto first = Testing::TestLocationServer::start(config);
+    auto second = Testing::TestLocationServer::start(config);
+    ASSERT_NE(first, nullptr);
+    ASSERT_NE(second, nullptr);
+
+    // Every thread tries every name, half through each server: each name must be
+    // created exactly once, and every other attempt told that it exists.
+    constexpr int kThreads = 6;
+    constexpr int kNames = 30;
+    std::atomic<int> created[kNames] = {};
+    std::atomic<int> refused{0};
+    std::atomic<int> failed{0};
+    std::vector<std::thread> threads;
+    for (int t = 0; t < kThreads; ++t) {
+        threads.emplace_back([&, t] {
+            API::LocationDeterminationRemote remote;
+            for (int n = 0; n < kNames; ++n) {
+                const int name = (n + t * 5) % kNames;
+                remote.setServerUrl(((n + t) % 2 ? first : second)->serviceUrl());
+                const std::string user = "user" + std::to_string(name);
+                const int code = remote.registerUser({kRegisteredUser, kServerRealm},
+                                                     {user.c_str(), kServerRealm});
+                if (code == ZEL_OK) {
+                    ++created[name];
+                } else if (code == ZEL_ERROR_LOCATION_CANNOT_BE_DETERMINED) {
+                    ++refused;
+                } else {
+                    ++failed;
+                }
+            }
+        });
+    }
+    for (auto& thread : threads) {
+        thread.join();
+    }
+    EXPECT_EQ(failed.load(), 0);
+    for (int n = 0; n < kNames; ++n) {
+        EXPECT_EQ(created[n].load(), 1) << "user" << n;
+    }
+    EXPECT_EQ(refused.load(), kThreads * kNames - kNames);
+    first->stop();
+    second->stop();
+
+    // A fresh connection sees every user once and an intact database.
+    std::string error;
+    auto store = UserStore::open(path_, error);
+    ASSERT_NE(store, nullptr) << error;
+    EXPECT_EQ(store->count(kServerRealm), size_t{kNames + 1});
+    EXPECT_EQ(store->find("user17", kServerRealm), UserStore::Lookup::Registered);
+    EXPECT_EQ(store->find("user17", "other"), UserStore::Lookup::Unknown);
+    sqlite3* database = nullptr;
+    ASSERT_EQ(sqlite3_open(path_.c_str(), &database), SQLITE_OK);
+    sqlite3_stmt* check = nullptr;
+    ASSERT_EQ(sqlite3_prepare_v2(database, "PRAGMA integrity_check", -1, &check, nullptr),
+              SQLITE_OK);
+    ASSERT_EQ(sqlite3_step(check), SQLITE_ROW);
+    EXPECT_STREQ(reinterpret_cast<const char*>(sqlite3_column_text(check, 0)), "ok");
+    sqlite3_finalize(check);
+    sqlite3_close(database);
+}
+
+TEST_F(SharedUserDatabase, UnusableDatabaseIsAClearError) {
+    std::string error;
+    EXPECT_EQ(UserStore::open((directory_ / "missing" / "users.db").string(), error), nullptr);
+    EXPECT_NE(error.find("cannot open user database"), std::string::npos) << error;
+    // A file that is not a database.
+    const std::string junk = (directory_ / "junk.db").string();
+    FILE* file = std::fopen(junk.c_str(), "w");
+    ASSERT_NE(file, nullptr);
+    std::fputs("this is not an SQLite database, not even close to one.........", file);
+    std::fclose(file);
+    error.clear();
+    EXPECT_EQ(UserStore::open(junk, error), nullptr);
+    EXPECT_FALSE(error.empty());
+}
+
+}  // namespace
+}  // namespace ZEL::Server

@@ -1,0 +1,182 @@
+// zel-server: answers the library's location, ip-location and registration
+// requests over HTTP or HTTPS from tile files, with its users in SQLite.
+//
+// Runs until SIGTERM or SIGINT, then finishes the exchanges under way and exits 0.
+// Exit status 2: bad options or data that cannot be loaded.
+#include <log4cpp/OstreamAppender.hh>
+#include <log4cpp/PatternLayout.hh>
+
+#include <CLI/CLI.hpp>
+#include <csignal>
+#include <cstdio>
+#include <iostream>
+#include <mutex>
+
+#include "server/location_server.h"
+#include "spi/log.h"
+
+namespace {
+
+using namespace ZEL::Server;
+
+struct Arguments {
+    ServiceOptions service;
+    ServerOptions server;
+    std::string listen = "127.0.0.1:8080";
+    std::string users = ":memory:";
+    std::vector<std::string> addUsers;
+    std::string ipRanges;
+    std::string addresses;
+    double addressRadius = 200.0;
+    std::string accessLog = "-";
+    bool noAccessLog = false;
+    bool verbose = false;
+};
+
+void addOptions(CLI::App& app, Arguments& a) {
+    app.add_option("--tiles", a.service.tileFiles, "Tile files to answer locations from")
+        ->required()
+        ->check(CLI::ExistingFile);
+    app.add_option("--realm", a.service.realm, "Realm of the tile files and of the users")
+        ->required();
+    app.add_option("--listen", a.listen, "HOST:PORT to listen on (port 0: any free port)")
+        ->default_val(a.listen);
+    app.add_option("--tls-cert", a.server.tlsCertificate, "PEM certificate: serve HTTPS");
+    app.add_option("--tls-key", a.server.tlsKey, "PEM private key of the certificate");
+    app.add_option("--users", a.users, "SQLite database of users (created when missing)");
+    app.add_option("--add-user", a.addUsers, "Register this user of the realm at start");
+    app.add_flag("--open", a.service.open, "Accept any authentication (local use only)");
+    app.add_option("--ip-ranges", a.ipRanges, "CSV of IP ranges for ip-location")
+        ->check(CLI::ExistingFile);
+    app.add_option("--addresses", a.addresses, "CSV of points with street addresses")
+        ->check(CLI::ExistingFile);
+    app.add_option("--address-radius", a.addressRadius,
+                   "Farthest street address from a position, metres")
+        ->default_val(a.addressRadius)
+        ->check(CLI::Range(1.0, 100000.0));
+    app.add_flag("--trust-proxy", a.server.trustProxy,
+                 "Take the client address from X-Forwarded-For (behind a proxy)");
+    app.add_option("--threads", a.server.threads, "Worker threads (one per open connection)")
+        ->default_val(a.server.threads)
+        ->check(CLI::Range(1, 1024));
+    app.add_option("--prefix", a.server.prefix, "Path prefix of the three requests")
+        ->default_val(a.server.prefix);
+    app.add_option("--max-aps", a.service.maxAccessPoints,
+                   "Most access points accepted in one request")
+        ->default_val(a.service.maxAccessPoints)
+        ->check(CLI::Range(1, 100000));
+    app.add_option("--access-log", a.accessLog, "Access log file, - for standard output")
+        ->default_val(a.accessLog);
+    app.add_flag("--no-access-log", a.noAccessLog, "Write no access log");
+    app.add_flag("-v,--verbose", a.verbose, "Log every request's details on standard error");
+}
+
+// Diagnostics go to standard error unless a log4cpp.properties file set them up.
+void setUpLogging(bool verbose) {
+    log4cpp::Category& server = ZEL::SPI::getCategory("ZEL.Server");
+    log4cpp::Category& root = log4cpp::Category::getRoot();
+    if (!root.getAllAppenders().empty()) {
+        return;
+    }
+    auto* appender = new log4cpp::OstreamAppender("stderr", &std::cerr);
+    auto* layout = new log4cpp::PatternLayout();
+    layout->setConversionPattern("%d{%Y-%m-%d %H:%M:%S} %p %c: %m%n");
+    appender->setLayout(layout);
+    root.addAppender(appender);
+    root.setPriority(log4cpp::Priority::WARN);
+    server.setPriority(verbose ? log4cpp::Priority::DEBUG : log4cpp::Priority::INFO);
+    // The estimator's per-request complaints about implausible signals would
+    // flood the log; they are shown only when asked for.
+    // Likewise the XML parser's line for every malformed request, which the
+    // service reports itself.
+    for (const char* noisy : {"ZEL.Server.LocationService.Estimate", "ZEL.SPI.XML"}) {
+        ZEL::SPI::getCategory(noisy).setPriority(verbose ? log4cpp::Priority::DEBUG
+                                                         : log4cpp::Priority::FATAL);
+    }
+}
+
+// The access-log sink, or none.
+std::function<void(const std::string&)> accessLogSink(const Arguments& a, std::string& error) {
+    if (a.noAccessLog) {
+        return {};
+    }
+    FILE* file = a.accessLog == "-" ? stdout : std::fopen(a.accessLog.c_str(), "a");
+    if (file == nullptr) {
+        error = "cannot open access log " + a.accessLog;
+        return {};
+    }
+    auto mutex = std::make_shared<std::mutex>();
+    return [file, mutex](const std::string& line) {
+        std::lock_guard lock(*mutex);
+        std::fprintf(file, "%s\n", line.c_str());
+        std::fflush(file);
+    };
+}
+
+std::shared_ptr<LocationService> makeService(Arguments& a, std::string& error) {
+    ServiceData data;
+    data.users = UserStore::open(a.users, error);
+    if (!data.users) {
+        return nullptr;
+    }
+    for (const std::string& name : a.addUsers) {
+        if (data.users->add(name, a.service.realm) == UserStore::Addition::Failed) {
+            error = "cannot add user " + name;
+            return nullptr;
+        }
+    }
+    if (!a.ipRanges.empty() && !(data.ipRanges = IpRanges::load(a.ipRanges, error))) {
+        return nullptr;
+    }
+    if (!a.addresses.empty() &&
+        !(data.addresses = StreetAddressIndex::load(a.addresses, a.addressRadius, error))) {
+        return nullptr;
+    }
+    return LocationService::create(a.service, std::move(data), error);
+}
+
+int run(Arguments& a) {
+    setUpLogging(a.verbose);
+    std::string error;
+    if (!parseListenAddress(a.listen, a.server.host, a.server.port)) {
+        std::fprintf(stderr, "zel-server: --listen wants HOST:PORT, not %s\n", a.listen.c_str());
+        return 2;
+    }
+    // Signals are taken by sigwait below: block them before any thread starts.
+    sigset_t stopSignals;
+    sigemptyset(&stopSignals);
+    sigaddset(&stopSignals, SIGTERM);
+    sigaddset(&stopSignals, SIGINT);
+    pthread_sigmask(SIG_BLOCK, &stopSignals, nullptr);
+    std::signal(SIGPIPE, SIG_IGN);
+
+    std::shared_ptr<LocationService> service = makeService(a, error);
+    if (service) {
+        a.server.accessLog = accessLogSink(a, error);
+    }
+    std::unique_ptr<LocationServer> server;
+    if (service && error.empty()) {
+        server = LocationServer::start(a.server, service, error);
+    }
+    if (!server) {
+        std::fprintf(stderr, "zel-server: %s\n", error.c_str());
+        return 2;
+    }
+    std::printf("zel-server: listening on %s%s\n", server->url().c_str(), a.server.prefix.c_str());
+    std::fflush(stdout);
+    int signal = 0;
+    sigwait(&stopSignals, &signal);
+    server->stop();
+    std::fprintf(stderr, "zel-server: stopped by signal %d\n", signal);
+    return 0;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    CLI::App app{"zel-server: a location server for the ZELAPI library's requests"};
+    Arguments arguments;
+    addOptions(app, arguments);
+    CLI11_PARSE(app, argc, argv);
+    return run(arguments);
+}
