@@ -89,7 +89,7 @@ const char* describeCode(int code) {
         case ZEL_ERROR_UNAUTHORIZED:
             return "the server refused the credentials";
         case ZEL_ERROR_SERVER_UNAVAILABLE:
-            return "the server could not be reached";
+            return "communication with the server failed";
         case ZEL_ERROR_LOCATION_CANNOT_BE_DETERMINED:
             return "the location cannot be determined";
         case ZEL_ERROR_PROXY_UNAUTHORIZED:

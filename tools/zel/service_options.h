@@ -14,7 +14,7 @@ namespace zel::cli {
 struct ServiceOptions {
     std::vector<std::string> databases;
     std::string realm;
-    std::string user;
+    std::string user = "anonymous";
     std::string server;
     std::string proxy;  // HOST:PORT
     std::string proxyUser;
