@@ -21,7 +21,9 @@ mkdir -p "$root"/{bin,sbin,usr/bin,usr/sbin,proc,sys,dev,tmp,run,etc,lib/modules
 # An executable and every shared library it needs, at their own paths.
 copy_with_libraries() {
     local program=$1 destination=$2
-    cp -L "$program" "$root/$destination"
+    # Without debug information: a sanitizer build's programs are over 100 MB with it,
+    # more than the VM's memory can unpack.
+    strip --strip-debug -o "$root/$destination" "$program" 2>/dev/null || cp -L "$program" "$root/$destination"
     ldd "$program" 2>/dev/null | grep -o '/[^ ]*' | while read -r library; do
         if [ ! -e "$root$library" ]; then
             mkdir -p "$root$(dirname "$library")"

@@ -48,7 +48,7 @@ grep -v '^#' "$here/commands" > "$work/config/commands"
 echo "booting $(basename "$kernel") under qemu (TCG)"
 start=$(date +%s)
 status=0
-timeout 150 qemu-system-x86_64 -machine q35,accel=tcg -cpu max -m 512 -smp 1 \
+timeout 150 qemu-system-x86_64 -machine q35,accel=tcg -cpu max -m 768 -smp 1 \
     -nographic -no-reboot -nic none -kernel "$kernel" -initrd "$work/initramfs.cpio" \
     -append "console=ttyS0 rdinit=/init panic=-1 quiet loglevel=3" \
     < /dev/null > "$work/console.log" 2>&1 || status=$?

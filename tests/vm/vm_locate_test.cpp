@@ -71,6 +71,12 @@ std::string runZelLocate(const std::string& database) {
 }
 
 TEST(VmLocate, ZelLocateGivesTheEstimatorsPositionForTheHeardScan) {
+#if defined(__SANITIZE_ADDRESS__)
+    // The one-shot flow tries the device's own estimate only in the first 100 ms of
+    // each second of its run; a sanitized build under emulation reaches its first
+    // scan later than that and asks the (absent) server instead.
+    GTEST_SKIP() << "timing-bound: run by the unsanitized build";
+#endif
     std::vector<VmAp> aps = configuredAps();
     ASSERT_GE(aps.size(), 3u);
 
