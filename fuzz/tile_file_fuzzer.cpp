@@ -25,7 +25,22 @@ void lookUp(LocalCompressedFileReader& reader, const MacAddress& mac) {
     }
 }
 
-// The inspection path of `zel tiles info`: decode every record of every tile.
+// The fast search, which reads the mapping directly where it can, must answer
+// exactly as the search that checks every read.
+void compareSearches(const Tile& tile, uint64_t key) {
+    StoredApData fast, checked;
+    bool foundFast = tile.findKey(key, fast);
+    bool foundChecked = tile.findKeyChecked(key, checked);
+    if (foundFast != foundChecked ||
+        (foundFast &&
+         (fast.latitude != checked.latitude || fast.longitude != checked.longitude ||
+          fast.quality != checked.quality || fast.signalExponent != checked.signalExponent))) {
+        abort();
+    }
+}
+
+// The inspection path of `zel tiles info`: decode every record of every tile, and
+// search each tile for its keys, their neighbours and its range's ends.
 void decodeAll(const std::vector<uint8_t>& file, const std::string& realm) {
     auto spans = readTileDirectory(file.data(), file.size(), realm);
     if (!spans) {
@@ -35,7 +50,15 @@ void decodeAll(const std::vector<uint8_t>& file, const std::string& realm) {
     for (uint32_t i = 0; i < spans->size(); ++i) {
         Tile tile;
         if (tile.parse((*spans)[i].start, realm, &bits, i)) {
-            tile.forEachRecord([](uint64_t, const StoredApData&) {});
+            std::vector<uint64_t> keys{0, tile.firstKey(), tile.lastKey(), tile.lastKey() + 1};
+            tile.forEachRecord([&](uint64_t key, const StoredApData&) {
+                if (keys.size() < 64) {
+                    keys.insert(keys.end(), {key - 1, key, key + 1});
+                }
+            });
+            for (uint64_t key : keys) {
+                compareSearches(tile, key);
+            }
         }
     }
 }

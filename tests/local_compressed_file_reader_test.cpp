@@ -5,6 +5,9 @@
 
 #include <cmath>
 #include <fstream>
+#include <map>
+#include <optional>
+#include <random>
 
 #include "support/hand_built_tile.h"
 #include "support/log_capture.h"
@@ -281,6 +284,80 @@ TEST_F(ReaderTest, MostRecentlyFoundTileIsTriedFirst) {
     EXPECT_DOUBLE_EQ(lookupKey(0x1005).data.latitude, fromFirst);
     EXPECT_FALSE(found(0x3001));  // a miss changes nothing
     EXPECT_DOUBLE_EQ(lookupKey(0x1005).data.latitude, fromFirst);
+}
+
+// The reader against the lookup rule done literally (walk the tile list front to
+// back, move the answering tile to the front) on a hashed file where many tiles,
+// in a few groups of equal bases with overlapping key ranges, hold the same MACs:
+// which tile answers is visible in the latitude. More tiles than the reader walks
+// before it searches the groups, so both ways of answering are exercised.
+TEST_F(ReaderTest, AnswersFollowTheMostRecentlyFoundOrderAcrossManyTiles) {
+    const std::string realm = "order";
+    const int64_t bases[][2] = {{1000, 500'000}, {1000, 500'001}, {-2000, 7}, {3, -9}};
+    std::vector<MacAddress> macs;
+    for (uint8_t i = 0; i < 12; ++i) {
+        macs.push_back({i, 0x44, static_cast<uint8_t>(i * 7), 0x22, 0x11, 0x02});
+    }
+    std::mt19937 random(5);
+    struct ModelTile {
+        int64_t latBase, lonBase;
+        std::map<uint64_t, uint64_t> latOffsets;  // key -> latitude offset
+    };
+    std::vector<ModelTile> model;
+    std::vector<std::vector<uint8_t>> tiles;
+    for (uint64_t t = 0; t < 48; ++t) {
+        ModelTile tile{bases[t % 4][0], bases[t % 4][1], {}};
+        for (size_t m = 0; m < macs.size(); ++m) {
+            if (random() % 3 == 0 || tile.latOffsets.size() < 2) {
+                tile.latOffsets[TileFormat::hashedKey(macs[m], static_cast<int32_t>(tile.latBase),
+                                                      static_cast<int32_t>(tile.lonBase), realm)] =
+                    t;
+            }
+        }
+        HandTile hand;
+        hand.latBase = tile.latBase;
+        hand.lonBase = tile.lonBase;
+        for (auto [key, latOffset] : tile.latOffsets) {
+            hand.blocks.push_back({key, {{0, latOffset, 1, 1, 1}}});
+        }
+        tiles.push_back(encodeHandTile(hand));
+        model.push_back(tile);
+    }
+    ASSERT_TRUE(openBytes(handFile(tiles, realm), realm));
+    std::vector<size_t> order(model.size());
+    for (size_t i = 0; i < order.size(); ++i) {
+        order[i] = i;
+    }
+    for (int step = 0; step < 2000; ++step) {
+        // Mostly the pool, now and then a MAC stored nowhere.
+        MacAddress mac = macs[random() % macs.size()];
+        if (step % 7 == 0) {
+            mac[5] = 0x0E;
+        }
+        std::optional<size_t> expected;
+        for (size_t position = 0; position < order.size() && !expected; ++position) {
+            const ModelTile& tile = model[order[position]];
+            uint64_t key = TileFormat::hashedKey(mac, static_cast<int32_t>(tile.latBase),
+                                                 static_cast<int32_t>(tile.lonBase), realm);
+            // The range check sees only index keys; every key here is one.
+            if (tile.latOffsets.count(key)) {
+                expected = order[position];
+                order.erase(order.begin() + static_cast<ptrdiff_t>(position));
+                order.insert(order.begin(), *expected);
+            }
+        }
+        ApRecord record = reader_->lookup(mac);
+        if (!expected) {
+            ASSERT_EQ(record.mac, MacAddress{}) << "step " << step;
+            continue;
+        }
+        ASSERT_EQ(record.mac, mac) << "step " << step;
+        const ModelTile& tile = model[*expected];
+        ASSERT_EQ(record.data.latitude,
+                  static_cast<double>(static_cast<int64_t>(*expected) + tile.latBase) *
+                      std::ldexp(1.0, -16))
+            << "step " << step << ": expected tile " << *expected;
+    }
 }
 
 TEST_F(ReaderTest, HashedKeysDependOnTheBasesOfTheTileSearched) {

@@ -20,6 +20,9 @@ class BitReader {
 
     uint32_t position() const { return bitPos_; }
     uint32_t bitLength() const { return bitLength_; }
+    // The stream's bytes, for decoders that check bounds once for a whole run.
+    const uint8_t* data() const { return data_; }
+    uint32_t byteCount() const { return byteCount_; }
     // Any position is accepted; reads beyond the end then fail.
     void setPosition(uint32_t bitPosition) { bitPos_ = bitPosition; }
 

@@ -1,11 +1,18 @@
 // The tile file reader. Lookups follow the rule "the first tile, most recently
 // found first, whose range holds the key and which holds the record" and move the
 // answering tile to the front. Walking every tile per lookup would cost a range
-// check per tile, so the reader also keeps, per group of tiles that share their
-// key function (all tiles in the plain form, tiles with equal bases in the hashed
-// form), the tiles sorted by first key: a lookup computes one key per group and
-// finds the candidate tiles by binary search, then tries them in recency order.
-// Recency is a stamp per tile; sorting the tiles by it gives the list order.
+// check, and in the hashed form a key (one MD4), per tile, so the reader answers
+// in two steps that give the same result:
+//  1. it walks the few most recently found tiles in order (recent_); a scan's
+//     access points mostly lie in the tiles that answered for the scan before;
+//  2. otherwise it takes, per group of tiles that share their key function (all
+//     tiles in the plain form, tiles with equal bases in the hashed form), the
+//     tiles whose range holds the group's key, found by binary search over the
+//     group's tiles sorted by first key, and tries them most recent first.
+// A key is computed once per group and lookup. Recency is a stamp per tile;
+// sorting the tiles by it gives the list order. The memory a lookup touches in
+// the mapping (a block index, then a block) is prefetched as soon as the tile is
+// known, so the candidates of one lookup are fetched side by side.
 #include <algorithm>
 #include <new>
 
@@ -24,9 +31,36 @@ struct TileGroup {
     std::vector<uint32_t> tiles;        // tile positions, by first key
     std::vector<uint64_t> firstKeys;    // firstKeys[i] of tiles[i]
     std::vector<uint64_t> maxLastKeys;  // the greatest last key of tiles[0..i]
-    std::vector<uint64_t> lastKeys;     // lastKeys[i] of tiles[i]
-    std::vector<uint32_t> indexStarts;  // where the block index of tiles[i] lies
 };
+
+// What a lookup needs of a tile before it decodes anything, packed together.
+struct TileSummary {
+    uint64_t firstKey = 0;
+    uint64_t lastKey = 0;
+    uint32_t group = 0;
+    uint32_t indexStart = 0;   // byte offset of the block index
+    uint32_t recordStart = 0;  // byte offset of the record area
+};
+
+// How many recently found tiles a lookup walks before it searches the groups. In
+// the plain form there is one group, whose search is as cheap as the walk.
+constexpr size_t kRecentPlain = 1;
+constexpr size_t kRecentHashed = 32;
+
+// The number of keys in `keys` (ascending) not above `key`, without branches.
+size_t countNotAbove(const std::vector<uint64_t>& keys, uint64_t key) {
+    if (keys.empty()) {
+        return 0;
+    }
+    const uint64_t* base = keys.data();
+    size_t n = keys.size();
+    while (n > 1) {
+        size_t half = n / 2;
+        base = base[half] <= key ? base + half : base;
+        n -= half;
+    }
+    return static_cast<size_t>(base - keys.data()) + (*base <= key);
+}
 
 class CompressedFileReader final : public LocalCompressedFileReader {
   public:
@@ -40,23 +74,41 @@ class CompressedFileReader final : public LocalCompressedFileReader {
   private:
     bool loadTiles();
     void buildGroups();
-    // Appends the tiles of `group` whose range holds `key`, except `skip`.
-    void collectCandidates(const TileGroup& group, uint64_t key, uint32_t skip);
+    // The key of `mac` in the tiles of `group`, computed once per lookup.
+    uint64_t groupKey(uint32_t group, const MacAddress& mac);
+    // Appends the tiles of `group` whose range holds `key` and whose recency is
+    // below `recencyBelow` (those above were walked already).
+    void collectCandidates(uint32_t group, uint64_t key, uint64_t recencyBelow);
+    // Starts fetching the block index of `tile` (all its lines at once) and the tile.
+    void prefetch(uint32_t tile) const;
+    void prefetchLine(uint64_t byte) const;
+    // Makes `tile`, found at recent_[position] (or not there when position is
+    // recent_.size()), the most recently found.
+    void promote(size_t position, uint32_t tile);
 
     log4cpp::Category& category_;
     std::string realm_;
     std::unique_ptr<SPI::File> file_;
     std::unique_ptr<SPI::FileMapping> mapping_;
     std::unique_ptr<BitReader> bitReader_;
+    const uint8_t* mappedData_ = nullptr;  // the mapping's, kept at hand for prefetches
+    uint64_t mappedLength_ = 0;
     std::vector<std::unique_ptr<Tile>> tiles_;  // file order
+    std::vector<TileSummary> summaries_;        // per tile
     std::vector<uint64_t> recency_;             // per tile; the greatest is the front
     uint64_t nextStamp_ = 0;
-    uint32_t front_ = 0;
+    std::vector<uint32_t> recent_;  // the front of the recency order, most recent first
+    size_t recentLimit_ = kRecentPlain;
     std::vector<TileGroup> groups_;
+    // Per group, the key of the current lookup's MAC and the lookup it was made for.
+    std::vector<uint64_t> groupKeys_;
+    std::vector<uint32_t> groupKeyLookups_;
+    uint32_t lookupCount_ = 0;
     struct Candidate {
         uint64_t recency;
         uint32_t tile;
         uint64_t key;
+        Tile::Block block;
     };
     std::vector<Candidate> candidates_;  // reused by every lookup
 };
@@ -100,6 +152,8 @@ bool CompressedFileReader::open(const std::string& path, const std::string& real
         file_.reset();
         return false;
     }
+    mappedData_ = mapping_->data();
+    mappedLength_ = mapping_->length();
     buildGroups();
     return true;
 }
@@ -110,6 +164,7 @@ bool CompressedFileReader::loadTiles() {
         return false;
     }
     tiles_.reserve(spans->size());
+    summaries_.reserve(spans->size());
     for (uint32_t i = 0; i < spans->size(); ++i) {
         auto tile = std::make_unique<Tile>();
         bool valid = tile->parse((*spans)[i].start, realm_, bitReader_.get(), i);
@@ -117,6 +172,8 @@ bool CompressedFileReader::loadTiles() {
             ZEL_LOG_ERROR(category_, "invalid tile %u", i);
             return false;
         }
+        summaries_.push_back(
+            {tile->firstKey(), tile->lastKey(), 0, tile->indexStart(), tile->recordBase() / 8});
         tiles_.push_back(std::move(tile));
     }
     return true;
@@ -129,12 +186,15 @@ void CompressedFileReader::buildGroups() {
         recency_[i] = tiles_.size() - i;
     }
     nextStamp_ = tiles_.size() + 1;
-    front_ = 0;
+    bool hashed = !realm_.empty();
+    recentLimit_ = hashed ? kRecentHashed : kRecentPlain;
+    for (uint32_t i = 0; i < tiles_.size() && recent_.size() < recentLimit_; ++i) {
+        recent_.push_back(i);
+    }
     std::vector<uint32_t> order(tiles_.size());
     for (uint32_t i = 0; i < order.size(); ++i) {
         order[i] = i;
     }
-    bool hashed = !realm_.empty();
     auto groupKey = [&](uint32_t i) {
         return hashed ? std::pair(tiles_[i]->latBase(), tiles_[i]->lonBase()) : std::pair(0, 0);
     };
@@ -146,31 +206,71 @@ void CompressedFileReader::buildGroups() {
         bool newBases = !groups_.empty() && (groups_.back().latBase != tiles_[i]->latBase() ||
                                              groups_.back().lonBase != tiles_[i]->lonBase());
         if (groups_.empty() || (hashed && newBases)) {
-            groups_.push_back({tiles_[i]->latBase(), tiles_[i]->lonBase(), {}, {}, {}, {}, {}});
+            groups_.push_back({tiles_[i]->latBase(), tiles_[i]->lonBase(), {}, {}, {}});
         }
         TileGroup& group = groups_.back();
         uint64_t maxLast = group.maxLastKeys.empty() ? 0 : group.maxLastKeys.back();
         group.tiles.push_back(i);
         group.firstKeys.push_back(tiles_[i]->firstKey());
         group.maxLastKeys.push_back(std::max(maxLast, tiles_[i]->lastKey()));
-        group.lastKeys.push_back(tiles_[i]->lastKey());
-        group.indexStarts.push_back(tiles_[i]->indexStart());
+        summaries_[i].group = static_cast<uint32_t>(groups_.size() - 1);
+    }
+    groupKeys_.assign(groups_.size(), 0);
+    groupKeyLookups_.assign(groups_.size(), 0);
+    lookupCount_ = 0;
+}
+
+uint64_t CompressedFileReader::groupKey(uint32_t group, const MacAddress& mac) {
+    if (groupKeyLookups_[group] != lookupCount_) {
+        groupKeyLookups_[group] = lookupCount_;
+        groupKeys_[group] =
+            TileFormat::keyFor(mac, groups_[group].latBase, groups_[group].lonBase, realm_);
+    }
+    return groupKeys_[group];
+}
+
+void CompressedFileReader::prefetchLine(uint64_t byte) const {
+    if (byte < mappedLength_) {
+        __builtin_prefetch(mappedData_ + byte);
     }
 }
 
-void CompressedFileReader::collectCandidates(const TileGroup& group, uint64_t key, uint32_t skip) {
-    size_t end = std::upper_bound(group.firstKeys.begin(), group.firstKeys.end(), key) -
-                 group.firstKeys.begin();
-    for (size_t i = end; i > 0 && group.maxLastKeys[i - 1] >= key; --i) {
-        uint32_t tile = group.tiles[i - 1];
-        if (tile != skip && group.lastKeys[i - 1] >= key) {
-            // The tile object and its index are both needed next: fetch them together.
-            __builtin_prefetch(tiles_[tile].get());
-            if (group.indexStarts[i - 1] < mapping_->length()) {
-                __builtin_prefetch(mapping_->data() + group.indexStarts[i - 1]);
-            }
-            candidates_.push_back({recency_[tile], tile, key});
+void CompressedFileReader::prefetch(uint32_t tile) const {
+    const TileSummary& summary = summaries_[tile];
+    constexpr uint32_t kLine = 64, kMaxIndexLines = 8;
+    for (uint32_t line = 0; line < kMaxIndexLines; ++line) {
+        uint64_t byte = uint64_t{summary.indexStart & ~(kLine - 1)} + uint64_t{line} * kLine;
+        if (byte >= summary.recordStart) {
+            break;
         }
+        prefetchLine(byte);
+    }
+    __builtin_prefetch(tiles_[tile].get());
+}
+
+void CompressedFileReader::collectCandidates(uint32_t groupIndex, uint64_t key,
+                                             uint64_t recencyBelow) {
+    const TileGroup& group = groups_[groupIndex];
+    for (size_t i = countNotAbove(group.firstKeys, key); i > 0 && group.maxLastKeys[i - 1] >= key;
+         --i) {
+        uint32_t tile = group.tiles[i - 1];
+        if (summaries_[tile].lastKey >= key && recency_[tile] < recencyBelow) {
+            prefetch(tile);
+            candidates_.push_back({recency_[tile], tile, key, {}});
+        }
+    }
+}
+
+void CompressedFileReader::promote(size_t position, uint32_t tile) {
+    recency_[tile] = nextStamp_++;
+    if (position == recent_.size()) {
+        recent_.insert(recent_.begin(), tile);
+        if (recent_.size() > recentLimit_) {
+            recent_.pop_back();
+        }
+    } else {
+        std::rotate(recent_.begin(), recent_.begin() + static_cast<ptrdiff_t>(position),
+                    recent_.begin() + static_cast<ptrdiff_t>(position) + 1);
     }
 }
 
@@ -179,24 +279,45 @@ ApRecord CompressedFileReader::lookup(const MacAddress& mac) {
     if (!bitReader_ || tiles_.empty()) {
         return record;
     }
-    // Consecutive lookups of one scan mostly fall in the front tile.
-    if (tiles_[front_]->find(mac, record)) {
+    if (++lookupCount_ == 0) {  // the stamps wrapped: forget every remembered key
+        std::fill(groupKeyLookups_.begin(), groupKeyLookups_.end(), 0);
+        lookupCount_ = 1;
+    }
+    for (size_t position = 0; position < recent_.size(); ++position) {
+        uint32_t tile = recent_[position];
+        const TileSummary& summary = summaries_[tile];
+        uint64_t key = groupKey(summary.group, mac);
+        if (key >= summary.firstKey && key <= summary.lastKey &&
+            tiles_[tile]->findKey(key, record.data)) {
+            record.mac = mac;
+            promote(position, tile);
+            return record;
+        }
+    }
+    uint64_t recencyBelow = recency_[recent_.back()];
+    candidates_.clear();
+    for (uint32_t group = 0; group < groups_.size(); ++group) {
+        collectCandidates(group, groupKey(group, mac), recencyBelow);
+    }
+    if (candidates_.empty()) {
         return record;
     }
-    candidates_.clear();
-    for (const TileGroup& group : groups_) {
-        collectCandidates(group, TileFormat::keyFor(mac, group.latBase, group.lonBase, realm_),
-                          front_);
-    }
     if (candidates_.size() > 1) {
+        // Find every candidate's block first, so that the blocks load side by side.
+        for (Candidate& candidate : candidates_) {
+            candidate.block = tiles_[candidate.tile]->locate(candidate.key);
+            prefetchLine(candidate.block.start / 8);
+            prefetchLine(candidate.block.start / 8 + 64);
+        }
         std::sort(candidates_.begin(), candidates_.end(),
                   [](const Candidate& a, const Candidate& b) { return a.recency > b.recency; });
+    } else {
+        candidates_[0].block = tiles_[candidates_[0].tile]->locate(candidates_[0].key);
     }
     for (const Candidate& candidate : candidates_) {
-        if (tiles_[candidate.tile]->findKey(candidate.key, record.data)) {
+        if (tiles_[candidate.tile]->decode(candidate.block, candidate.key, record.data)) {
             record.mac = mac;
-            recency_[candidate.tile] = nextStamp_++;
-            front_ = candidate.tile;
+            promote(recent_.size(), candidate.tile);
             return record;
         }
     }
@@ -207,10 +328,15 @@ void CompressedFileReader::close() {
     bitReader_.reset();
     mapping_.reset();
     file_.reset();
+    mappedData_ = nullptr;
+    mappedLength_ = 0;
     tiles_.clear();
+    summaries_.clear();
     recency_.clear();
+    recent_.clear();
     groups_.clear();
-    front_ = 0;
+    groupKeys_.clear();
+    groupKeyLookups_.clear();
 }
 
 }  // namespace

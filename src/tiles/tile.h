@@ -28,7 +28,20 @@ class Tile {
     // Looks `mac` up; on success fills `record` (with `mac`) and returns true.
     bool find(const MacAddress& mac, ApRecord& record) const;
     // The same for a key already computed by keyFor().
-    bool findKey(uint64_t key, StoredApData& data) const;
+    bool findKey(uint64_t key, StoredApData& data) const { return decode(locate(key), key, data); }
+    // The same, reading every field through the bounds-checked BitReader even where
+    // the whole run lies inside the stream; the reference findKey must agree with.
+    bool findKeyChecked(uint64_t key, StoredApData& data) const;
+
+    // Where `key` can lie: the key and the bit position of the last block whose
+    // key does not exceed it.
+    struct Block {
+        uint64_t key;
+        uint32_t start;
+    };
+    Block locate(uint64_t key) const;
+    // Decodes the records from `block` on, looking for `key`.
+    bool decode(const Block& block, uint64_t key, StoredApData& data) const;
 
     // Decodes the records one after the other from the start of the record area,
     // stopping after recordCount records or at the first one whose key does not
@@ -49,11 +62,18 @@ class Tile {
     uint64_t lastKey() const { return lastKey_; }
     uint32_t indexStart() const { return indexStart_; }
 
-  private:
+    // The bit position of the record area (the end of the block index).
     uint32_t recordBase() const { return (indexStart_ + 6 + 8 * (indexCount_ - 1)) * 8; }
+
+  private:
     unsigned recordBits() const { return latBits_ + lonBits_ + qualityBits_ + exponentBits_; }
     // Reads the four value fields at the current position.
     StoredApData decodeValues() const;
+    Block locateChecked(uint64_t key) const;
+    // Continues a decode at bit `position` with `count` records behind and the
+    // running key `running`.
+    bool decodeChecked(uint32_t position, uint32_t count, uint64_t running, const Block& block,
+                       uint64_t key, StoredApData& data) const;
 
     BitReader* bitReader_ = nullptr;
     uint32_t indexStart_ = 0;
@@ -70,6 +90,7 @@ class Tile {
     uint32_t indexCount_ = 0;
     uint64_t firstKey_ = 0;
     uint64_t lastKey_ = 0;
+    bool indexInside_ = false;  // every index entry can be loaded as 8 bytes
     std::string realm_;
     uint32_t tileIndex_ = 0;
 };

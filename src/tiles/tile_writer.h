@@ -10,7 +10,10 @@
 // access points are grouped by geographic cell (cellDegrees), every tile of a cell
 // shares the cell's bases, and a cell with more than tileRecords access points is
 // split into tiles by key. A cell holding a single access point is merged into a
-// neighbouring one, since a tile needs two distinct keys.
+// neighbouring one, since a tile needs two distinct keys. A MAC absent from the file
+// costs one key (one MD4) per cell, so cells are large: half a degree keeps a city
+// within a handful of cells, and a tile's offsets widen only as far as its access
+// points actually spread.
 //
 // Every tile has its own field widths, just wide enough for its data, blocks of
 // blockRecords records, at least two index entries and its greatest key alone in
@@ -42,7 +45,7 @@ struct TileWriterOptions {
     unsigned precision = 5;             // 1..7: coordinate unit 2^-(precision + 11) degree
     uint32_t blockRecords = 16;         // records per block, 1..496 (bit lengths fit 16 bits)
     uint32_t tileRecords = 512;         // at most this many records per tile, at least 4
-    double cellDegrees = 0.0625;        // hashed form: side of a geographic cell
+    double cellDegrees = 0.5;           // hashed form: side of a geographic cell
     double exponentTolerance = 0.0112;  // largest rounding error of an exponent (4 bits)
 };
 
