@@ -3,6 +3,7 @@
 
 #include <unistd.h>
 
+#include <algorithm>
 #include <cmath>
 #include <fstream>
 #include <map>
@@ -358,6 +359,37 @@ TEST_F(ReaderTest, AnswersFollowTheMostRecentlyFoundOrderAcrossManyTiles) {
                       std::ldexp(1.0, -16))
             << "step " << step << ": expected tile " << *expected;
     }
+}
+
+// The reader narrows its search of a group's tiles by the high bits of the key:
+// tiles that start exactly at, just below and just above such boundaries, and
+// keys on every side of them, at the bottom and the top of the key space.
+TEST_F(ReaderTest, TilesAtEveryBoundaryOfTheKeySpaceAreFound) {
+    std::vector<uint64_t> starts{0x000000000001, 0x0FFFFFFFFFFF};
+    for (int bit = 40; bit < 48; ++bit) {
+        uint64_t edge = uint64_t{1} << bit;
+        starts.insert(starts.end(), {edge - 3, edge, edge + 2});
+    }
+    starts.push_back(0xFFFFFFFFFFFD);
+    std::sort(starts.begin(), starts.end());
+    std::vector<std::vector<uint8_t>> tiles;
+    for (uint64_t start : starts) {
+        HandTile tile;
+        tile.blocks = {{start, {{0, 1, 1, 1, 1}}}, {start + 1, {{0, 2, 2, 2, 2}}}};
+        tiles.push_back(encodeHandTile(tile));
+    }
+    ASSERT_TRUE(openBytes(handFile(tiles, "")));
+    auto held = [&](uint64_t key) {
+        return std::any_of(starts.begin(), starts.end(),
+                           [&](uint64_t start) { return key == start || key == start + 1; });
+    };
+    for (uint64_t start : starts) {
+        for (uint64_t key = start - 2; key != start + 4; ++key) {
+            EXPECT_EQ(found(key), held(key)) << std::hex << key;
+        }
+    }
+    EXPECT_FALSE(found(0));
+    EXPECT_FALSE(found(0xFFFFFFFFFFFF));
 }
 
 TEST_F(ReaderTest, HashedKeysDependOnTheBasesOfTheTileSearched) {

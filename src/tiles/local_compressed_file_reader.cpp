@@ -31,6 +31,15 @@ struct TileGroup {
     std::vector<uint32_t> tiles;        // tile positions, by first key
     std::vector<uint64_t> firstKeys;    // firstKeys[i] of tiles[i]
     std::vector<uint64_t> maxLastKeys;  // the greatest last key of tiles[0..i]
+    // buckets[b]: how many first keys lie below b << bucketShift, so that the
+    // first keys not above a key k are counted within buckets[b] .. buckets[b + 1]
+    // for b = k >> bucketShift, a handful of tiles instead of the whole group.
+    unsigned bucketShift = TileFormat::kKeyBits;
+    std::vector<uint32_t> buckets;
+
+    // The number of first keys not above `key`.
+    size_t countNotAbove(uint64_t key) const;
+    void buildBuckets();
 };
 
 // What a lookup needs of a tile before it decodes anything, packed together.
@@ -47,19 +56,45 @@ struct TileSummary {
 constexpr size_t kRecentPlain = 1;
 constexpr size_t kRecentHashed = 32;
 
-// The number of keys in `keys` (ascending) not above `key`, without branches.
-size_t countNotAbove(const std::vector<uint64_t>& keys, uint64_t key) {
-    if (keys.empty()) {
+// The number of the `n` keys at `keys` (ascending) not above `key`, without branches.
+size_t countNotAbove(const uint64_t* keys, size_t n, uint64_t key) {
+    if (n == 0) {
         return 0;
     }
-    const uint64_t* base = keys.data();
-    size_t n = keys.size();
+    const uint64_t* base = keys;
     while (n > 1) {
         size_t half = n / 2;
         base = base[half] <= key ? base + half : base;
         n -= half;
     }
-    return static_cast<size_t>(base - keys.data()) + (*base <= key);
+    return static_cast<size_t>(base - keys) + (*base <= key);
+}
+
+void TileGroup::buildBuckets() {
+    // About two buckets per tile, at most 2^16.
+    unsigned bits = 1;
+    while (bits < 16 && (size_t{1} << bits) < 2 * tiles.size()) {
+        ++bits;
+    }
+    bucketShift = TileFormat::kKeyBits - bits;
+    buckets.resize((size_t{1} << bits) + 1);
+    size_t below = 0;
+    for (size_t b = 0; b < buckets.size(); ++b) {
+        uint64_t start = uint64_t{b} << bucketShift;
+        while (below < firstKeys.size() && firstKeys[below] < start) {
+            ++below;
+        }
+        buckets[b] = static_cast<uint32_t>(below);
+    }
+}
+
+size_t TileGroup::countNotAbove(uint64_t key) const {
+    size_t bucket = static_cast<size_t>(key >> bucketShift);
+    if (bucket + 1 >= buckets.size()) {  // keys are 48 bits; anything wider is above all
+        return firstKeys.size();
+    }
+    size_t low = buckets[bucket];
+    return low + ZEL::API::countNotAbove(firstKeys.data() + low, buckets[bucket + 1] - low, key);
 }
 
 class CompressedFileReader final : public LocalCompressedFileReader {
@@ -206,7 +241,9 @@ void CompressedFileReader::buildGroups() {
         bool newBases = !groups_.empty() && (groups_.back().latBase != tiles_[i]->latBase() ||
                                              groups_.back().lonBase != tiles_[i]->lonBase());
         if (groups_.empty() || (hashed && newBases)) {
-            groups_.push_back({tiles_[i]->latBase(), tiles_[i]->lonBase(), {}, {}, {}});
+            groups_.emplace_back();
+            groups_.back().latBase = tiles_[i]->latBase();
+            groups_.back().lonBase = tiles_[i]->lonBase();
         }
         TileGroup& group = groups_.back();
         uint64_t maxLast = group.maxLastKeys.empty() ? 0 : group.maxLastKeys.back();
@@ -214,6 +251,9 @@ void CompressedFileReader::buildGroups() {
         group.firstKeys.push_back(tiles_[i]->firstKey());
         group.maxLastKeys.push_back(std::max(maxLast, tiles_[i]->lastKey()));
         summaries_[i].group = static_cast<uint32_t>(groups_.size() - 1);
+    }
+    for (TileGroup& group : groups_) {
+        group.buildBuckets();
     }
     groupKeys_.assign(groups_.size(), 0);
     groupKeyLookups_.assign(groups_.size(), 0);
@@ -251,8 +291,7 @@ void CompressedFileReader::prefetch(uint32_t tile) const {
 void CompressedFileReader::collectCandidates(uint32_t groupIndex, uint64_t key,
                                              uint64_t recencyBelow) {
     const TileGroup& group = groups_[groupIndex];
-    for (size_t i = countNotAbove(group.firstKeys, key); i > 0 && group.maxLastKeys[i - 1] >= key;
-         --i) {
+    for (size_t i = group.countNotAbove(key); i > 0 && group.maxLastKeys[i - 1] >= key; --i) {
         uint32_t tile = group.tiles[i - 1];
         if (summaries_[tile].lastKey >= key && recency_[tile] < recencyBelow) {
             prefetch(tile);
