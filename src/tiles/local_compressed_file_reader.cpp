@@ -28,9 +28,13 @@ namespace {
 struct TileGroup {
     int32_t latBase = 0;
     int32_t lonBase = 0;
-    std::vector<uint32_t> tiles;        // tile positions, by first key
-    std::vector<uint64_t> firstKeys;    // firstKeys[i] of tiles[i]
-    std::vector<uint64_t> maxLastKeys;  // the greatest last key of tiles[0..i]
+    std::vector<uint64_t> firstKeys;  // of the group's tiles, ascending
+    // Per first key, what the search needs next, side by side.
+    struct Slot {
+        uint64_t maxLastKey;  // the greatest last key of the tiles of slots 0..i
+        uint32_t tile;        // the tile position
+    };
+    std::vector<Slot> slots;
     // buckets[b]: how many first keys lie below b << bucketShift, so that the
     // first keys not above a key k are counted within buckets[b] .. buckets[b + 1]
     // for b = k >> bucketShift, a handful of tiles instead of the whole group.
@@ -42,14 +46,18 @@ struct TileGroup {
     void buildBuckets();
 };
 
-// What a lookup needs of a tile before it decodes anything, packed together.
-struct TileSummary {
+// What a lookup needs of a tile before it decodes anything, in one cache line.
+struct alignas(32) TileSummary {
     uint64_t firstKey = 0;
     uint64_t lastKey = 0;
-    uint32_t group = 0;
-    uint32_t indexStart = 0;   // byte offset of the block index
-    uint32_t recordStart = 0;  // byte offset of the record area
+    uint64_t recency = 0;     // the greatest is the front of the list
+    uint32_t indexStart = 0;  // byte offset of the block index
+    uint16_t indexLines = 0;  // cache lines the index spans (at most kMaxIndexLines)
+    uint16_t group = 0;       // a file has at most 65535 tiles
 };
+
+constexpr uint32_t kLine = 64;
+constexpr uint16_t kMaxIndexLines = 8;
 
 // How many recently found tiles a lookup walks before it searches the groups. In
 // the plain form there is one group, whose search is as cheap as the walk.
@@ -73,7 +81,7 @@ size_t countNotAbove(const uint64_t* keys, size_t n, uint64_t key) {
 void TileGroup::buildBuckets() {
     // About two buckets per tile, at most 2^16.
     unsigned bits = 1;
-    while (bits < 16 && (size_t{1} << bits) < 2 * tiles.size()) {
+    while (bits < 16 && (size_t{1} << bits) < 2 * slots.size()) {
         ++bits;
     }
     bucketShift = TileFormat::kKeyBits - bits;
@@ -128,9 +136,8 @@ class CompressedFileReader final : public LocalCompressedFileReader {
     std::unique_ptr<BitReader> bitReader_;
     const uint8_t* mappedData_ = nullptr;  // the mapping's, kept at hand for prefetches
     uint64_t mappedLength_ = 0;
-    std::vector<std::unique_ptr<Tile>> tiles_;  // file order
-    std::vector<TileSummary> summaries_;        // per tile
-    std::vector<uint64_t> recency_;             // per tile; the greatest is the front
+    std::vector<Tile> tiles_;             // file order
+    std::vector<TileSummary> summaries_;  // per tile
     uint64_t nextStamp_ = 0;
     std::vector<uint32_t> recent_;  // the front of the recency order, most recent first
     size_t recentLimit_ = kRecentPlain;
@@ -201,24 +208,26 @@ bool CompressedFileReader::loadTiles() {
     tiles_.reserve(spans->size());
     summaries_.reserve(spans->size());
     for (uint32_t i = 0; i < spans->size(); ++i) {
-        auto tile = std::make_unique<Tile>();
-        bool valid = tile->parse((*spans)[i].start, realm_, bitReader_.get(), i);
-        if (!valid) {
+        Tile& tile = tiles_.emplace_back();
+        if (!tile.parse((*spans)[i].start, realm_, bitReader_.get(), i)) {
             ZEL_LOG_ERROR(category_, "invalid tile %u", i);
             return false;
         }
-        summaries_.push_back(
-            {tile->firstKey(), tile->lastKey(), 0, tile->indexStart(), tile->recordBase() / 8});
-        tiles_.push_back(std::move(tile));
+        uint64_t indexBytes = tile.recordBase() / 8 - uint64_t{tile.indexStart() & ~(kLine - 1)};
+        TileSummary& summary = summaries_.emplace_back();
+        summary.firstKey = tile.firstKey();
+        summary.lastKey = tile.lastKey();
+        summary.indexStart = tile.indexStart();
+        summary.indexLines = static_cast<uint16_t>(
+            std::min<uint64_t>((indexBytes + kLine - 1) / kLine, kMaxIndexLines));
     }
     return true;
 }
 
 void CompressedFileReader::buildGroups() {
     // File order is the first recency order: tile 0 in front.
-    recency_.resize(tiles_.size());
     for (uint32_t i = 0; i < tiles_.size(); ++i) {
-        recency_[i] = tiles_.size() - i;
+        summaries_[i].recency = tiles_.size() - i;
     }
     nextStamp_ = tiles_.size() + 1;
     bool hashed = !realm_.empty();
@@ -231,26 +240,25 @@ void CompressedFileReader::buildGroups() {
         order[i] = i;
     }
     auto groupKey = [&](uint32_t i) {
-        return hashed ? std::pair(tiles_[i]->latBase(), tiles_[i]->lonBase()) : std::pair(0, 0);
+        return hashed ? std::pair(tiles_[i].latBase(), tiles_[i].lonBase()) : std::pair(0, 0);
     };
     std::sort(order.begin(), order.end(), [&](uint32_t a, uint32_t b) {
         auto ga = groupKey(a), gb = groupKey(b);
-        return ga != gb ? ga < gb : tiles_[a]->firstKey() < tiles_[b]->firstKey();
+        return ga != gb ? ga < gb : tiles_[a].firstKey() < tiles_[b].firstKey();
     });
     for (uint32_t i : order) {
-        bool newBases = !groups_.empty() && (groups_.back().latBase != tiles_[i]->latBase() ||
-                                             groups_.back().lonBase != tiles_[i]->lonBase());
+        bool newBases = !groups_.empty() && (groups_.back().latBase != tiles_[i].latBase() ||
+                                             groups_.back().lonBase != tiles_[i].lonBase());
         if (groups_.empty() || (hashed && newBases)) {
             groups_.emplace_back();
-            groups_.back().latBase = tiles_[i]->latBase();
-            groups_.back().lonBase = tiles_[i]->lonBase();
+            groups_.back().latBase = tiles_[i].latBase();
+            groups_.back().lonBase = tiles_[i].lonBase();
         }
         TileGroup& group = groups_.back();
-        uint64_t maxLast = group.maxLastKeys.empty() ? 0 : group.maxLastKeys.back();
-        group.tiles.push_back(i);
-        group.firstKeys.push_back(tiles_[i]->firstKey());
-        group.maxLastKeys.push_back(std::max(maxLast, tiles_[i]->lastKey()));
-        summaries_[i].group = static_cast<uint32_t>(groups_.size() - 1);
+        uint64_t maxLast = group.slots.empty() ? 0 : group.slots.back().maxLastKey;
+        group.firstKeys.push_back(tiles_[i].firstKey());
+        group.slots.push_back({std::max(maxLast, tiles_[i].lastKey()), i});
+        summaries_[i].group = static_cast<uint16_t>(groups_.size() - 1);
     }
     for (TileGroup& group : groups_) {
         group.buildBuckets();
@@ -277,31 +285,28 @@ void CompressedFileReader::prefetchLine(uint64_t byte) const {
 
 void CompressedFileReader::prefetch(uint32_t tile) const {
     const TileSummary& summary = summaries_[tile];
-    constexpr uint32_t kLine = 64, kMaxIndexLines = 8;
-    for (uint32_t line = 0; line < kMaxIndexLines; ++line) {
-        uint64_t byte = uint64_t{summary.indexStart & ~(kLine - 1)} + uint64_t{line} * kLine;
-        if (byte >= summary.recordStart) {
-            break;
-        }
-        prefetchLine(byte);
+    uint64_t first = summary.indexStart & ~(kLine - 1);
+    for (uint32_t line = 0; line < summary.indexLines; ++line) {
+        prefetchLine(first + uint64_t{line} * kLine);
     }
-    __builtin_prefetch(tiles_[tile].get());
+    __builtin_prefetch(&tiles_[tile]);
 }
 
 void CompressedFileReader::collectCandidates(uint32_t groupIndex, uint64_t key,
                                              uint64_t recencyBelow) {
     const TileGroup& group = groups_[groupIndex];
-    for (size_t i = group.countNotAbove(key); i > 0 && group.maxLastKeys[i - 1] >= key; --i) {
-        uint32_t tile = group.tiles[i - 1];
-        if (summaries_[tile].lastKey >= key && recency_[tile] < recencyBelow) {
+    for (size_t i = group.countNotAbove(key); i > 0 && group.slots[i - 1].maxLastKey >= key; --i) {
+        uint32_t tile = group.slots[i - 1].tile;
+        const TileSummary& summary = summaries_[tile];
+        if (summary.lastKey >= key && summary.recency < recencyBelow) {
             prefetch(tile);
-            candidates_.push_back({recency_[tile], tile, key, {}});
+            candidates_.push_back({summary.recency, tile, key, {}});
         }
     }
 }
 
 void CompressedFileReader::promote(size_t position, uint32_t tile) {
-    recency_[tile] = nextStamp_++;
+    summaries_[tile].recency = nextStamp_++;
     if (position == recent_.size()) {
         recent_.insert(recent_.begin(), tile);
         if (recent_.size() > recentLimit_) {
@@ -327,13 +332,13 @@ ApRecord CompressedFileReader::lookup(const MacAddress& mac) {
         const TileSummary& summary = summaries_[tile];
         uint64_t key = groupKey(summary.group, mac);
         if (key >= summary.firstKey && key <= summary.lastKey &&
-            tiles_[tile]->findKey(key, record.data)) {
+            tiles_[tile].findKey(key, record.data)) {
             record.mac = mac;
             promote(position, tile);
             return record;
         }
     }
-    uint64_t recencyBelow = recency_[recent_.back()];
+    uint64_t recencyBelow = summaries_[recent_.back()].recency;
     candidates_.clear();
     for (uint32_t group = 0; group < groups_.size(); ++group) {
         collectCandidates(group, groupKey(group, mac), recencyBelow);
@@ -344,17 +349,17 @@ ApRecord CompressedFileReader::lookup(const MacAddress& mac) {
     if (candidates_.size() > 1) {
         // Find every candidate's block first, so that the blocks load side by side.
         for (Candidate& candidate : candidates_) {
-            candidate.block = tiles_[candidate.tile]->locate(candidate.key);
+            candidate.block = tiles_[candidate.tile].locate(candidate.key);
             prefetchLine(candidate.block.start / 8);
-            prefetchLine(candidate.block.start / 8 + 64);
+            prefetchLine(candidate.block.start / 8 + kLine);
         }
         std::sort(candidates_.begin(), candidates_.end(),
                   [](const Candidate& a, const Candidate& b) { return a.recency > b.recency; });
     } else {
-        candidates_[0].block = tiles_[candidates_[0].tile]->locate(candidates_[0].key);
+        candidates_[0].block = tiles_[candidates_[0].tile].locate(candidates_[0].key);
     }
     for (const Candidate& candidate : candidates_) {
-        if (tiles_[candidate.tile]->decode(candidate.block, candidate.key, record.data)) {
+        if (tiles_[candidate.tile].decode(candidate.block, candidate.key, record.data)) {
             record.mac = mac;
             promote(recent_.size(), candidate.tile);
             return record;
@@ -371,7 +376,6 @@ void CompressedFileReader::close() {
     mappedLength_ = 0;
     tiles_.clear();
     summaries_.clear();
-    recency_.clear();
     recent_.clear();
     groups_.clear();
     groupKeys_.clear();
