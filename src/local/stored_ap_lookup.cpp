@@ -14,7 +14,7 @@ constexpr double kUnknownSignalExponent = 0.25;
 const ApRecord* findInReaders(ReaderList& readers, const MacAddress& mac, ApRecord& found) {
     for (auto& reader : readers) {
         found = reader->lookup(mac);
-        if (found.mac == mac) {
+        if (sameMac(found.mac, mac)) {
             return &found;
         }
     }
@@ -23,7 +23,7 @@ const ApRecord* findInReaders(ReaderList& readers, const MacAddress& mac, ApReco
 
 const LocalApEntry* findEntry(const std::vector<LocalApEntry>& entries, const MacAddress& mac) {
     auto it = std::find_if(entries.begin(), entries.end(),
-                           [&](const LocalApEntry& entry) { return entry.mac == mac; });
+                           [&](const LocalApEntry& entry) { return sameMac(entry.mac, mac); });
     return it == entries.end() ? nullptr : &*it;
 }
 
@@ -85,8 +85,9 @@ void updateTrackedAps(std::vector<LocalApEntry>& tracked, const std::vector<Loca
         entry.time[0] = SPI::TimeStamp{};
     }
     for (const ScannedAP& ap : aps) {
-        auto it = std::find_if(tracked.begin(), tracked.end(),
-                               [&](const LocalApEntry& entry) { return entry.mac == ap.mac; });
+        auto it = std::find_if(tracked.begin(), tracked.end(), [&](const LocalApEntry& entry) {
+            return sameMac(entry.mac, ap.mac);
+        });
         if (it != tracked.end()) {
             recordCurrentScan(*it, ap);
             continue;

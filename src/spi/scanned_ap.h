@@ -3,6 +3,7 @@
 
 #include <array>
 #include <cstdint>
+#include <cstring>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -16,6 +17,18 @@ namespace ZEL {
 // address, mac[0] the last. Every consumer (request text, tile keys, caller
 // records) relies on this order.
 using MacAddress = std::array<uint8_t, 6>;
+
+// Whether two MACs are equal, as two integer compares; std::array's == calls
+// memcmp, which dominates linear searches over a few hundred tracked APs.
+inline bool sameMac(const MacAddress& a, const MacAddress& b) {
+    uint32_t aHead, bHead;
+    uint16_t aTail, bTail;
+    std::memcpy(&aHead, a.data(), 4);
+    std::memcpy(&bHead, b.data(), 4);
+    std::memcpy(&aTail, a.data() + 4, 2);
+    std::memcpy(&bTail, b.data() + 4, 2);
+    return aHead == bHead && aTail == bTail;
+}
 
 struct ScannedAP {
     MacAddress mac{};
