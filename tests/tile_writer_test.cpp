@@ -5,6 +5,7 @@
 #include <cmath>
 #include <map>
 #include <random>
+#include <set>
 #include <unordered_map>
 
 #include "support/hand_built_tile.h"
@@ -176,6 +177,34 @@ TEST_F(TileWriterTest, EveryTileHasTwoIndexEntriesItsGreatestKeyLastAndTightWidt
         EXPECT_EQ(records, aps.size());
         EXPECT_EQ(result.accessPoints, aps.size());
     }
+}
+
+// A MAC absent from a hashed file costs one key per cell: a city smaller than a
+// cell must make one cell even where it straddles a multiple of the cell size.
+TEST_F(TileWriterTest, HashedCityAcrossAGridLineStaysOneCell) {
+    std::vector<AccessPointPosition> aps = cityOf(3000, 12, 9);
+    for (auto& ap : aps) {  // around 46.0 N 9.0 E, both multiples of half a degree
+        ap.latitude -= 1.5;
+        ap.longitude += 0.5;
+    }
+    auto cellsOf = [&](const TileWriterOptions& options) {
+        TileWriteResult result = TileWriter::build(aps, "city", options);
+        EXPECT_TRUE(result.ok) << result.error;
+        auto spans = readTileDirectory(result.bytes.data(), result.bytes.size(), "city");
+        EXPECT_TRUE(spans.has_value());
+        BitReader in(result.bytes.data(), static_cast<uint32_t>(result.bytes.size()));
+        std::set<std::pair<int32_t, int32_t>> bases;
+        for (uint32_t i = 0; spans && i < spans->size(); ++i) {
+            Tile tile;
+            EXPECT_TRUE(tile.parse((*spans)[i].start, "city", &in, i));
+            bases.emplace(tile.latBase(), tile.lonBase());
+        }
+        return std::pair(bases.size(), spans ? spans->size() : 0);
+    };
+    auto [cells, tiles] = cellsOf({});
+    EXPECT_EQ(cells, 1u);
+    EXPECT_GT(tiles, 1u);
+    EXPECT_GT(cellsOf({.cellDegrees = 0.02}).first, 4u);
 }
 
 TEST_F(TileWriterTest, DuplicateMacsAndCollidingKeysAreDroppedWithAWarning) {

@@ -186,9 +186,18 @@ std::vector<TilePlan> Builder::planPlain() {
 std::vector<std::vector<uint32_t>> Builder::cellGroups() const {
     std::map<std::pair<int64_t, int64_t>, std::vector<uint32_t>> cells;
     double unit = TileFormat::unitDegrees(options_.precision);
+    // The grid starts at the south-west corner of the data, so that a city smaller
+    // than a cell lies in one cell wherever it is.
+    int64_t south = aps_[0].latCode, west = aps_[0].lonCode;
+    for (const Quantized& ap : aps_) {
+        south = std::min(south, ap.latCode);
+        west = std::min(west, ap.lonCode);
+    }
     for (uint32_t i = 0; i < aps_.size(); ++i) {
-        auto row = static_cast<int64_t>(std::floor(aps_[i].latCode * unit / options_.cellDegrees));
-        auto col = static_cast<int64_t>(std::floor(aps_[i].lonCode * unit / options_.cellDegrees));
+        auto row = static_cast<int64_t>(
+            std::floor(static_cast<double>(aps_[i].latCode - south) * unit / options_.cellDegrees));
+        auto col = static_cast<int64_t>(
+            std::floor(static_cast<double>(aps_[i].lonCode - west) * unit / options_.cellDegrees));
         cells[{row, col}].push_back(i);
     }
     // A lone access point joins the cell before it (or, for the first, after it).

@@ -11,9 +11,9 @@
 // shares the cell's bases, and a cell with more than tileRecords access points is
 // split into tiles by key. A cell holding a single access point is merged into a
 // neighbouring one, since a tile needs two distinct keys. A MAC absent from the file
-// costs one key (one MD4) per cell, so cells are large: half a degree keeps a city
-// within a handful of cells, and a tile's offsets widen only as far as its access
-// points actually spread.
+// costs one key (one MD4) per cell, so cells are large and the grid starts at the
+// data's south-west corner: a city smaller than half a degree lies in one cell, and
+// a tile's offsets widen only as far as its access points actually spread.
 //
 // Every tile has its own field widths, just wide enough for its data, blocks of
 // blockRecords records, at least two index entries and its greatest key alone in
