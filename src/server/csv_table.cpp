@@ -1,8 +1,6 @@
 #include "server/csv_table.h"
 
 #include <algorithm>
-#include <charconv>
-#include <cmath>
 
 namespace ZEL::Server {
 namespace {
@@ -138,13 +136,6 @@ API::StreetAddress CsvTable::address(const std::vector<std::string>& fields) con
     address.country = field(fields, "country");
     address.countryCode = field(fields, "country_code");
     return address;
-}
-
-bool parseCoordinate(const std::string& field, double low, double high, double& value) {
-    const char* end = field.data() + field.size();
-    auto [rest, error] = std::from_chars(field.data(), end, value);
-    return error == std::errc() && rest == end && std::isfinite(value) && value >= low &&
-           value <= high;
 }
 
 }  // namespace ZEL::Server

@@ -45,7 +45,4 @@ class CsvTable {
     size_t lineNumber_ = 0;
 };
 
-// A finite decimal number in [low, high] filling the whole field.
-bool parseCoordinate(const std::string& field, double low, double high, double& value);
-
 }  // namespace ZEL::Server

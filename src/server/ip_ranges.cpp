@@ -8,6 +8,7 @@
 
 #include "server/csv_table.h"
 #include "spi/log.h"
+#include "spi/number_text.h"
 
 namespace ZEL::Server {
 namespace {
@@ -25,8 +26,8 @@ std::string readRange(const CsvTable& table, const std::vector<std::string>& fie
     if (!first || !last || isMappedIpv4(*first) != isMappedIpv4(*last) || *last < *first) {
         return "bad address range";
     }
-    if (!parseCoordinate(table.field(fields, "latitude"), -90.0, 90.0, range.latitude) ||
-        !parseCoordinate(table.field(fields, "longitude"), -180.0, 180.0, range.longitude)) {
+    if (!SPI::parseDoubleIn(table.field(fields, "latitude"), -90.0, 90.0, range.latitude) ||
+        !SPI::parseDoubleIn(table.field(fields, "longitude"), -180.0, 180.0, range.longitude)) {
         return "bad latitude or longitude";
     }
     range.first = *first;

@@ -7,6 +7,7 @@
 #include "local/position_estimate.h"
 #include "server/csv_table.h"
 #include "spi/log.h"
+#include "spi/number_text.h"
 
 namespace ZEL::Server {
 namespace {
@@ -69,8 +70,8 @@ std::unique_ptr<StreetAddressIndex> StreetAddressIndex::read(std::istream& in,
     while (table.next(in, fields, malformed)) {
         AddressPoint point;
         if (malformed ||
-            !parseCoordinate(table.field(fields, "latitude"), -90.0, 90.0, point.latitude) ||
-            !parseCoordinate(table.field(fields, "longitude"), -180.0, 180.0, point.longitude)) {
+            !SPI::parseDoubleIn(table.field(fields, "latitude"), -90.0, 90.0, point.latitude) ||
+            !SPI::parseDoubleIn(table.field(fields, "longitude"), -180.0, 180.0, point.longitude)) {
             ZEL_LOG_ERROR(category, "%s: line %zu: malformed row (skipped)", name.c_str(),
                           table.lineNumber());
             continue;

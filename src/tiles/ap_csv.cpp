@@ -1,10 +1,11 @@
 #include "tiles/ap_csv.h"
 
 #include <algorithm>
-#include <charconv>
 #include <cmath>
 #include <optional>
 #include <unordered_map>
+
+#include "spi/number_text.h"
 
 namespace ZEL::API {
 namespace {
@@ -61,24 +62,12 @@ std::optional<std::vector<std::string>> splitFields(std::string_view line) {
 }
 
 std::optional<double> parseNumber(std::string_view text) {
-    text = trim(text);
-    double value = 0;
-    auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), value);
-    if (text.empty() || error != std::errc() || end != text.data() + text.size() ||
-        !std::isfinite(value)) {
-        return std::nullopt;
-    }
-    return value;
+    return SPI::parseFiniteDouble(trim(text));
 }
 
 std::optional<uint32_t> parseCount(std::string_view text) {
-    text = trim(text);
     uint32_t value = 0;
-    auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), value);
-    if (text.empty() || error != std::errc() || end != text.data() + text.size()) {
-        return std::nullopt;
-    }
-    return value;
+    return SPI::parseUnsigned(trim(text), value) ? std::optional(value) : std::nullopt;
 }
 
 // Splits `text` into lines, numbering them from 1.

@@ -1,8 +1,5 @@
 #include "local/sim/csv_fields.h"
 
-#include <charconv>
-#include <cmath>
-
 namespace ZEL::Sim {
 namespace {
 
@@ -13,15 +10,6 @@ std::string trimmed(std::string_view text) {
     }
     const auto last = text.find_last_not_of(" \t");
     return std::string(text.substr(first, last - first + 1));
-}
-
-template <typename T>
-bool parseInteger(const std::string& field, T& value) {
-    if (field.empty() || field[0] == '-' || field[0] == '+') {
-        return false;
-    }
-    const auto [end, error] = std::from_chars(field.data(), field.data() + field.size(), value);
-    return error == std::errc() && end == field.data() + field.size();
 }
 
 }  // namespace
@@ -43,28 +31,6 @@ std::vector<std::string> splitCsvLine(std::string_view line) {
         }
         start = comma + 1;
     }
-}
-
-bool parseDouble(const std::string& field, double low, double high, double& value) {
-    double parsed = 0.0;
-    if (field.empty()) {
-        return false;
-    }
-    const auto [end, error] = std::from_chars(field.data(), field.data() + field.size(), parsed);
-    if (error != std::errc() || end != field.data() + field.size() || !std::isfinite(parsed) ||
-        parsed < low || parsed > high) {
-        return false;
-    }
-    value = parsed;
-    return true;
-}
-
-bool parseUnsigned(const std::string& field, uint32_t& value) {
-    return parseInteger(field, value);
-}
-
-bool parseUnsigned64(const std::string& field, uint64_t& value) {
-    return parseInteger(field, value);
 }
 
 }  // namespace ZEL::Sim

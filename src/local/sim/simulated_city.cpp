@@ -5,6 +5,7 @@
 #include <set>
 
 #include "local/sim/csv_fields.h"
+#include "spi/number_text.h"
 
 namespace ZEL::Sim {
 namespace {
@@ -184,12 +185,13 @@ std::vector<CityAp> readCityCsv(std::istream& in, std::vector<std::string>& erro
             why = "expected 3 to 5 fields";
         } else if (!mac) {
             why = "mac is not 12 hex digits";
-        } else if (!parseDouble(fields[1], -90.0, 90.0, ap.latitude) ||
-                   !parseDouble(fields[2], -180.0, 180.0, ap.longitude)) {
+        } else if (!SPI::parseDoubleIn(fields[1], -90.0, 90.0, ap.latitude) ||
+                   !SPI::parseDoubleIn(fields[2], -180.0, 180.0, ap.longitude)) {
             why = "latitude or longitude is not a number in range";
-        } else if (fields.size() >= 4 && !parseUnsigned(fields[3], ap.quality)) {
+        } else if (fields.size() >= 4 && !SPI::parseUnsigned(fields[3], ap.quality)) {
             why = "quality is not an unsigned integer";
-        } else if (fields.size() >= 5 && !parseDouble(fields[4], 0.0, 10.0, ap.signalExponent)) {
+        } else if (fields.size() >= 5 &&
+                   !SPI::parseDoubleIn(fields[4], 0.0, 10.0, ap.signalExponent)) {
             why = "signal_exponent is not a number in 0..10";
         }
         if (!why.empty()) {

@@ -6,6 +6,7 @@
 #include <unordered_map>
 
 #include "local/sim/csv_fields.h"
+#include "spi/number_text.h"
 
 namespace ZEL::Sim {
 namespace {
@@ -258,10 +259,10 @@ std::vector<TruthPoint> readTruthCsv(std::istream& in, std::vector<std::string>&
             continue;
         }
         TruthPoint point;
-        if (fields.size() != 4 || !parseUnsigned64(fields[0], point.timeMs) ||
-            !parseDouble(fields[1], -90.0, 90.0, point.latitude) ||
-            !parseDouble(fields[2], -180.0, 180.0, point.longitude) ||
-            !parseDouble(fields[3], 0.0, 1e6, point.speedKmh)) {
+        if (fields.size() != 4 || !SPI::parseUnsigned(fields[0], point.timeMs) ||
+            !SPI::parseDoubleIn(fields[1], -90.0, 90.0, point.latitude) ||
+            !SPI::parseDoubleIn(fields[2], -180.0, 180.0, point.longitude) ||
+            !SPI::parseDoubleIn(fields[3], 0.0, 1e6, point.speedKmh)) {
             errors.push_back("line " + std::to_string(number) +
                              ": expected t_ms,latitude,longitude,speed_kmh");
             continue;
