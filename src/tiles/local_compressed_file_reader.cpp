@@ -7,8 +7,9 @@
 //     access points mostly lie in the tiles that answered for the scan before;
 //  2. otherwise it takes, per group of tiles that share their key function (all
 //     tiles in the plain form, tiles with equal bases in the hashed form), the
-//     tiles whose range holds the group's key, found by binary search over the
-//     group's tiles sorted by first key, and tries them most recent first.
+//     tiles whose range holds the group's key, found among the group's tiles
+//     sorted by first key through buckets on the key's high bits, and tries them
+//     most recent first.
 // A key is computed once per group and lookup. Recency is a stamp per tile;
 // sorting the tiles by it gives the list order. The memory a lookup touches in
 // the mapping (a block index, then a block) is prefetched as soon as the tile is
@@ -323,7 +324,7 @@ ApRecord CompressedFileReader::lookup(const MacAddress& mac) {
     if (!bitReader_ || tiles_.empty()) {
         return record;
     }
-    if (++lookupCount_ == 0) {  // the stamps wrapped: forget every remembered key
+    if (++lookupCount_ == 0) {  // the count wrapped: forget every remembered key
         std::fill(groupKeyLookups_.begin(), groupKeyLookups_.end(), 0);
         lookupCount_ = 1;
     }
