@@ -16,7 +16,7 @@
 
 #include "local/location_determination_private.h"
 #include "local/location_history.h"
-#include "local/sim/simulated_city.h"
+#include "sim/simulated_city.h"
 #include "spi/log.h"
 #include "spi/time/manual_clock.h"
 #include "tiles/tile_writer.h"
@@ -31,13 +31,13 @@ constexpr const char* kRealm = "bench";
 struct Fixture {
     std::string path;
     std::string plainPath;          // the same APs in the empty realm (plain keys)
-    ApList scan;                    // 24 known APs near one spot, 6 unknown, interleaved
-    std::vector<ApList> elsewhere;  // the same at 16 spots far apart
+    Core::ApList scan;                    // 24 known APs near one spot, 6 unknown, interleaved
+    std::vector<Core::ApList> elsewhere;  // the same at 16 spots far apart
 };
 
 // The 24 APs nearest to a point (metres north and east of the city's centre), as a
 // scan there would hear them, interleaved with 6 unknown ones.
-ApList scanAt(const std::vector<Sim::CityAp>& city, double north, double east, int tag) {
+Core::ApList scanAt(const std::vector<Sim::CityAp>& city, double north, double east, int tag) {
     std::vector<std::pair<double, size_t>> byDistance;
     byDistance.reserve(city.size());
     for (size_t i = 0; i < city.size(); ++i) {
@@ -46,9 +46,9 @@ ApList scanAt(const std::vector<Sim::CityAp>& city, double north, double east, i
                                 i);
     }
     std::partial_sort(byDistance.begin(), byDistance.begin() + 24, byDistance.end());
-    ApList scan;
+    Core::ApList scan;
     for (int i = 0; i < 30; ++i) {
-        ScannedAP ap;
+        Core::ScannedAP ap;
         if (i % 5 == 4) {
             ap.mac = {static_cast<uint8_t>(i), static_cast<uint8_t>(tag), 0xEE, 0xEE, 0xEE, 0x0A};
         } else {
@@ -64,7 +64,7 @@ const Fixture& fixture() {
     static const Fixture built = [] {
         Fixture f;
         const auto city = Sim::generateCity({77, kDatabaseAps, 20.0});
-        std::vector<API::AccessPointPosition> positions;
+        std::vector<Tiles::AccessPointPosition> positions;
         positions.reserve(city.size());
         for (const Sim::CityAp& ap : city) {
             positions.push_back({ap.mac, ap.latitude, ap.longitude, ap.quality, ap.signalExponent});
@@ -73,8 +73,8 @@ const Fixture& fixture() {
                   ("zel-latency-" + std::to_string(::getpid()) + ".zel"))
                      .string();
         f.plainPath = f.path + ".plain";
-        const auto result = API::TileWriter::writeFile(f.path, positions, kRealm);
-        const auto plain = API::TileWriter::writeFile(f.plainPath, positions, "");
+        const auto result = Tiles::TileWriter::writeFile(f.path, positions, kRealm);
+        const auto plain = Tiles::TileWriter::writeFile(f.plainPath, positions, "");
         if (!result.ok || !plain.ok) {
             std::fprintf(stderr, "tile file: %s\n", result.error.c_str());
             std::abort();
@@ -98,19 +98,18 @@ void BM_Determine30Aps(benchmark::State& state) {
     const bool plain = state.range(0) == 1;
     const bool moving = state.range(0) == 2;
     // Debug lines off, as in a deployment.
-    SPI::getCategory("ZEL.API.LocationDeterminationPrivate").setPriority(log4cpp::Priority::INFO);
-    API::resetLocationHistoriesForTesting();
+    SPI::getLogger("ZEL.API.LocationDeterminationPrivate").setPriority(SPI::LogPriority::kInfo);
+    Local::resetLocationHistoriesForTesting();
     SPI::ManualClock clock;
     SPI::ScopedClock scoped(clock);
-    API::LocationDeterminationPrivate determination;
-    const char* paths[] = {plain ? f.plainPath.c_str() : f.path.c_str(), nullptr};
-    determination.setLocalFilesPath(paths);
-    determination.prepare(ZEL_Authentication{nullptr, plain ? "" : kRealm});
+    Local::LocationDeterminationPrivate determination;
+    determination.setLocalFilesPath({plain ? f.plainPath : f.path});
+    determination.prepare(plain ? "" : kRealm);
     if (determination.openReaderCount() != 1) {
         state.SkipWithError("tile file did not open");
         return;
     }
-    ApList scan = f.scan;
+    Core::ApList scan = f.scan;
     int failures = 0;
     size_t spot = 0;
     for (auto _ : state) {
@@ -121,8 +120,8 @@ void BM_Determine30Aps(benchmark::State& state) {
         }
         // One scan a second, the histories filling as on a device; a minute between moves.
         clock.advance(moving ? 60'000 : 1000);
-        API::LocationRecord record;
-        failures += determination.determine(nullptr, scan, record) != 0;
+        Core::LocationRecord record;
+        failures += determination.determine(nullptr, scan, record) != Core::ResultCode::kOk;
         benchmark::DoNotOptimize(record.latitude);
     }
     state.counters["failures"] = failures;
@@ -132,25 +131,25 @@ void BM_Determine30Aps(benchmark::State& state) {
 // (1) or of the 6 unknown ones (2).
 void BM_Lookup30Aps(benchmark::State& state) {
     const Fixture& f = fixture();
-    ApList scan;
+    Core::ApList scan;
     for (size_t i = 0; i < f.scan.size(); ++i) {
         const bool unknown = i % 5 == 4;
         if (state.range(0) == 0 || (state.range(0) == 1) != unknown) {
             scan.push_back(f.scan[i]);
         }
     }
-    auto reader = API::LocalCompressedFileReader::create();
+    auto reader = Tiles::LocalCompressedFileReader::create();
     if (!reader->open(f.path, kRealm)) {
         state.SkipWithError("tile file did not open");
         return;
     }
-    API::ReaderList readers;
+    Local::ReaderList readers;
     readers.push_back(std::move(reader));
-    auto& log = SPI::getCategory("ZEL.API.LocationDeterminationPrivate");
-    log.setPriority(log4cpp::Priority::INFO);
+    auto& log = SPI::getLogger("ZEL.API.LocationDeterminationPrivate");
+    log.setPriority(SPI::LogPriority::kInfo);
     size_t found = 0;
     for (auto _ : state) {
-        const auto known = API::lookupStoredAps(readers, scan, log);
+        const auto known = Local::lookupStoredAps(readers, scan, log);
         found = known.size();
         benchmark::DoNotOptimize(found);
     }

@@ -12,8 +12,8 @@
 #include "local/location_determination_private.h"
 #include "local/location_history.h"
 #include "local/position_estimate.h"
-#include "local/sim/accuracy.h"
-#include "local/sim/simulated_walk.h"
+#include "sim/accuracy.h"
+#include "sim/simulated_walk.h"
 #include "spi/time/manual_clock.h"
 #include "tiles/tile_writer.h"
 
@@ -38,11 +38,11 @@ const World& world() {
         w.tilePath = (std::filesystem::temp_directory_path() /
                       ("zel-accuracy-" + std::to_string(::getpid()) + ".zel"))
                          .string();
-        std::vector<API::AccessPointPosition> positions;
+        std::vector<Tiles::AccessPointPosition> positions;
         for (const Sim::CityAp& ap : w.city) {
             positions.push_back({ap.mac, ap.latitude, ap.longitude, ap.quality, ap.signalExponent});
         }
-        const auto result = API::TileWriter::writeFile(w.tilePath, positions, "");
+        const auto result = Tiles::TileWriter::writeFile(w.tilePath, positions, "");
         if (!result.ok) {
             std::fprintf(stderr, "tile file: %s\n", result.error.c_str());
             std::abort();
@@ -74,22 +74,21 @@ void BM_DetermineAccuracy(benchmark::State& state) {
     const Sim::SimulatedWalk walk = walkAt(static_cast<double>(state.range(0)));
     Sim::AccuracySummary summary;
     for (auto _ : state) {
-        API::resetLocationHistoriesForTesting();
+        Local::resetLocationHistoriesForTesting();
         SPI::ManualClock clock;
         SPI::ScopedClock scoped(clock);
-        API::LocationDeterminationPrivate determination;
-        const char* paths[] = {world().tilePath.c_str(), nullptr};
-        determination.setLocalFilesPath(paths);
-        determination.prepare(ZEL_Authentication{nullptr, ""});
+        Local::LocationDeterminationPrivate determination;
+        determination.setLocalFilesPath({world().tilePath});
+        determination.prepare("");
         Sim::AccuracyTally tally;
         for (size_t i = 0; i < walk.scans.size(); ++i) {
             clock.set(walk.scans[i].timeMs);
-            API::LocationRecord record;
-            if (determination.determine(nullptr, walk.scans[i].aps, record) != 0) {
+            Core::LocationRecord record;
+            if (determination.determine(nullptr, walk.scans[i].aps, record) != Core::ResultCode::kOk) {
                 tally.addMiss();
                 continue;
             }
-            tally.addFix(API::greatCircleDistance(record.latitude, record.longitude,
+            tally.addFix(Local::greatCircleDistance(record.latitude, record.longitude,
                                                   walk.truth[i].latitude, walk.truth[i].longitude),
                          record.hpe);
         }
@@ -103,15 +102,15 @@ void BM_CentroidAccuracy(benchmark::State& state) {
     const Sim::SimulatedWalk walk = walkAt(static_cast<double>(state.range(0)));
     Sim::AccuracySummary summary;
     for (auto _ : state) {
-        auto reader = API::LocalCompressedFileReader::create();
+        auto reader = Tiles::LocalCompressedFileReader::create();
         reader->open(world().tilePath, "");
         Sim::AccuracyTally tally;
         for (size_t i = 0; i < walk.scans.size(); ++i) {
             double latitude = 0.0;
             double longitude = 0.0;
             int known = 0;
-            for (const ScannedAP& ap : walk.scans[i].aps) {
-                const API::ApRecord record = reader->lookup(ap.mac);
+            for (const Core::ScannedAP& ap : walk.scans[i].aps) {
+                const Tiles::ApRecord record = reader->lookup(ap.mac);
                 if (record.mac == ap.mac) {
                     latitude += record.data.latitude;
                     longitude += record.data.longitude;
@@ -122,7 +121,7 @@ void BM_CentroidAccuracy(benchmark::State& state) {
                 tally.addMiss();
                 continue;
             }
-            tally.addFix(API::greatCircleDistance(latitude / known, longitude / known,
+            tally.addFix(Local::greatCircleDistance(latitude / known, longitude / known,
                                                   walk.truth[i].latitude, walk.truth[i].longitude),
                          0.0);
         }

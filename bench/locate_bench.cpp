@@ -18,12 +18,14 @@
 
 namespace {
 
+using namespace ZEL;
+
 const std::string kSource = ZEL_SOURCE_DIR;
 
-std::vector<ZEL::ApList> loadWalk() {
+std::vector<ZEL::Core::ApList> loadWalk() {
     std::ifstream file(kSource + "/examples/sample-walk.jsonl");
-    ZEL::API::ScanRecordingReader reader(file);
-    std::vector<ZEL::ApList> scans;
+    Local::ScanRecordingReader reader(file);
+    std::vector<ZEL::Core::ApList> scans;
     while (auto item = reader.next()) {
         if (item->scan) scans.push_back(item->scan->aps);
     }
@@ -31,15 +33,15 @@ std::vector<ZEL::ApList> loadWalk() {
 }
 
 struct Walk {
-    std::vector<ZEL::ApList> scans = loadWalk();
+    std::vector<ZEL::Core::ApList> scans = loadWalk();
     size_t next = 0;
 };
 
 int replay(void* argument, ZEL_APEntry* aps, unsigned int capacity, unsigned int* count) {
     auto* walk = static_cast<Walk*>(argument);
-    const ZEL::ApList& scan = walk->scans[walk->next++ % walk->scans.size()];
+    const ZEL::Core::ApList& scan = walk->scans[walk->next++ % walk->scans.size()];
     *count = 0;
-    for (const ZEL::ScannedAP& ap : scan) {
+    for (const ZEL::Core::ScannedAP& ap : scan) {
         if (*count == capacity) break;
         std::copy(ap.mac.begin(), ap.mac.end(), aps[*count].mac);
         aps[*count].rss = ap.rss;
@@ -70,7 +72,7 @@ void BM_LocateOnDevice(benchmark::State& state) { runLocate(state, ZEL_NO_STREET
 
 void BM_LocateLoopbackServer(benchmark::State& state) {
     httplib::Server server;
-    const std::string answer = "<?xml version='1.0'?><LocationRS xmlns='" + std::string(ZEL::API::kRequestNamespaceUri) +
+    const std::string answer = "<?xml version='1.0'?><LocationRS xmlns='" + std::string(Remote::kRequestNamespaceUri) +
                                "'><location nap='12'><latitude>46.0043</latitude><longitude>8.9934</longitude>"
                                "<hpe>25</hpe><street-address><city>Sample City</city></street-address></location>"
                                "</LocationRS>";

@@ -24,15 +24,15 @@
 #include "tiles/tile_writer.h"
 
 using namespace ZEL;
-using namespace ZEL::API;
+using namespace ZEL::Tiles;
 
 namespace {
 
 constexpr size_t kAccessPoints = 1'000'000;
 constexpr size_t kQueries = 1 << 16;
 
-MacAddress macOfKey(uint64_t key) {
-    MacAddress mac{};
+Core::MacAddress macOfKey(uint64_t key) {
+    Core::MacAddress mac{};
     for (int i = 0; i < 6; ++i) {
         mac[i] = static_cast<uint8_t>(key >> (8 * i));
     }
@@ -40,7 +40,7 @@ MacAddress macOfKey(uint64_t key) {
 }
 
 struct City {
-    std::vector<AccessPointPosition> aps;
+    std::vector<Tiles::AccessPointPosition> aps;
     std::vector<uint64_t> ouis;
 };
 
@@ -82,13 +82,13 @@ City makeCity(bool uniformMacs) {
 }
 
 // Half present (random access points), half absent (vendor-like MACs not stored).
-std::vector<MacAddress> makeQueries(const City& city, const std::vector<size_t>& presentPool) {
+std::vector<Core::MacAddress> makeQueries(const City& city, const std::vector<size_t>& presentPool) {
     std::mt19937_64 random(99);
     std::unordered_set<uint64_t> stored;
     for (const auto& ap : city.aps) {
-        stored.insert(TileFormat::plainKey(ap.mac));
+        stored.insert(Tiles::TileFormat::plainKey(ap.mac));
     }
-    std::vector<MacAddress> queries;
+    std::vector<Core::MacAddress> queries;
     while (queries.size() < kQueries) {
         if (queries.size() % 2 == 0) {
             queries.push_back(city.aps[presentPool[random() % presentPool.size()]].mac);
@@ -106,14 +106,14 @@ struct Fixture {
     std::filesystem::path dir;
     City city;
     std::string plainPath, hashedPath, sqlitePath;
-    TileWriteResult plain, hashed;
-    std::vector<MacAddress> mixed, hashedFront, hashedAbsent;
-    std::unordered_map<uint64_t, StoredApData> map;
+    Tiles::TileWriteResult plain, hashed;
+    std::vector<Core::MacAddress> mixed, hashedFront, hashedAbsent;
+    std::unordered_map<uint64_t, Tiles::StoredApData> map;
 
     // Writer options, overridable for layout experiments: ZEL_BENCH_TILE_RECORDS,
     // ZEL_BENCH_BLOCK_RECORDS, ZEL_BENCH_CELL_DEGREES.
-    static TileWriterOptions options() {
-        TileWriterOptions options;
+    static Tiles::TileWriterOptions options() {
+        Tiles::TileWriterOptions options;
         if (const char* value = std::getenv("ZEL_BENCH_TILE_RECORDS")) {
             options.tileRecords = static_cast<uint32_t>(std::atoi(value));
         }
@@ -132,8 +132,8 @@ struct Fixture {
         plainPath = (dir / "plain.zel").string();
         hashedPath = (dir / "hashed.zel").string();
         sqlitePath = (dir / "aps.db").string();
-        plain = TileWriter::writeFile(plainPath, city.aps, "", options());
-        hashed = TileWriter::writeFile(hashedPath, city.aps, "bench", options());
+        plain = Tiles::TileWriter::writeFile(plainPath, city.aps, "", options());
+        hashed = Tiles::TileWriter::writeFile(hashedPath, city.aps, "bench", options());
         if (!plain.ok || !hashed.ok) {
             std::fprintf(stderr, "writing the tile files failed: %s %s\n", plain.error.c_str(),
                          hashed.error.c_str());
@@ -142,7 +142,7 @@ struct Fixture {
         std::vector<size_t> all(city.aps.size());
         for (size_t i = 0; i < all.size(); ++i) {
             all[i] = i;
-            map[TileFormat::plainKey(city.aps[i].mac)] = {
+            map[Tiles::TileFormat::plainKey(city.aps[i].mac)] = {
                 city.aps[i].latitude, city.aps[i].longitude, city.aps[i].quality,
                 city.aps[i].signalExponent};
         }
@@ -176,7 +176,7 @@ struct Fixture {
         sqlite3_stmt* insert = nullptr;
         sqlite3_prepare_v2(db, "INSERT INTO ap VALUES(?,?,?,?,?)", -1, &insert, nullptr);
         for (const auto& ap : city.aps) {
-            sqlite3_bind_int64(insert, 1, static_cast<int64_t>(TileFormat::plainKey(ap.mac)));
+            sqlite3_bind_int64(insert, 1, static_cast<int64_t>(Tiles::TileFormat::plainKey(ap.mac)));
             sqlite3_bind_double(insert, 2, ap.latitude);
             sqlite3_bind_double(insert, 3, ap.longitude);
             sqlite3_bind_int(insert, 4, static_cast<int>(ap.quality));
@@ -196,15 +196,15 @@ Fixture& fixture() {
 }
 
 void lookups(benchmark::State& state, const std::string& path, const std::string& realm,
-             const std::vector<MacAddress>& queries) {
-    auto reader = LocalCompressedFileReader::create();
+             const std::vector<Core::MacAddress>& queries) {
+    auto reader = Tiles::LocalCompressedFileReader::create();
     if (!reader->open(path, realm)) {
         state.SkipWithError("open failed");
         return;
     }
     size_t i = 0, found = 0;
     for (auto _ : state) {
-        ApRecord record = reader->lookup(queries[i++ % queries.size()]);
+        Tiles::ApRecord record = reader->lookup(queries[i++ % queries.size()]);
         found += record.data.quality != 0;
         benchmark::DoNotOptimize(record);
     }
@@ -219,7 +219,7 @@ void BM_TileLookup_Plain_HalfAbsent(benchmark::State& state) {
 // The same mix over 32 MACs, as one scan repeats them: everything in CPU cache,
 // so this is the decoding cost without memory misses.
 void BM_TileLookup_Plain_HalfAbsent_ScanSized(benchmark::State& state) {
-    std::vector<MacAddress> scan(fixture().mixed.begin(), fixture().mixed.begin() + 32);
+    std::vector<Core::MacAddress> scan(fixture().mixed.begin(), fixture().mixed.begin() + 32);
     lookups(state, fixture().plainPath, "", scan);
 }
 
@@ -228,7 +228,7 @@ void BM_UnorderedMapLookup_HalfAbsent(benchmark::State& state) {
     const auto& queries = fixture().mixed;
     size_t i = 0;
     for (auto _ : state) {
-        auto it = map.find(TileFormat::plainKey(queries[i++ % queries.size()]));
+        auto it = map.find(Tiles::TileFormat::plainKey(queries[i++ % queries.size()]));
         benchmark::DoNotOptimize(it);
         if (it != map.end()) {
             benchmark::DoNotOptimize(it->second);
@@ -248,8 +248,8 @@ void BM_SqliteLookup_HalfAbsent(benchmark::State& state) {
     size_t i = 0;
     for (auto _ : state) {
         sqlite3_bind_int64(
-            select, 1, static_cast<int64_t>(TileFormat::plainKey(queries[i++ % queries.size()])));
-        StoredApData data;
+            select, 1, static_cast<int64_t>(Tiles::TileFormat::plainKey(queries[i++ % queries.size()])));
+        Tiles::StoredApData data;
         if (sqlite3_step(select) == SQLITE_ROW) {
             data = {sqlite3_column_double(select, 0), sqlite3_column_double(select, 1),
                     static_cast<uint32_t>(sqlite3_column_int(select, 2)),
@@ -278,7 +278,7 @@ void BM_TileLookup_Hashed_HalfAbsent(benchmark::State& state) {
 
 void BM_Open(benchmark::State& state, bool hashed) {
     const std::string& path = hashed ? fixture().hashedPath : fixture().plainPath;
-    auto reader = LocalCompressedFileReader::create();
+    auto reader = Tiles::LocalCompressedFileReader::create();
     for (auto _ : state) {
         bool ok = reader->open(path, hashed ? "bench" : "");
         benchmark::DoNotOptimize(ok);
@@ -308,8 +308,8 @@ void BM_Size(benchmark::State& state) {
 
 void BM_Size_UniformMacs(benchmark::State& state) {
     City city = makeCity(true);
-    TileWriteResult plain = TileWriter::build(city.aps, "");
-    TileWriteResult hashed = TileWriter::build(city.aps, "bench");
+    Tiles::TileWriteResult plain = Tiles::TileWriter::build(city.aps, "");
+    Tiles::TileWriteResult hashed = Tiles::TileWriter::build(city.aps, "bench");
     for (auto _ : state) {
         benchmark::DoNotOptimize(plain.fileBytes);
     }

@@ -1,9 +1,8 @@
 # zel_add_library(NAME SOURCES... [LIBS ...])
 #
-# Adds one internal static library of a subsystem. Every such library is
-# recorded in the global property ZEL_INTERNAL_LIBRARIES, so the tests and the
-# tools can link the whole engine through the interface target zel::internal
-# without each subsystem editing a shared list.
+# One internal static library. Its dependencies are stated with LIBS and nothing
+# else: a library that needs another part names it, so the link order follows the
+# dependency order (api -> remote, local -> tiles -> spi -> core).
 function(zel_add_library name)
     cmake_parse_arguments(ARG "" "" "SOURCES;LIBS" ${ARGN})
     add_library(${name} STATIC ${ARG_SOURCES})
@@ -12,5 +11,4 @@ function(zel_add_library name)
     if(ARG_LIBS)
         target_link_libraries(${name} PUBLIC ${ARG_LIBS})
     endif()
-    set_property(GLOBAL APPEND PROPERTY ZEL_INTERNAL_LIBRARIES ${name})
 endfunction()

@@ -14,21 +14,21 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     if (size > 16384) {
         return 0;
     }
-    ApCsvResult csv =
-        parseAccessPointCsv(std::string_view(reinterpret_cast<const char*>(data), size));
-    TileWriterOptions options;
+    Tiles::ApCsvResult csv =
+        Tiles::parseAccessPointCsv(std::string_view(reinterpret_cast<const char*>(data), size));
+    Tiles::TileWriterOptions options;
     options.blockRecords = 2;
     options.tileRecords = 5;
-    TileWriteResult written = TileWriter::build(csv.accessPoints, "", options);
+    Tiles::TileWriteResult written = Tiles::TileWriter::build(csv.accessPoints, "", options);
     if (!written.ok) {
         return 0;
     }
     static MemoryFile memory;
-    static auto reader = LocalCompressedFileReader::create();
+    static auto reader = Tiles::LocalCompressedFileReader::create();
     if (!reader->open(memory.set(written.bytes.data(), written.bytes.size()), "")) {
         abort();  // the writer made a file the reader refuses
     }
-    for (const AccessPointPosition& ap : csv.accessPoints) {
+    for (const Tiles::AccessPointPosition& ap : csv.accessPoints) {
         if (reader->lookup(ap.mac).mac != ap.mac) {
             abort();  // an access point written is not found
         }

@@ -8,10 +8,10 @@
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     std::string_view text(reinterpret_cast<const char*>(data), size);
-    ZEL::API::LocationRecord location;
-    ZEL::API::parseLocationResponse(text, 2, location);
-    ZEL::API::IpLocationRecord ipLocation;
-    ZEL::API::parseIPLocationResponse(text, 1, ipLocation);
-    ZEL::API::parseRegistrationResponse(text);
+    Core::LocationRecord location;
+    Remote::parseLocationResponse(text, 2, location);
+    Core::IpLocationRecord ipLocation;
+    Remote::parseIPLocationResponse(text, 1, ipLocation);
+    Remote::parseRegistrationResponse(text);
     return 0;
 }

@@ -10,14 +10,14 @@
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     const std::string text(reinterpret_cast<const char*>(data), size);
     std::istringstream in(text);
-    ZEL::API::ScanRecordingReader reader(in);
+    Local::ScanRecordingReader reader(in);
     while (auto item = reader.next()) {
         if (!item->scan) {
             continue;
         }
         std::string error;
         const auto again =
-            ZEL::API::parseRecordedScan(ZEL::API::formatRecordedScan(*item->scan), error);
+            Local::parseRecordedScan(Local::formatRecordedScan(*item->scan), error);
         if (!again || again->timeMs != item->scan->timeMs ||
             again->aps.size() != item->scan->aps.size()) {
             std::abort();
@@ -30,6 +30,6 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
         }
     }
     std::string error;
-    (void)ZEL::API::parseRecordedScan(text, error);
+    (void)Local::parseRecordedScan(text, error);
     return 0;
 }

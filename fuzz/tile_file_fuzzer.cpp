@@ -18,9 +18,9 @@ using namespace ZEL::API;
 
 namespace {
 
-void lookUp(LocalCompressedFileReader& reader, const MacAddress& mac) {
-    ApRecord record = reader.lookup(mac);
-    if (record.mac != mac && record.mac != MacAddress{}) {
+void lookUp(Tiles::LocalCompressedFileReader& reader, const Core::MacAddress& mac) {
+    Tiles::ApRecord record = reader.lookup(mac);
+    if (record.mac != mac && record.mac != Core::MacAddress{}) {
         abort();  // a record is either the one asked for or empty
     }
 }
@@ -28,7 +28,7 @@ void lookUp(LocalCompressedFileReader& reader, const MacAddress& mac) {
 // The fast search, which reads the mapping directly where it can, must answer
 // exactly as the search that checks every read.
 void compareSearches(const Tile& tile, uint64_t key) {
-    StoredApData fast, checked;
+    Tiles::StoredApData fast, checked;
     bool foundFast = tile.findKey(key, fast);
     bool foundChecked = tile.findKeyChecked(key, checked);
     if (foundFast != foundChecked ||
@@ -42,16 +42,16 @@ void compareSearches(const Tile& tile, uint64_t key) {
 // The inspection path of `zel tiles info`: decode every record of every tile, and
 // search each tile for its keys, their neighbours and its range's ends.
 void decodeAll(const std::vector<uint8_t>& file, const std::string& realm) {
-    auto spans = readTileDirectory(file.data(), file.size(), realm);
+    auto spans = Tiles::readTileDirectory(file.data(), file.size(), realm);
     if (!spans) {
         return;
     }
-    BitReader bits(file.data(), static_cast<uint32_t>(file.size()));
+    Tiles::BitReader bits(file.data(), static_cast<uint32_t>(file.size()));
     for (uint32_t i = 0; i < spans->size(); ++i) {
         Tile tile;
         if (tile.parse((*spans)[i].start, realm, &bits, i)) {
             std::vector<uint64_t> keys{0, tile.firstKey(), tile.lastKey(), tile.lastKey() + 1};
-            tile.forEachRecord([&](uint64_t key, const StoredApData&) {
+            tile.forEachRecord([&](uint64_t key, const Tiles::StoredApData&) {
                 if (keys.size() < 64) {
                     keys.insert(keys.end(), {key - 1, key, key + 1});
                 }
@@ -74,23 +74,23 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     std::string realm = (data[0] & 1) ? "city" : "";
     std::vector<uint8_t> file(data + 1, data + size);
     if (data[0] & 2) {
-        TileFormat::Digest digest = TileFormat::realmDigest(realm);
+        Tiles::TileFormat::Digest digest = Tiles::TileFormat::realmDigest(realm);
         file.insert(file.end(), digest.begin(), digest.end());
     }
     static MemoryFile memory;
-    static auto reader = LocalCompressedFileReader::create();
+    static auto reader = Tiles::LocalCompressedFileReader::create();
     if (file.empty() || !reader->open(memory.set(file.data(), file.size()), realm)) {
         return 0;
     }
     // MACs from the file itself (index keys are plain MACs in the plain form),
     // and fixed ones at the edges of the key space.
     for (size_t offset = 4; offset + 6 <= file.size() && offset < 200; offset += 7) {
-        MacAddress mac;
+        Core::MacAddress mac;
         std::memcpy(mac.data(), file.data() + offset, 6);
         lookUp(*reader, mac);
     }
-    lookUp(*reader, MacAddress{});
-    lookUp(*reader, MacAddress{0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF});
+    lookUp(*reader, Core::MacAddress{});
+    lookUp(*reader, Core::MacAddress{0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF});
     decodeAll(file, realm);
     return 0;
 }

@@ -8,16 +8,16 @@
 namespace ZEL::API {
 namespace {
 
-std::vector<size_t> issueLines(const ApCsvResult& result) {
+std::vector<size_t> issueLines(const Tiles::ApCsvResult& result) {
     std::vector<size_t> lines;
-    for (const CsvIssue& issue : result.issues) {
+    for (const Tiles::CsvIssue& issue : result.issues) {
         lines.push_back(issue.line);
     }
     return lines;
 }
 
 TEST(ApCsvPlain, ReadsColumnsByNameWithDefaultsAndSeparatorsOfAnyKind) {
-    ApCsvResult result = parseAccessPointCsv(
+    Tiles::ApCsvResult result = Tiles::parseAccessPointCsv(
         "longitude, MAC ,latitude\r\n"
         "11.5,AA:BB:CC:DD:EE:FF,48.25\r\n"
         "\n"
@@ -25,8 +25,8 @@ TEST(ApCsvPlain, ReadsColumnsByNameWithDefaultsAndSeparatorsOfAnyKind) {
     ASSERT_TRUE(result.error.empty());
     EXPECT_FALSE(result.wigle);
     ASSERT_EQ(result.accessPoints.size(), 2u);
-    const AccessPointPosition& first = result.accessPoints[0];
-    EXPECT_EQ(macText(first.mac), "AABBCCDDEEFF");
+    const Tiles::AccessPointPosition& first = result.accessPoints[0];
+    EXPECT_EQ(Core::macText(first.mac), "AABBCCDDEEFF");
     EXPECT_EQ(first.mac[5], 0xAA);  // stored last octet first
     EXPECT_EQ(first.latitude, 48.25);
     EXPECT_EQ(first.longitude, 11.5);
@@ -35,7 +35,7 @@ TEST(ApCsvPlain, ReadsColumnsByNameWithDefaultsAndSeparatorsOfAnyKind) {
     EXPECT_EQ(result.accessPoints[1].latitude, -33.5);
     EXPECT_TRUE(result.issues.empty());
 
-    result = parseAccessPointCsv(
+    result = Tiles::parseAccessPointCsv(
         "mac,latitude,longitude,quality,signal_exponent\n"
         "aa-bb-cc-dd-ee-01,1,2,33,0.4\n");
     ASSERT_EQ(result.accessPoints.size(), 1u);
@@ -44,7 +44,7 @@ TEST(ApCsvPlain, ReadsColumnsByNameWithDefaultsAndSeparatorsOfAnyKind) {
 }
 
 TEST(ApCsvPlain, SkipsMalformedLinesReportingTheirNumbers) {
-    ApCsvResult result = parseAccessPointCsv(
+    Tiles::ApCsvResult result = Tiles::parseAccessPointCsv(
         "mac,latitude,longitude,quality,signal_exponent\n"
         "AABBCCDDEEF,1,2,30,0.3\n"        // 2: eleven digits
         "AABBCCDDEEFF,91,2,30,0.3\n"      // 3: latitude out of range
@@ -62,13 +62,13 @@ TEST(ApCsvPlain, SkipsMalformedLinesReportingTheirNumbers) {
 }
 
 TEST(ApCsvPlain, MissingHeaderColumnsAreAnError) {
-    EXPECT_FALSE(parseAccessPointCsv("").error.empty());
-    EXPECT_FALSE(parseAccessPointCsv("mac,lat,lon\nAABBCCDDEEFF,1,2\n").error.empty());
-    EXPECT_FALSE(parseAccessPointCsv("\"mac,latitude,longitude\n").error.empty());
+    EXPECT_FALSE(Tiles::parseAccessPointCsv("").error.empty());
+    EXPECT_FALSE(Tiles::parseAccessPointCsv("mac,lat,lon\nAABBCCDDEEFF,1,2\n").error.empty());
+    EXPECT_FALSE(Tiles::parseAccessPointCsv("\"mac,latitude,longitude\n").error.empty());
 }
 
 TEST(ApCsvWigle, AveragesObservationsByPowerAndIgnoresOtherRadios) {
-    ApCsvResult result = parseAccessPointCsv(
+    Tiles::ApCsvResult result = Tiles::parseAccessPointCsv(
         "WigleWifi-1.6,appRelease=1,model=x,release=1,device=x,display=x,board=x,brand=x,"
         "star=Sol,body=3,subBody=0\n"
         "MAC,SSID,AuthMode,FirstSeen,Channel,Frequency,RSSI,CurrentLatitude,CurrentLongitude,"
@@ -83,8 +83,8 @@ TEST(ApCsvWigle, AveragesObservationsByPowerAndIgnoresOtherRadios) {
     ASSERT_TRUE(result.error.empty());
     EXPECT_TRUE(result.wigle);
     ASSERT_EQ(result.accessPoints.size(), 2u);
-    const AccessPointPosition& cafe = result.accessPoints[0];
-    EXPECT_EQ(macText(cafe.mac), "AABBCCDDEEFF");
+    const Tiles::AccessPointPosition& cafe = result.accessPoints[0];
+    EXPECT_EQ(Core::macText(cafe.mac), "AABBCCDDEEFF");
     // Weights 10^-5 and 10^-6 mW: the stronger observation counts ten times more.
     EXPECT_NEAR(cafe.latitude, (48.0 * 10 + 48.1) / 11, 1e-12);
     EXPECT_NEAR(cafe.longitude, (11.0 * 10 + 11.1) / 11, 1e-12);

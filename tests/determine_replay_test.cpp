@@ -14,7 +14,7 @@
 #include <string>
 
 #include "local/position_estimate.h"
-#include "local/sim/simulated_walk.h"
+#include "sim/simulated_walk.h"
 #include "support/hand_built_tile.h"
 
 namespace ZEL {
@@ -77,7 +77,7 @@ TEST(DetermineReplay, SampleWalkGivesFixesCloseToTheTruth) {
         }
         ++fixes;
         EXPECT_LE(line.at("nap").get<size_t>(), line.at("known_aps").size());
-        const double error = API::greatCircleDistance(
+        const double error = Local::greatCircleDistance(
             line.at("latitude").get<double>(), line.at("longitude").get<double>(),
             point->second.latitude, point->second.longitude);
         EXPECT_LT(error, 100.0) << line.at("t_ms");

@@ -47,7 +47,7 @@ TEST_F(OneShotFlow, FixFromTwoApsKeepsScanningToTheEnd) {
     // Local fixes at 50, 1000, ... 5000 ms; at 5500 ms the two APs were last merged
     // more than 5 s ago, count as new again, and with the fix's two make enough to
     // ask the server.
-    EXPECT_EQ(log.count(log4cpp::Priority::DEBUG, "keep scanning"), 7u);
+    EXPECT_EQ(log.count(SPI::LogPriority::kDebug, "keep scanning"), 7u);
     EXPECT_EQ(server_->requests().size(), 1u);
     freeCallerLocation(location);
 }
@@ -79,7 +79,7 @@ TEST_F(OneShotFlow, ServerThatCannotPlaceTheApsDoesNotStopTheLoop) {
     ASSERT_NE(location, nullptr);  // the loop ended normally: a record comes with the code
     EXPECT_EQ(location->nap, 0);
     EXPECT_EQ(server_->requests().size(), kFullLoopCycles);
-    EXPECT_EQ(log.count(log4cpp::Priority::INFO, "server can't determine location"),
+    EXPECT_EQ(log.count(SPI::LogPriority::kInfo, "server can't determine location"),
               kFullLoopCycles);
     freeCallerLocation(location);
 }
@@ -138,7 +138,7 @@ TEST_F(OneShotFlow, CacheAnswersARepeatedSetAfterTwoSeconds) {
 }
 
 TEST_F(OneShotFlow, CachedFailureIsPassedOverForTheServer) {
-    locationCache().store(knownScan(2), LocationRecord{});  // a failed attempt for the same set
+    locationCache().store(knownScan(2), Core::LocationRecord{});  // a failed attempt for the same set
     server_->respond("/zel2/location", {200, {}, locationAnswer(3)});
     repeatScan(knownScan(2), kFullLoopCycles);
     LogCapture log("ZEL_location");

@@ -52,7 +52,7 @@ TEST_F(Exports, IpLocationGivesARecordOnlyOnSuccess) {
     server_->respond("/zel2/ip-location",
                      {200,
                       {},
-                      "<IPLocationRS xmlns='" + std::string(kRequestNamespaceUri) +
+                      "<IPLocationRS xmlns='" + std::string(Remote::kRequestNamespaceUri) +
                           "'><ip-location><ip>192.0.2.9</ip><latitude>1.5</latitude>"
                           "<longitude>2.5</longitude></ip-location></IPLocationRS>"});
     ZEL_IPLocation* location = nullptr;
@@ -82,7 +82,7 @@ TEST_F(Exports, RegisterUserSendsBothUsers) {
 
 // A scan source over a fixed list of APs, as an application would write one.
 struct FixedScan {
-    ApList aps;
+    Core::ApList aps;
     unsigned int lastCapacity = 0;
     int failure = 0;
 };
@@ -94,7 +94,7 @@ int fixedScan(void* argument, ZEL_APEntry* aps, unsigned int capacity, unsigned 
         return scan->failure;
     }
     *count = 0;
-    for (const ScannedAP& ap : scan->aps) {
+    for (const Core::ScannedAP& ap : scan->aps) {
         std::copy(ap.mac.begin(), ap.mac.end(), aps[*count].mac);
         aps[*count].rss = ap.rss;
         ++*count;

@@ -26,8 +26,8 @@ using Testing::HandTile;
 
 const char* const kCategory = "ZEL.API.LocalCompressedFileReader";
 
-MacAddress macOfKey(uint64_t key) {
-    MacAddress mac{};
+Core::MacAddress macOfKey(uint64_t key) {
+    Core::MacAddress mac{};
     for (int i = 0; i < 6; ++i) {
         mac[i] = static_cast<uint8_t>(key >> (8 * i));
     }
@@ -51,22 +51,22 @@ class ReaderTest : public ::testing::Test {
     }
     // A found record carries the MAC asked for and a quality of at least 18.
     bool found(uint64_t key) {
-        ApRecord record = lookupKey(key);
+        Tiles::ApRecord record = lookupKey(key);
         return record.mac == macOfKey(key) && record.data.quality >= 18;
     }
-    ApRecord lookupKey(uint64_t key) { return reader_->lookup(macOfKey(key)); }
+    Tiles::ApRecord lookupKey(uint64_t key) { return reader_->lookup(macOfKey(key)); }
 
     Testing::TempDir dir_;
     std::string path_;
-    std::unique_ptr<LocalCompressedFileReader> reader_ = LocalCompressedFileReader::create();
+    std::unique_ptr<Tiles::LocalCompressedFileReader> reader_ = Tiles::LocalCompressedFileReader::create();
 };
 
 TEST_F(ReaderTest, SmallestFileOpensAndHoldsNothing) {
     std::vector<uint8_t> bytes = handFile({}, "");
-    ASSERT_EQ(bytes.size(), TileFormat::kSmallestFileBytes);
+    ASSERT_EQ(bytes.size(), Tiles::TileFormat::kSmallestFileBytes);
     EXPECT_TRUE(openBytes(bytes));
-    ApRecord record = lookupKey(0x1000);
-    EXPECT_EQ(record.mac, MacAddress{});
+    Tiles::ApRecord record = lookupKey(0x1000);
+    EXPECT_EQ(record.mac, Core::MacAddress{});
     EXPECT_EQ(record.data.latitude, 0.0);
     EXPECT_EQ(record.data.quality, 0u);
 }
@@ -76,18 +76,18 @@ TEST_F(ReaderTest, ShortFilesAndWrongRealmsAreBroken) {
     {
         Testing::LogCapture log(kCategory);
         EXPECT_FALSE(openBytes(valid, "town"));
-        EXPECT_EQ(log.count(log4cpp::Priority::ERROR, "Compressed file is broken"), 1u);
+        EXPECT_EQ(log.count(SPI::LogPriority::kError, "Compressed file is broken"), 1u);
         EXPECT_FALSE(found(0x1000));
     }
     // Magic and digest alone (18 bytes) leave no room for a tile count of 0.
     std::vector<uint8_t> eighteen = {'Z', 'E', 'L', '2'};
-    auto digest = TileFormat::realmDigest("");
+    auto digest = Tiles::TileFormat::realmDigest("");
     eighteen.resize(2);
     eighteen.insert(eighteen.end(), digest.begin(), digest.end());
     for (const auto& bytes : {eighteen, std::vector<uint8_t>{'Z', 'E', 'L', '2', 0}}) {
         Testing::LogCapture log(kCategory);
         EXPECT_FALSE(openBytes(bytes));
-        EXPECT_EQ(log.count(log4cpp::Priority::ERROR, "Compressed file is broken"), 1u);
+        EXPECT_EQ(log.count(SPI::LogPriority::kError, "Compressed file is broken"), 1u);
     }
     // A truncation anywhere moves the digest: every prefix is refused.
     for (size_t size = 1; size < valid.size(); size += 3) {
@@ -111,8 +111,8 @@ TEST_F(ReaderTest, InvalidHeaderFieldsNameTheTileAndBreakTheFile) {
         Testing::LogCapture log(kCategory);
         EXPECT_FALSE(openBytes(handFile({encodeHandTile(sampleTile()), encodeHandTile(bad)}, "")))
             << "breaker " << i;
-        EXPECT_EQ(log.count(log4cpp::Priority::ERROR, "invalid tile 1"), 1u) << "breaker " << i;
-        EXPECT_EQ(log.count(log4cpp::Priority::ERROR, "Compressed file is broken"), 1u);
+        EXPECT_EQ(log.count(SPI::LogPriority::kError, "invalid tile 1"), 1u) << "breaker " << i;
+        EXPECT_EQ(log.count(SPI::LogPriority::kError, "Compressed file is broken"), 1u);
         EXPECT_FALSE(found(0x1000));  // the valid tile 0 isn't usable either
     }
 }
@@ -138,7 +138,7 @@ TEST_F(ReaderTest, MissingFileAndOversizedFileFailWithTheirMessages) {
 
     // Bit positions are 32-bit: a file of 512 MiB can't be addressed (sparse, costs nothing).
     std::string huge = dir_.write("huge.zel", {'Z', 'E', 'L', '2'});
-    ASSERT_EQ(truncate(huge.c_str(), TileFormat::kMaxFileBytes + 1), 0);
+    ASSERT_EQ(truncate(huge.c_str(), Tiles::TileFormat::kMaxFileBytes + 1), 0);
     EXPECT_FALSE(reader_->open(huge, ""));
     EXPECT_TRUE(log.contains(huge + " is too large for a tile file (536870912 bytes, at most "
                                     "536870911)"));
@@ -147,16 +147,16 @@ TEST_F(ReaderTest, MissingFileAndOversizedFileFailWithTheirMessages) {
 TEST_F(ReaderTest, RecordValuesDecodeExactly) {
     ASSERT_TRUE(openBytes(handFile({encodeHandTile(sampleTile())}, "")));
     double unit = std::ldexp(1.0, -16);
-    ApRecord first = lookupKey(0x1000);
+    Tiles::ApRecord first = lookupKey(0x1000);
     EXPECT_EQ(first.mac, macOfKey(0x1000));
     EXPECT_EQ(first.data.latitude, (1 + 3'000'000) * unit);
     EXPECT_EQ(first.data.longitude, (2 + 500'000) * unit);
     EXPECT_EQ(first.data.quality, 18u);               // code 0
     EXPECT_EQ(first.data.signalExponent, 1.0 / 6.0);  // code 0
-    ApRecord second = lookupKey(0x1005);
+    Tiles::ApRecord second = lookupKey(0x1005);
     EXPECT_EQ(second.data.quality, 21u);
     EXPECT_DOUBLE_EQ(second.data.signalExponent, 0.5);  // all four bits set
-    ApRecord third = lookupKey(0x1010);
+    Tiles::ApRecord third = lookupKey(0x1010);
     EXPECT_EQ(third.data.latitude, (4095 + 3'000'000) * unit);
     EXPECT_DOUBLE_EQ(third.data.signalExponent, 7 / 45.0 + 1 / 6.0);
     EXPECT_EQ(lookupKey(0x2000).data.quality, 27u);
@@ -172,7 +172,7 @@ TEST_F(ReaderTest, OnlyStoredKeysInsideTheRangeAreFound) {
          std::initializer_list<uint64_t>{0x1001, 0x1004, 0x1006, 0x1011, 0x1FFF, 0x0FFF, 0x0,
                                          0x2001, uint64_t{0xFFFFFFFFFFFF}}) {
         EXPECT_FALSE(found(key)) << std::hex << key;
-        EXPECT_EQ(lookupKey(key).mac, MacAddress{});
+        EXPECT_EQ(lookupKey(key).mac, Core::MacAddress{});
     }
 }
 
@@ -218,7 +218,7 @@ TEST_F(ReaderTest, IndexCountZeroDecodesFromTheCountBytes) {
     tile.recordCount = 1;
     tile.indexCount = 0;
     ASSERT_TRUE(openBytes(handFile({encodeHandTile(tile)}, "")));
-    ApRecord record = lookupKey(1);
+    Tiles::ApRecord record = lookupKey(1);
     ASSERT_EQ(record.mac, macOfKey(1));
     EXPECT_EQ(record.data.latitude, 3'000'000 * std::ldexp(1.0, -16));
     EXPECT_EQ(record.data.longitude, 500'000 * std::ldexp(1.0, -16));
@@ -244,8 +244,8 @@ TEST_F(ReaderTest, HostileCountsNeverReadOutsideTheMapping) {
             ASSERT_TRUE(openBytes(bytes));
             for (uint64_t key : std::initializer_list<uint64_t>{0x0, 0x1000, 0x1005, 0x1010, 0x2000,
                                                                 uint64_t{0xFFFFFFFFFFFF}}) {
-                ApRecord record = lookupKey(key);
-                EXPECT_TRUE(record.mac == MacAddress{} || record.mac == macOfKey(key));
+                Tiles::ApRecord record = lookupKey(key);
+                EXPECT_TRUE(record.mac == Core::MacAddress{} || record.mac == macOfKey(key));
             }
         }
     }
@@ -255,12 +255,12 @@ TEST_F(ReaderTest, HostileCountsNeverReadOutsideTheMapping) {
 // is still found with its values, the rest decodes whatever follows.
 TEST_F(ReaderTest, TruncatedTileFindsWhatPrecedesTheCut) {
     ASSERT_TRUE(openBytes(handFile({encodeHandTile(sampleTile())}, "")));
-    ApRecord whole = lookupKey(0x1005);
+    Tiles::ApRecord whole = lookupKey(0x1005);
     std::vector<uint8_t> tileBytes = encodeHandTile(sampleTile());
     tileBytes.resize(tileBytes.size() - 6);  // block 1 and most of record 3 are gone
     ASSERT_TRUE(openBytes(handFile({tileBytes}, "")));
     EXPECT_TRUE(found(0x1000));
-    ApRecord cut = lookupKey(0x1005);
+    Tiles::ApRecord cut = lookupKey(0x1005);
     EXPECT_EQ(cut.data.latitude, whole.data.latitude);
     EXPECT_EQ(cut.data.signalExponent, whole.data.signalExponent);
     for (size_t size = 0; size < tileBytes.size(); ++size) {  // every cut opens or fails cleanly
@@ -295,7 +295,7 @@ TEST_F(ReaderTest, MostRecentlyFoundTileIsTriedFirst) {
 TEST_F(ReaderTest, AnswersFollowTheMostRecentlyFoundOrderAcrossManyTiles) {
     const std::string realm = "order";
     const int64_t bases[][2] = {{1000, 500'000}, {1000, 500'001}, {-2000, 7}, {3, -9}};
-    std::vector<MacAddress> macs;
+    std::vector<Core::MacAddress> macs;
     for (uint8_t i = 0; i < 12; ++i) {
         macs.push_back({i, 0x44, static_cast<uint8_t>(i * 7), 0x22, 0x11, 0x02});
     }
@@ -310,7 +310,7 @@ TEST_F(ReaderTest, AnswersFollowTheMostRecentlyFoundOrderAcrossManyTiles) {
         ModelTile tile{bases[t % 4][0], bases[t % 4][1], {}};
         for (size_t m = 0; m < macs.size(); ++m) {
             if (random() % 3 == 0 || tile.latOffsets.size() < 2) {
-                tile.latOffsets[TileFormat::hashedKey(macs[m], static_cast<int32_t>(tile.latBase),
+                tile.latOffsets[Tiles::TileFormat::hashedKey(macs[m], static_cast<int32_t>(tile.latBase),
                                                       static_cast<int32_t>(tile.lonBase), realm)] =
                     t;
             }
@@ -331,14 +331,14 @@ TEST_F(ReaderTest, AnswersFollowTheMostRecentlyFoundOrderAcrossManyTiles) {
     }
     for (int step = 0; step < 2000; ++step) {
         // Mostly the pool, now and then a MAC stored nowhere.
-        MacAddress mac = macs[random() % macs.size()];
+        Core::MacAddress mac = macs[random() % macs.size()];
         if (step % 7 == 0) {
             mac[5] = 0x0E;
         }
         std::optional<size_t> expected;
         for (size_t position = 0; position < order.size() && !expected; ++position) {
             const ModelTile& tile = model[order[position]];
-            uint64_t key = TileFormat::hashedKey(mac, static_cast<int32_t>(tile.latBase),
+            uint64_t key = Tiles::TileFormat::hashedKey(mac, static_cast<int32_t>(tile.latBase),
                                                  static_cast<int32_t>(tile.lonBase), realm);
             // The range check sees only index keys; every key here is one.
             if (tile.latOffsets.count(key)) {
@@ -347,9 +347,9 @@ TEST_F(ReaderTest, AnswersFollowTheMostRecentlyFoundOrderAcrossManyTiles) {
                 order.insert(order.begin(), *expected);
             }
         }
-        ApRecord record = reader_->lookup(mac);
+        Tiles::ApRecord record = reader_->lookup(mac);
         if (!expected) {
-            ASSERT_EQ(record.mac, MacAddress{}) << "step " << step;
+            ASSERT_EQ(record.mac, Core::MacAddress{}) << "step " << step;
             continue;
         }
         ASSERT_EQ(record.mac, mac) << "step " << step;
@@ -393,20 +393,20 @@ TEST_F(ReaderTest, TilesAtEveryBoundaryOfTheKeySpaceAreFound) {
 }
 
 TEST_F(ReaderTest, HashedKeysDependOnTheBasesOfTheTileSearched) {
-    MacAddress mac = *parseMacText("00:11:22:33:44:55");
+    Core::MacAddress mac = *Core::parseMacText("00:11:22:33:44:55");
     auto tileHolding = [](uint64_t key, int64_t latBase) {
         HandTile tile;
         tile.latBase = latBase;
         tile.blocks = {{key, {{0, 1, 1, 1, 1}}}, {key + 1, {{0, 2, 2, 2, 2}}}};
         return encodeHandTile(tile);
     };
-    uint64_t keyInA = TileFormat::hashedKey(mac, 1000, 500'000, "city");
-    ASSERT_NE(keyInA, TileFormat::hashedKey(mac, 2000, 500'000, "city"));
+    uint64_t keyInA = Tiles::TileFormat::hashedKey(mac, 1000, 500'000, "city");
+    ASSERT_NE(keyInA, Tiles::TileFormat::hashedKey(mac, 2000, 500'000, "city"));
     ASSERT_TRUE(openBytes(handFile({tileHolding(keyInA, 2000)}, "city"), "city"));
-    EXPECT_EQ(reader_->lookup(mac).mac, MacAddress{});  // keyed for other bases
+    EXPECT_EQ(reader_->lookup(mac).mac, Core::MacAddress{});  // keyed for other bases
     ASSERT_TRUE(openBytes(handFile({tileHolding(keyInA, 2000), tileHolding(keyInA, 1000)}, "city"),
                           "city"));
-    ApRecord record = reader_->lookup(mac);
+    Tiles::ApRecord record = reader_->lookup(mac);
     EXPECT_EQ(record.mac, mac);
     EXPECT_EQ(record.data.latitude, 1001 * std::ldexp(1.0, -16));
     // In the plain form the same file's keys are the MACs themselves.

@@ -11,8 +11,8 @@ namespace ZEL::API {
 namespace {
 
 // APs numbered first..first+count-1.
-ApList aps(int first, int count) {
-    ApList list;
+Core::ApList aps(int first, int count) {
+    Core::ApList list;
     for (int i = first; i < first + count; ++i) {
         char text[13];
         std::snprintf(text, sizeof text, "0000000000%02X", i);
@@ -21,7 +21,7 @@ ApList aps(int first, int count) {
     return list;
 }
 
-ApList join(ApList a, const ApList& b) {
+Core::ApList join(Core::ApList a, const Core::ApList& b) {
     a.insert(a.end(), b.begin(), b.end());
     return a;
 }
@@ -41,7 +41,7 @@ TEST(LocationCacheMatch, FourApsTolerateOneDifference) {
 }
 
 TEST(LocationCacheMatch, TenApsTolerateTwo) {
-    const ApList query = aps(1, 10);
+    const Core::ApList query = aps(1, 10);
     EXPECT_TRUE(LocationCache::matches(query, aps(1, 10)));                   // d = 0
     EXPECT_TRUE(LocationCache::matches(query, aps(1, 11)));                   // d = 1
     EXPECT_TRUE(LocationCache::matches(query, aps(1, 12)));                   // d = 2
@@ -64,8 +64,8 @@ class LocationCacheTest : public ::testing::Test {
     SPI::ScopedClock scoped_{clock_};
     LocationCache cache_;
 
-    static LocationRecord at(double latitude, uint16_t nap) {
-        LocationRecord record;
+    static Core::LocationRecord at(double latitude, uint16_t nap) {
+        Core::LocationRecord record;
         record.latitude = latitude;
         record.nap = nap;
         return record;
@@ -73,7 +73,7 @@ class LocationCacheTest : public ::testing::Test {
 };
 
 TEST_F(LocationCacheTest, FindsStoredLocationIncludingFailedAttempts) {
-    LocationRecord out;
+    Core::LocationRecord out;
     EXPECT_FALSE(cache_.find(aps(1, 5), out));
     cache_.store(aps(1, 5), at(0, 0));
     ASSERT_TRUE(cache_.find(aps(1, 5), out));
@@ -85,7 +85,7 @@ TEST_F(LocationCacheTest, StoringTheSameSetTwiceKeepsOneNewerEntry) {
     clock_.advance(1000);
     cache_.store(aps(1, 5), at(2.0, 4));
     EXPECT_EQ(cache_.size(), 1u);
-    LocationRecord out;
+    Core::LocationRecord out;
     ASSERT_TRUE(cache_.find(aps(1, 5), out));
     EXPECT_EQ(out.latitude, 2.0);
 }
@@ -95,7 +95,7 @@ TEST_F(LocationCacheTest, NewestMatchingEntryWins) {
     cache_.store(aps(30, 10), at(3.0, 3));
     cache_.store(join(aps(1, 10), aps(50, 2)), at(2.0, 3));  // 12 APs: replaces the first
     EXPECT_EQ(cache_.size(), 2u);
-    LocationRecord out;
+    Core::LocationRecord out;
     ASSERT_TRUE(cache_.find(aps(1, 10), out));
     EXPECT_EQ(out.latitude, 2.0);
 }
@@ -109,7 +109,7 @@ TEST_F(LocationCacheTest, PrunesEntriesOlderThanMaxAgeSeconds) {
     clock_.advance(1000);
     cache.store(aps(20, 3), at(3.0, 3));
     EXPECT_EQ(cache.size(), 2u);
-    LocationRecord out;
+    Core::LocationRecord out;
     EXPECT_FALSE(cache.find(aps(1, 3), out));
     EXPECT_TRUE(cache.find(aps(10, 3), out));
 }

@@ -20,24 +20,24 @@ using Testing::testMac;
 constexpr uint64_t kT0 = 1'750'000'000'000ull;
 constexpr const char* kCategory = "ZEL.API.LocationDeterminationPrivate";
 
-AccessPointPosition storedAt(int number, double north, double east, uint32_t quality = 50) {
+Tiles::AccessPointPosition storedAt(int number, double north, double east, uint32_t quality = 50) {
     return {testMac(number), latitudeAt(north), longitudeAt(east), quality, 0.25};
 }
 
-LocationRecord positionedAt(double north, double east, uint64_t timeMs, double speed = 0.0,
+Core::LocationRecord positionedAt(double north, double east, uint64_t timeMs, double speed = 0.0,
                             double bearing = 0.0) {
     return Testing::recordAt(north, east, timeMs, speed, bearing);
 }
 
 class DeterminationTest : public ::testing::Test {
   protected:
-    void SetUp() override { resetLocationHistoriesForTesting(); }
-    void TearDown() override { resetLocationHistoriesForTesting(); }
+    void SetUp() override { Local::resetLocationHistoriesForTesting(); }
+    void TearDown() override { Local::resetLocationHistoriesForTesting(); }
 
-    std::string writeFile(const std::string& name, const std::vector<AccessPointPosition>& aps,
+    std::string writeFile(const std::string& name, const std::vector<Tiles::AccessPointPosition>& aps,
                           const std::string& realm = "") {
         const std::string path = directory_.path() + "/" + name;
-        const TileWriteResult result = TileWriter::writeFile(path, aps, realm);
+        const Tiles::TileWriteResult result = Tiles::TileWriter::writeFile(path, aps, realm);
         EXPECT_TRUE(result.ok) << result.error;
         return path;
     }
@@ -61,18 +61,18 @@ class DeterminationTest : public ::testing::Test {
         determination_.prepare(ZEL_Authentication{"user", realm});
     }
 
-    ScannedAP heard(int number, int16_t rss) const {
-        ScannedAP ap;
+    Core::ScannedAP heard(int number, int16_t rss) const {
+        Core::ScannedAP ap;
         ap.mac = testMac(number);
         ap.rss = rss;
-        ap.time = SPI::TimeStamp::fromMilliseconds(clock_.nowMs());
+        ap.time = Core::TimeStamp::fromMilliseconds(clock_.nowMs());
         return ap;
     }
 
     int determineAt(uint64_t timeMs, std::initializer_list<std::pair<int, int16_t>> aps,
-                    LocationRecord& out) {
+                    Core::LocationRecord& out) {
         clock_.set(timeMs);
-        ApList list;
+        Core::ApList list;
         for (auto [number, rss] : aps) {
             list.push_back(heard(number, rss));
         }
@@ -82,7 +82,7 @@ class DeterminationTest : public ::testing::Test {
     Testing::TempDir directory_;
     SPI::ManualClock clock_{kT0};
     SPI::ScopedClock scopedClock_{clock_};
-    LocationDeterminationPrivate determination_;
+    Local::LocationDeterminationPrivate determination_;
 };
 
 TEST_F(DeterminationTest, PathListFollowsTheCallersNullTerminatedArray) {
@@ -115,15 +115,15 @@ TEST_F(DeterminationTest, PrepareOpensTheFilesOfTheRealmAndSkipsTheOthers) {
 TEST_F(DeterminationTest, LookupAsksReadersInPathOrderAndLogsEveryScanRecord) {
     const std::string first = writeFile("first.zel", {storedAt(1, 0, 0), storedAt(2, 10, 0)});
     const std::string second = writeFile("second.zel", {storedAt(2, 500, 0), storedAt(3, 20, 0)});
-    ReaderList readers;
+    Local::ReaderList readers;
     for (const std::string& path : {first, second}) {
-        readers.push_back(LocalCompressedFileReader::create());
+        readers.push_back(Tiles::LocalCompressedFileReader::create());
         ASSERT_TRUE(readers.back()->open(path, ""));
     }
     clock_.set(kT0);
-    const ApList scan{heard(2, -60), heard(9, -70), heard(3, -80), heard(2, -65)};
+    const Core::ApList scan{heard(2, -60), heard(9, -70), heard(3, -80), heard(2, -65)};
     Testing::LogCapture capture(kCategory);
-    const StoredApMap known = lookupStoredAps(readers, scan, SPI::getCategory(kCategory));
+    const Local::StoredApMap known = Local::lookupStoredAps(readers, scan, SPI::getLogger(kCategory));
     ASSERT_EQ(known.size(), 2u);
     EXPECT_NEAR(known.at(testMac(2)).latitude, latitudeAt(10), 1e-5);  // the first file's
     EXPECT_NEAR(known.at(testMac(3)).latitude, latitudeAt(20), 1e-5);
@@ -135,25 +135,25 @@ TEST_F(DeterminationTest, LookupAsksReadersInPathOrderAndLogsEveryScanRecord) {
     EXPECT_EQ(texts[1], "MAC 000000000009 not found");
     EXPECT_EQ(texts[3].rfind("MAC 000000000002 extracted successfully: ", 0), 0u);
 
-    ReaderList none;
+    Local::ReaderList none;
     Testing::LogCapture quiet(kCategory);
-    EXPECT_TRUE(lookupStoredAps(none, scan, SPI::getCategory(kCategory)).empty());
+    EXPECT_TRUE(Local::lookupStoredAps(none, scan, SPI::getLogger(kCategory)).empty());
     EXPECT_TRUE(quiet.messages().empty());
 }
 
 TEST_F(DeterminationTest, FirstCallWithoutAKnownApIsRefusedAndLeavesNoHistory) {
     useCity();
-    LocationRecord out;
+    Core::LocationRecord out;
     EXPECT_EQ(determineAt(kT0, {{9, -60}, {10, -70}}, out), 6);
-    EXPECT_TRUE(rawHistory().empty());
-    EXPECT_TRUE(resultHistory().empty());
+    EXPECT_TRUE(Local::rawHistory().empty());
+    EXPECT_TRUE(Local::resultHistory().empty());
     EXPECT_TRUE(out.knownAps.empty());
     EXPECT_TRUE(determination_.trackedAps().empty());
 }
 
 TEST_F(DeterminationTest, SplitsTheScanIntoKnownAndUnknownApsInScanOrder) {
     useCity();
-    LocationRecord out;
+    Core::LocationRecord out;
     Testing::LogCapture capture(kCategory);
     ASSERT_EQ(determineAt(kT0, {{1, -60}, {9, -50}, {2, -60}, {4, -60}, {10, -50}}, out), 0);
     ASSERT_EQ(out.knownAps.size(), 3u);
@@ -163,58 +163,58 @@ TEST_F(DeterminationTest, SplitsTheScanIntoKnownAndUnknownApsInScanOrder) {
     ASSERT_EQ(out.unknownAps.size(), 2u);
     EXPECT_EQ(out.unknownAps[0].mac, testMac(9));
     EXPECT_EQ(out.unknownAps[1].mac, testMac(10));
-    EXPECT_EQ(capture.count(log4cpp::Priority::DEBUG, "unknown AP: 000000000009"), 1u);
+    EXPECT_EQ(capture.count(SPI::LogPriority::kDebug, "unknown AP: 000000000009"), 1u);
     EXPECT_EQ(out.nap, 3);
     // Equal signals: the centroid of (0,0), (30,0) and (30,30) metres.
     EXPECT_NEAR(out.latitude, latitudeAt(20), 1e-5);
     EXPECT_NEAR(out.longitude, longitudeAt(10), 1e-5);
-    EXPECT_EQ(out.time, SPI::TimeStamp::fromMilliseconds(kT0));
-    EXPECT_EQ(rawHistory().size(), 1u);
-    EXPECT_EQ(resultHistory().size(), 1u);
+    EXPECT_EQ(out.time, Core::TimeStamp::fromMilliseconds(kT0));
+    EXPECT_EQ(Local::rawHistory().size(), 1u);
+    EXPECT_EQ(Local::resultHistory().size(), 1u);
     EXPECT_EQ(determination_.trackedAps().size(), 5u);  // the unknown ones too
 }
 
 TEST_F(DeterminationTest, WithoutKnownApsARawEstimateUnder20SecondsIsReturned) {
     useCity();
-    LocationRecord first;
+    Core::LocationRecord first;
     ASSERT_EQ(determineAt(kT0, {{1, -60}, {2, -60}, {4, -60}}, first), 0);
-    LocationRecord out;
+    Core::LocationRecord out;
     ASSERT_EQ(determineAt(kT0 + 15000, {{9, -60}}, out), 0);
-    EXPECT_EQ(out.latitude, rawHistory()[1].latitude);
-    EXPECT_EQ(out.longitude, rawHistory()[1].longitude);
+    EXPECT_EQ(out.latitude, Local::rawHistory()[1].latitude);
+    EXPECT_EQ(out.longitude, Local::rawHistory()[1].longitude);
     EXPECT_EQ(out.hpe, 150.0);
     EXPECT_EQ(out.nap, 3);
-    EXPECT_EQ(out.time, SPI::TimeStamp::fromMilliseconds(kT0 + 15000));
+    EXPECT_EQ(out.time, Core::TimeStamp::fromMilliseconds(kT0 + 15000));
     // The raw record is the history's copy, stamp included.
-    EXPECT_EQ(rawHistory()[0].time, SPI::TimeStamp::fromMilliseconds(kT0));
+    EXPECT_EQ(Local::rawHistory()[0].time, Core::TimeStamp::fromMilliseconds(kT0));
 }
 
 TEST_F(DeterminationTest, EarlyRefusalOnlyBeyond20000Ms) {
     useCity();
-    LocationRecord out;
+    Core::LocationRecord out;
     ASSERT_EQ(determineAt(kT0, {{1, -60}, {2, -60}, {4, -60}}, out), 0);
     EXPECT_EQ(determineAt(kT0 + 20001, {{9, -60}}, out), 6);
-    EXPECT_EQ(rawHistory().size(), 1u);
-    EXPECT_EQ(resultHistory().size(), 1u);
+    EXPECT_EQ(Local::rawHistory().size(), 1u);
+    EXPECT_EQ(Local::resultHistory().size(), 1u);
 }
 
 TEST_F(DeterminationTest, AFailedEstimatePushesAZeroRecordThatLaterCallsSee) {
     useCity();
-    LocationRecord out;
+    Core::LocationRecord out;
     ASSERT_EQ(determineAt(kT0, {{1, -60}, {2, -60}, {4, -60}}, out), 0);
     // 20000 ms: not refused, but the history position is too old for the estimate.
-    LocationRecord failed;
+    Core::LocationRecord failed;
     EXPECT_EQ(determineAt(kT0 + 20000, {{9, -60}}, failed), 6);
-    ASSERT_EQ(resultHistory().size(), 2u);
-    EXPECT_EQ(resultHistory()[0].latitude, 0.0);
-    EXPECT_EQ(resultHistory()[0].longitude, 0.0);
-    EXPECT_EQ(resultHistory()[0].time, SPI::TimeStamp::fromMilliseconds(kT0 + 20000));
-    EXPECT_EQ(rawHistory()[0].latitude, 0.0);
+    ASSERT_EQ(Local::resultHistory().size(), 2u);
+    EXPECT_EQ(Local::resultHistory()[0].latitude, 0.0);
+    EXPECT_EQ(Local::resultHistory()[0].longitude, 0.0);
+    EXPECT_EQ(Local::resultHistory()[0].time, Core::TimeStamp::fromMilliseconds(kT0 + 20000));
+    EXPECT_EQ(Local::rawHistory()[0].latitude, 0.0);
     // The zero record is the newest result, 1000 ms old, so smoothing is attempted
     // (and, with too few samples, gives the raw position).
-    LocationRecord later;
+    Core::LocationRecord later;
     EXPECT_EQ(determineAt(kT0 + 21000, {{1, -60}, {2, -60}, {4, -60}}, later), 0);
-    EXPECT_EQ(later.latitude, rawHistory()[0].latitude);
+    EXPECT_EQ(later.latitude, Local::rawHistory()[0].latitude);
     EXPECT_EQ(later.speed, 0.0);
 }
 
@@ -226,12 +226,12 @@ class SmoothingTest : public DeterminationTest {
         useCity();
         const uint64_t now = kT0 + 100000;
         for (int age = seeds; age >= 1; --age) {
-            rawHistory().add(positionedAt(20, 0, now - age * 1000));
+            Local::rawHistory().add(positionedAt(20, 0, now - age * 1000));
         }
-        resultHistory().add(positionedAt(20, 0, now - resultAgeMs, resultSpeed));
-        LocationRecord out;
+        Local::resultHistory().add(positionedAt(20, 0, now - resultAgeMs, resultSpeed));
+        Core::LocationRecord out;
         EXPECT_EQ(determineAt(now, {{1, -60}, {2, -60}, {4, -60}}, out), 0);
-        raw_ = rawHistory()[0].latitude;
+        raw_ = Local::rawHistory()[0].latitude;
         return out.latitude;
     }
     const double p_ = latitudeAt(20);
@@ -272,33 +272,33 @@ class BearingTest : public DeterminationTest {
   protected:
     double smoothedBearing(std::initializer_list<double> newestFirst) {
         useCity();
-        LocationRecord ignored;
+        Core::LocationRecord ignored;
         for (int call = 0; call < 4; ++call) {
             const int16_t rss = call % 2 == 0 ? -60 : -66;
             determineAt(kT0 + call * 1000, {{6, rss}, {7, rss}, {8, rss}}, ignored);
         }
-        resetLocationHistoriesForTesting();
+        Local::resetLocationHistoriesForTesting();
         const uint64_t now = kT0 + 100000;
         const double qNorth = 20.0;
         const double qEast = 20.0;
         // The raw position is Q as stored (rounded by the writer), so aim from there.
-        auto reader = LocalCompressedFileReader::create();
+        auto reader = Tiles::LocalCompressedFileReader::create();
         EXPECT_TRUE(reader->open(directory_.path() + "/city.zel", ""));
-        const StoredApData q = reader->lookup(testMac(6)).data;
+        const Tiles::StoredApData q = reader->lookup(testMac(6)).data;
         for (int i = 4; i >= 1; --i) {
-            LocationRecord result = positionedAt(qNorth, qEast, now - i * 1000, 10.0);
+            Core::LocationRecord result = positionedAt(qNorth, qEast, now - i * 1000, 10.0);
             Testing::destination(q.latitude, q.longitude, 170.0, 100.0 * i, result.latitude,
                                  result.longitude);
-            resultHistory().add(result);
+            Local::resultHistory().add(result);
         }
         std::vector<double> bearings(newestFirst);
         for (size_t i = bearings.size(); i >= 1; --i) {
-            rawHistory().add(positionedAt(qNorth, qEast, now - i * 1000, 10.0, bearings[i - 1]));
+            Local::rawHistory().add(positionedAt(qNorth, qEast, now - i * 1000, 10.0, bearings[i - 1]));
         }
-        LocationRecord out;
+        Core::LocationRecord out;
         EXPECT_EQ(determineAt(now, {{6, -60}, {7, -60}, {8, -60}}, out), 0);
         EXPECT_GT(out.speed, 0.0);
-        rawBearing_ = rawHistory()[0].bearing;
+        rawBearing_ = Local::rawHistory()[0].bearing;
         return out.bearing;
     }
     double rawBearing_ = 0.0;
@@ -308,7 +308,7 @@ TEST_F(BearingTest, BearingsAroundNorthAverageAcrossIt) {
     // 350.01, 10, 5, 355, 2 -> -9.99, 10, 5, -5, 2: 0.1 x -9.99 + 2.2 + 1.8 - 1.1 + 0.2.
     EXPECT_NEAR(smoothedBearing({10, 5, 355, 2}), 2.101, 0.002);
     EXPECT_NEAR(rawBearing_, 350.01, 0.002);
-    EXPECT_NEAR(resultHistory()[0].bearing, 2.101, 0.002);
+    EXPECT_NEAR(Local::resultHistory()[0].bearing, 2.101, 0.002);
 }
 
 TEST_F(BearingTest, ANegativeWeightedSumGets36001Added) {
@@ -322,13 +322,13 @@ TEST_F(BearingTest, FewerThanFiveSamplesLeaveTheRawBearing) {
 
 TEST_F(DeterminationTest, StandingStillKeepsTheNewestRawBearing) {
     useCity();
-    rawHistory().add(positionedAt(20, 20, kT0 - 1000, 0.0, 123.0));
-    LocationRecord out;
+    Local::rawHistory().add(positionedAt(20, 20, kT0 - 1000, 0.0, 123.0));
+    Core::LocationRecord out;
     // A fresh tracked list has steady signals: speed 0.
     ASSERT_EQ(determineAt(kT0, {{6, -60}, {7, -60}, {8, -60}}, out), 0);
     EXPECT_EQ(out.speed, 0.0);
     EXPECT_EQ(out.bearing, 123.0);
-    EXPECT_EQ(rawHistory()[0].bearing, 123.0);
+    EXPECT_EQ(Local::rawHistory()[0].bearing, 123.0);
 }
 
 }  // namespace

@@ -18,7 +18,7 @@ const char kCategory[] = "ZEL.API.LocationDeterminationRemote";
 const ZEL_Authentication kAlice{"alice", "acme"};
 
 std::string answer(const std::string& root, const std::string& body) {
-    return "<" + root + " xmlns='" + kRequestNamespaceUri + "'>" + body + "</" + root + ">";
+    return "<" + root + " xmlns='" + Remote::kRequestNamespaceUri + "'>" + body + "</" + root + ">";
 }
 
 const std::string kLocationAnswer = answer(
@@ -28,8 +28,8 @@ const std::string kLocationAnswer = answer(
     "</location>");
 
 TEST(RemoteSettings, DefaultsAndServerUrl) {
-    LocationDeterminationRemote remote;
-    EXPECT_EQ(remote.serverUrl(), std::string("https://") + kDefaultServerHost + "/zel2");
+    Remote::LocationDeterminationRemote remote;
+    EXPECT_EQ(remote.serverUrl(), std::string("https://") + Remote::kDefaultServerHost + "/zel2");
     EXPECT_EQ(remote.userAgent(), "ZEL API");
     EXPECT_EQ(remote.proxy(), "");
     EXPECT_EQ(remote.proxyPort(), 0);
@@ -38,7 +38,7 @@ TEST(RemoteSettings, DefaultsAndServerUrl) {
 }
 
 TEST(RemoteSettings, ProxyRules) {
-    LocationDeterminationRemote remote;
+    Remote::LocationDeterminationRemote remote;
     remote.setProxy("proxy", 3128, "user", "secret");
     EXPECT_EQ(remote.proxy(), "proxy:3128");
     EXPECT_EQ(remote.proxyUser(), "user");
@@ -68,13 +68,13 @@ class RemoteExchange : public ::testing::Test {
         remote_.setServerUrl(server_->url() + "/zel2");
     }
     std::unique_ptr<TestHttpServer> server_;
-    LocationDeterminationRemote remote_;
+    Remote::LocationDeterminationRemote remote_;
 };
 
 TEST_F(RemoteExchange, LocationPostsTheRequestAndParsesTheAnswer) {
     server_->respond("/zel2/location", ScriptedResponse{200, {}, kLocationAnswer});
-    ApList aps = {Testing::ap("AB:CD:EF:12:34:56", -71), Testing::ap("01:00:00:00:00:00", -90)};
-    LocationRecord record;
+    Core::ApList aps = {Testing::ap("AB:CD:EF:12:34:56", -71), Testing::ap("01:00:00:00:00:00", -90)};
+    Core::LocationRecord record;
     record.knownAps = aps;  // the record is reset before the answer is read
     record.streetAddress.city = "stale";
     Testing::LogCapture log(kCategory);
@@ -93,17 +93,17 @@ TEST_F(RemoteExchange, LocationPostsTheRequestAndParsesTheAnswer) {
     ASSERT_EQ(requests.size(), 1u);
     EXPECT_EQ(requests[0].method, "POST");
     EXPECT_EQ(requests[0].path, "/zel2/location");
-    EXPECT_EQ(requests[0].body, makeLocationRequest(kAlice, 2, aps));
+    EXPECT_EQ(requests[0].body, Remote::makeLocationRequest(kAlice, 2, aps));
     EXPECT_EQ(requests[0].header("Content-Type"), "text/xml");
     EXPECT_EQ(requests[0].header("User-Agent"), "ZEL API");
     EXPECT_EQ(requests[0].headerCount("Accept") + requests[0].headerCount("Expect"), 0u);
 
-    using log4cpp::Priority;
-    EXPECT_EQ(log.count(Priority::INFO, "about to send request: " + requests[0].body), 1u);
-    EXPECT_EQ(log.count(Priority::INFO, "status code: 200 status text: OK"), 1u);
-    EXPECT_EQ(log.count(Priority::INFO, "received response: " + kLocationAnswer), 1u);
-    EXPECT_EQ(log.count(Priority::DEBUG, "location request result: 0"), 1u);
-    EXPECT_EQ(log.count(Priority::DEBUG, "returning with code 0"), 1u);
+    using Priority = SPI::LogPriority;
+    EXPECT_EQ(log.count(Priority::kInfo, "about to send request: " + requests[0].body), 1u);
+    EXPECT_EQ(log.count(Priority::kInfo, "status code: 200 status text: OK"), 1u);
+    EXPECT_EQ(log.count(Priority::kInfo, "received response: " + kLocationAnswer), 1u);
+    EXPECT_EQ(log.count(Priority::kDebug, "location request result: 0"), 1u);
+    EXPECT_EQ(log.count(Priority::kDebug, "returning with code 0"), 1u);
     EXPECT_FALSE(log.contains("about to get ip-location from server"));
 }
 
@@ -117,7 +117,7 @@ TEST_F(RemoteExchange, IpLocationAndRegistration) {
                                              "</longitude></ip-location>")});
     server_->respond("/zel2/registration", ScriptedResponse{200, {}, answer("RegistrationRS", "")});
     Testing::LogCapture log(kCategory);
-    IpLocationRecord ip;
+    Core::IpLocationRecord ip;
     ASSERT_EQ(remote_.ipLocation(kAlice, 1, ip), 0);
     EXPECT_EQ(ip.ip, "203.0.113.9");
     EXPECT_EQ(ip.longitude, 2.0);
@@ -127,12 +127,12 @@ TEST_F(RemoteExchange, IpLocationAndRegistration) {
     auto requests = server_->requests();
     ASSERT_EQ(requests.size(), 2u);
     EXPECT_EQ(requests[0].path, "/zel2/ip-location");
-    EXPECT_EQ(requests[0].body, makeIPLocationRequest(kAlice, 1));
+    EXPECT_EQ(requests[0].body, Remote::makeIPLocationRequest(kAlice, 1));
     EXPECT_EQ(requests[1].path, "/zel2/registration");
-    EXPECT_EQ(requests[1].body, makeRegistrationRequest(kAlice, bob));
-    EXPECT_EQ(log.count(log4cpp::Priority::DEBUG, "about to get ip-location from server"), 1u);
-    EXPECT_EQ(log.count(log4cpp::Priority::DEBUG, "about to register a user on server"), 1u);
-    EXPECT_EQ(log.count(log4cpp::Priority::INFO, "registration request result: 0"), 1u);
+    EXPECT_EQ(requests[1].body, Remote::makeRegistrationRequest(kAlice, bob));
+    EXPECT_EQ(log.count(SPI::LogPriority::kDebug, "about to get ip-location from server"), 1u);
+    EXPECT_EQ(log.count(SPI::LogPriority::kDebug, "about to register a user on server"), 1u);
+    EXPECT_EQ(log.count(SPI::LogPriority::kInfo, "registration request result: 0"), 1u);
 
     server_->respond("/zel2/registration",
                      ScriptedResponse{200, {}, answer("RegistrationRS", "<error>taken</error>")});
@@ -147,14 +147,14 @@ TEST_F(RemoteExchange, HttpStatusesMapToCodes) {
     for (Case test : {Case{401, 4}, Case{403, 4}, Case{407, 7}, Case{500, 5}, Case{404, 5},
                       Case{302, 5}, Case{204, 5}}) {
         server_->respond("/zel2/location", ScriptedResponse{test.status, {}, kLocationAnswer});
-        LocationRecord record;
+        Core::LocationRecord record;
         record.nap = 99;
         Testing::LogCapture log(kCategory);
         EXPECT_EQ(remote_.location(kAlice, 0, {}, record), test.code) << test.status;
         EXPECT_EQ(record.nap, 99) << "the record is only reset after a 200";
         EXPECT_FALSE(log.contains("about to get response text")) << test.status;
         EXPECT_FALSE(log.contains("received response: " + kLocationAnswer));
-        IpLocationRecord ip;
+        Core::IpLocationRecord ip;
         server_->respond("/zel2/ip-location", ScriptedResponse{test.status, {}, ""});
         EXPECT_EQ(remote_.ipLocation(kAlice, 0, ip), test.code) << test.status;
         server_->respond("/zel2/registration", ScriptedResponse{test.status, {}, ""});
@@ -173,7 +173,7 @@ TEST_F(RemoteExchange, UnusableAnswersGiveSix) {
     for (const std::string& body : bodies) {
         server_->respond("/zel2/location",
                          ScriptedResponse{200, {{"X-Dup", "1"}, {"X-Dup", "2"}}, body});
-        LocationRecord record;
+        Core::LocationRecord record;
         EXPECT_EQ(remote_.location(kAlice, 2, {}, record), ZEL_ERROR_LOCATION_CANNOT_BE_DETERMINED)
             << body;
         EXPECT_EQ(record.latitude, 0.0);
@@ -183,15 +183,15 @@ TEST_F(RemoteExchange, UnusableAnswersGiveSix) {
 
 TEST_F(RemoteExchange, PathsAreAppendedAsTheyStand) {
     remote_.setServerUrl(server_->url() + "/zel2/");
-    LocationRecord record;
+    Core::LocationRecord record;
     EXPECT_EQ(remote_.location(kAlice, 0, {}, record), 5);  // 404
     ASSERT_EQ(server_->requests().size(), 1u);
     EXPECT_EQ(server_->requests()[0].path, "/zel2//location");
 }
 
 TEST(RemoteFailures, TransportFailuresGiveFive) {
-    LocationDeterminationRemote remote;
-    LocationRecord record;
+    Remote::LocationDeterminationRemote remote;
+    Core::LocationRecord record;
     Testing::LogCapture log(kCategory);
     remote.setServerUrl("http://127.0.0.1:" + std::to_string(Testing::freeLoopbackPort()));
     EXPECT_EQ(remote.location(kAlice, 0, {}, record), 5);
@@ -207,7 +207,7 @@ TEST(RemoteFailures, TransportFailuresGiveFive) {
 
     auto cut = Testing::RawHttpServer::replying("HTTP/1.1 200 OK\r\nContent-Length: 50\r\n\r\n<a");
     ASSERT_NE(cut, nullptr);
-    LocationDeterminationRemote direct;
+    Remote::LocationDeterminationRemote direct;
     direct.setServerUrl(cut->url());
     EXPECT_EQ(direct.location(kAlice, 0, {}, record), 5);
     EXPECT_TRUE(log.contains("couldn't send request, error 10054"));
@@ -215,18 +215,18 @@ TEST(RemoteFailures, TransportFailuresGiveFive) {
 
 TEST(RemoteFailures, NoRequestObjectGivesNinetyNine) {
     int made = 0;
-    LocationDeterminationRemote remote([&made]() -> std::unique_ptr<SPI::XmlHttpRequest> {
+    Remote::LocationDeterminationRemote remote([&made]() -> std::unique_ptr<SPI::XmlHttpRequest> {
         ++made;
         return nullptr;
     });
     Testing::LogCapture log(kCategory);
-    LocationRecord record;
-    IpLocationRecord ip;
+    Core::LocationRecord record;
+    Core::IpLocationRecord ip;
     EXPECT_EQ(remote.location(kAlice, 0, {}, record), ZEL_ERROR_NOT_READY);
     EXPECT_EQ(remote.ipLocation(kAlice, 0, ip), ZEL_ERROR_NOT_READY);
     EXPECT_EQ(remote.registerUser(kAlice, kAlice), ZEL_ERROR_NOT_READY);
     EXPECT_EQ(made, 3);
-    EXPECT_EQ(log.count(log4cpp::Priority::FATAL, "couldn't create new instance of XmlHttpRequest"),
+    EXPECT_EQ(log.count(SPI::LogPriority::kFatal, "couldn't create new instance of XmlHttpRequest"),
               3u);
 }
 
@@ -236,9 +236,9 @@ TEST(RemoteHttps, SelfSignedServerAnswers) {
     auto server = TestHttpServer::startHttps(*certificate);
     ASSERT_NE(server, nullptr);
     server->respond("/zel2/location", ScriptedResponse{200, {}, kLocationAnswer});
-    LocationDeterminationRemote remote;
+    Remote::LocationDeterminationRemote remote;
     remote.setServerUrl(server->url() + "/zel2");
-    LocationRecord record;
+    Core::LocationRecord record;
     ASSERT_EQ(remote.location(kAlice, 0, {}, record), 0);
     EXPECT_EQ(record.nap, 4);
     EXPECT_TRUE(record.streetAddress.empty());  // level 0

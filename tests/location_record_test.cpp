@@ -1,4 +1,4 @@
-#include "api/location_record.h"
+#include "core/location_record.h"
 
 #include <gtest/gtest.h>
 
@@ -9,8 +9,8 @@
 namespace ZEL::API {
 namespace {
 
-StreetAddress fullAddress() {
-    StreetAddress address;
+Core::StreetAddress fullAddress() {
+    Core::StreetAddress address;
     address.streetNumber = "221b";
     address.addressLines = {"Baker Street", "Marylebone", "Flat 2"};
     address.city = "London";
@@ -26,7 +26,7 @@ StreetAddress fullAddress() {
 }
 
 TEST(CallerStreetAddress, EveryFieldSurvivesInOneBlock) {
-    StreetAddress address = fullAddress();
+    Core::StreetAddress address = fullAddress();
     ZEL_StreetAddress* record = makeCallerStreetAddress(address);
     ASSERT_NE(record, nullptr);
     EXPECT_STREQ(record->street_number, "221b");
@@ -58,8 +58,8 @@ TEST(CallerStreetAddress, EveryFieldSurvivesInOneBlock) {
 }
 
 TEST(CallerStreetAddress, EmptyAddressGivesNull) {
-    EXPECT_EQ(makeCallerStreetAddress(StreetAddress{}), nullptr);
-    StreetAddress onlyLine;
+    EXPECT_EQ(makeCallerStreetAddress(Core::StreetAddress{}), nullptr);
+    Core::StreetAddress onlyLine;
     onlyLine.addressLines = {""};  // one (empty) line is still a line
     ZEL_StreetAddress* record = makeCallerStreetAddress(onlyLine);
     ASSERT_NE(record, nullptr);
@@ -70,7 +70,7 @@ TEST(CallerStreetAddress, EmptyAddressGivesNull) {
 }
 
 TEST(CallerStreetAddress, CodesLongerThanThreeAreCut) {
-    StreetAddress address;
+    Core::StreetAddress address;
     address.stateCode = "MASS";
     address.countryCode = "USA";
     ZEL_StreetAddress* record = makeCallerStreetAddress(address);
@@ -81,7 +81,7 @@ TEST(CallerStreetAddress, CodesLongerThanThreeAreCut) {
 }
 
 TEST(CallerLocation, CopiesNumbersAndApTables) {
-    LocationRecord source;
+    Core::LocationRecord source;
     source.latitude = 52.5;
     source.longitude = 13.25;
     source.hpe = 31.7;
@@ -110,7 +110,7 @@ TEST(CallerLocation, CopiesNumbersAndApTables) {
 }
 
 TEST(CallerLocation, NoApsAndNoAddressGiveZeroCountsAndNulls) {
-    ZEL_Location* location = makeCallerLocation(LocationRecord{});
+    ZEL_Location* location = makeCallerLocation(Core::LocationRecord{});
     ASSERT_NE(location, nullptr);
     EXPECT_EQ(location->street_address, nullptr);
     EXPECT_EQ(location->known_aps.count, 0);
@@ -120,7 +120,7 @@ TEST(CallerLocation, NoApsAndNoAddressGiveZeroCountsAndNulls) {
 }
 
 TEST(CallerIpLocation, CopiesIpAndAddress) {
-    IpLocationRecord source{"192.0.2.7", 48.1, 11.6, fullAddress()};
+    Core::IpLocationRecord source{"192.0.2.7", 48.1, 11.6, fullAddress()};
     ZEL_IPLocation* location = makeCallerIpLocation(source);
     ASSERT_NE(location, nullptr);
     EXPECT_STREQ(location->ip, "192.0.2.7");
@@ -130,7 +130,7 @@ TEST(CallerIpLocation, CopiesIpAndAddress) {
     EXPECT_STREQ(location->street_address->address_line[1], "Marylebone");
     ZEL_free_ip_location(location);
 
-    ZEL_IPLocation* bare = makeCallerIpLocation(IpLocationRecord{"", 0, 0, {}});
+    ZEL_IPLocation* bare = makeCallerIpLocation(Core::IpLocationRecord{"", 0, 0, {}});
     ASSERT_NE(bare, nullptr);
     EXPECT_STREQ(bare->ip, "");
     EXPECT_EQ(bare->street_address, nullptr);

@@ -19,7 +19,7 @@ namespace {
 
 using Bytes = std::vector<uint8_t>;
 constexpr int kFamily = 0x1c;  // any id: the parsers do not look at it
-const SPI::TimeStamp kNow{1'700'000'000, 500};
+const Core::TimeStamp kNow{1'700'000'000, 500};
 
 // An nl80211 message as the kernel would send it, built attribute by attribute.
 class MessageBuilder {
@@ -120,12 +120,12 @@ TEST(Nl80211BssTest, ReadsMacSsidSignalAndAge) {
         .endBss();
     auto entry = parseBss(message.header(), kNow);
     ASSERT_TRUE(entry);
-    EXPECT_EQ(macText(entry->ap.mac), "02000000010A");
+    EXPECT_EQ(Core::macText(entry->ap.mac), "02000000010A");
     EXPECT_EQ(entry->ap.mac[0], 0x0a);  // stored last octet first
     EXPECT_EQ(entry->ap.mac[5], 0x02);
     EXPECT_EQ(entry->ap.ssidText(), "cafe");
     EXPECT_EQ(entry->ap.rss, -47);
-    EXPECT_EQ(entry->ap.time, (SPI::TimeStamp{1'699'999'998, 800}));
+    EXPECT_EQ(entry->ap.time, (Core::TimeStamp{1'699'999'998, 800}));
     EXPECT_TRUE(entry->infrastructure());
 }
 
@@ -209,15 +209,15 @@ TEST(Nl80211ScanResultsTest, KeepsInfrastructureEntriesAndLogsTheRest) {
 
     const std::string category = "ZEL.SPI.WifiAdapter.Nl80211WifiAdapter";
     Testing::LogCapture log(category);
-    ApList list(3);  // a previous scan's list is replaced, not appended to
-    collectScanResults(entries, list, log4cpp::Category::getInstance(category));
+    Core::ApList list(3);  // a previous scan's list is replaced, not appended to
+    collectScanResults(entries, list, SPI::getLogger(category));
     ASSERT_EQ(list.size(), 1u);
     EXPECT_EQ(list[0].rss, -55);
     EXPECT_EQ(list[0].ssidText(), "cafe");
-    EXPECT_EQ(log.count(log4cpp::Priority::DEBUG, "scanned 2 APs"), 1u);
-    EXPECT_EQ(log.count(log4cpp::Priority::DEBUG, "AP 02000000010A (adhoc) not infrastructure (2)"),
+    EXPECT_EQ(log.count(SPI::LogPriority::kDebug, "scanned 2 APs"), 1u);
+    EXPECT_EQ(log.count(SPI::LogPriority::kDebug, "AP 02000000010A (adhoc) not infrastructure (2)"),
               1u);
-    EXPECT_EQ(log.count(log4cpp::Priority::DEBUG, "scanned AP 02000000010A (cafe) -55"), 1u);
+    EXPECT_EQ(log.count(SPI::LogPriority::kDebug, "scanned AP 02000000010A (cafe) -55"), 1u);
 }
 
 TEST(Nl80211EventTest, ScanEventsAreFilteredByInterface) {

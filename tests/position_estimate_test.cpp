@@ -18,74 +18,74 @@ using Testing::recordAt;
 constexpr uint64_t kNow = 1'700'000'000'000ull;
 constexpr const char* kCategory = "ZEL.API.LocationDeterminationPrivate";
 
-log4cpp::Category& log() {
-    return SPI::getCategory(kCategory);
+SPI::Logger& log() {
+    return SPI::getLogger(kCategory);
 }
 
-// Runs estimatePosition at kNow and returns the raw record.
-LocationRecord estimate(std::vector<LocalApEntry>& entries, const LocationHistory& history = {},
-                        const std::vector<LocalApEntry>& tracked = {}) {
-    LocationRecord raw;
-    raw.time = SPI::TimeStamp::fromMilliseconds(kNow);
-    estimatePosition(entries, raw, history, tracked, log());
+// Runs Local::estimatePosition at kNow and returns the raw record.
+Core::LocationRecord estimate(std::vector<Local::LocalApEntry>& entries, const Local::LocationHistory& history = {},
+                        const std::vector<Local::LocalApEntry>& tracked = {}) {
+    Core::LocationRecord raw;
+    raw.time = Core::TimeStamp::fromMilliseconds(kNow);
+    Local::estimatePosition(entries, raw, history, tracked, log());
     return raw;
 }
 
 Reference referenceAtBase(int32_t ageMs = 0) {
-    return {latitudeAt(0), longitudeAt(0), 0.0, SPI::TimeStamp::fromMilliseconds(kNow - ageMs)};
+    return {latitudeAt(0), longitudeAt(0), 0.0, Core::TimeStamp::fromMilliseconds(kNow - Core::ageMs)};
 }
 
 TEST(GreatCircleDistance, UsesTheTruncatedDegreeFactorAndTheFixedRadius) {
     // 0.0174532925 x 6372800; the full pi/180 would give 0.000127 m more.
-    EXPECT_NEAR(greatCircleDistance(0.0, 0.0, 0.0, 1.0), 111226.3424439902, 1e-6);
-    EXPECT_NEAR(greatCircleDistance(0.0, 0.0, 0.0, 180.0), 20020741.662797034, 1e-3);
-    EXPECT_NEAR(greatCircleDistance(0.0, 1.0, 0.0, 0.0), greatCircleDistance(0.0, 0.0, 0.0, 1.0),
+    EXPECT_NEAR(Local::greatCircleDistance(0.0, 0.0, 0.0, 1.0), 111226.3424439902, 1e-6);
+    EXPECT_NEAR(Local::greatCircleDistance(0.0, 0.0, 0.0, 180.0), 20020741.662797034, 1e-3);
+    EXPECT_NEAR(Local::greatCircleDistance(0.0, 1.0, 0.0, 0.0), Local::greatCircleDistance(0.0, 0.0, 0.0, 1.0),
                 1e-9);
 }
 
 TEST(GreatCircleDistance, SamePointIsZeroAlsoWhenRoundingLeavesTheArcCosineDomain) {
     // At 47 degrees sin^2 + cos^2 rounds to exactly 1; at 45 it rounds above 1 and
     // the arc cosine is NaN, which counts as 0.
-    EXPECT_EQ(greatCircleDistance(47.0, 8.0, 47.0, 8.0), 0.0);
-    EXPECT_EQ(greatCircleDistance(45.0, 8.0, 45.0, 8.0), 0.0);
+    EXPECT_EQ(Local::greatCircleDistance(47.0, 8.0, 47.0, 8.0), 0.0);
+    EXPECT_EQ(Local::greatCircleDistance(45.0, 8.0, 45.0, 8.0), 0.0);
 }
 
 TEST(QualityFactor, IsFlatBelow18AndAbove30AndLogarithmicBetween) {
-    EXPECT_EQ(qualityFactor(0), 0.001);
-    EXPECT_EQ(qualityFactor(17), 0.001);
-    EXPECT_DOUBLE_EQ(qualityFactor(18), 0.001);
-    EXPECT_NEAR(qualityFactor(24), 0.5636076238316982, 1e-15);
-    EXPECT_NEAR(qualityFactor(30), 1.0, 1e-15);
-    EXPECT_EQ(qualityFactor(31), 1.0);
-    EXPECT_EQ(qualityFactor(4000000000u), 1.0);
+    EXPECT_EQ(Local::qualityFactor(0), 0.001);
+    EXPECT_EQ(Local::qualityFactor(17), 0.001);
+    EXPECT_DOUBLE_EQ(Local::qualityFactor(18), 0.001);
+    EXPECT_NEAR(Local::qualityFactor(24), 0.5636076238316982, 1e-15);
+    EXPECT_NEAR(Local::qualityFactor(30), 1.0, 1e-15);
+    EXPECT_EQ(Local::qualityFactor(31), 1.0);
+    EXPECT_EQ(Local::qualityFactor(4000000000u), 1.0);
 }
 
 TEST(GateRadius, WidensFrom75To150To300WhileFewerThanThreeApsAreInside) {
-    std::vector<LocalApEntry> entries{entryAt(1, 0, 10), entryAt(2, 0, 20), entryAt(3, 0, 30)};
-    EXPECT_EQ(gateRadius(entries, referenceAtBase(), 0), 75.0);
+    std::vector<Local::LocalApEntry> entries{entryAt(1, 0, 10), entryAt(2, 0, 20), entryAt(3, 0, 30)};
+    EXPECT_EQ(Local::gateRadius(entries, referenceAtBase(), 0), 75.0);
     entries[2] = entryAt(3, 0, 100);
-    EXPECT_EQ(gateRadius(entries, referenceAtBase(), 0), 150.0);
+    EXPECT_EQ(Local::gateRadius(entries, referenceAtBase(), 0), 150.0);
     entries[2] = entryAt(3, 0, 200);
-    EXPECT_EQ(gateRadius(entries, referenceAtBase(), 0), 300.0);
+    EXPECT_EQ(Local::gateRadius(entries, referenceAtBase(), 0), 300.0);
     // 300 m is the last step, whatever it holds.
     entries = {entryAt(1, 0, 1000)};
-    EXPECT_EQ(gateRadius(entries, referenceAtBase(), 0), 300.0);
+    EXPECT_EQ(Local::gateRadius(entries, referenceAtBase(), 0), 300.0);
 }
 
 TEST(GateRadius, GrowsOneMetrePer100MsOfReferenceAgeUpTo20000Ms) {
-    std::vector<LocalApEntry> entries{entryAt(1, 0, 10), entryAt(2, 0, 20), entryAt(3, 0, 30)};
-    EXPECT_DOUBLE_EQ(gateRadius(entries, referenceAtBase(), 5000), 125.0);
-    EXPECT_DOUBLE_EQ(gateRadius(entries, referenceAtBase(), 20000), 275.0);
-    EXPECT_DOUBLE_EQ(gateRadius(entries, referenceAtBase(), 20001), 75.0);
+    std::vector<Local::LocalApEntry> entries{entryAt(1, 0, 10), entryAt(2, 0, 20), entryAt(3, 0, 30)};
+    EXPECT_DOUBLE_EQ(Local::gateRadius(entries, referenceAtBase(), 5000), 125.0);
+    EXPECT_DOUBLE_EQ(Local::gateRadius(entries, referenceAtBase(), 20000), 275.0);
+    EXPECT_DOUBLE_EQ(Local::gateRadius(entries, referenceAtBase(), 20001), 75.0);
 }
 
 TEST(GateRadius, AnApAtExactlyTheRadiusStaysButDoesNotCount) {
-    std::vector<LocalApEntry> entries{entryAt(1, 0, 0), entryAt(2, 0, 10), entryAt(3, 0, 60),
+    std::vector<Local::LocalApEntry> entries{entryAt(1, 0, 0), entryAt(2, 0, 10), entryAt(3, 0, 60),
                                       entryAt(4, 0, 61)};
     const Reference reference = referenceAtBase();
-    const double radius = distanceFrom(reference, entries[2]);
-    EXPECT_EQ(countWithin(entries, reference, radius), 2u);
-    removeBeyond(entries, reference, radius);
+    const double radius = Local::distanceFrom(reference, entries[2]);
+    EXPECT_EQ(Local::countWithin(entries, reference, radius), 2u);
+    Local::removeBeyond(entries, reference, radius);
     ASSERT_EQ(entries.size(), 3u);
     EXPECT_EQ(entries[0].mac, Testing::testMac(1));
     EXPECT_EQ(entries[1].mac, Testing::testMac(2));
@@ -95,8 +95,8 @@ TEST(GateRadius, AnApAtExactlyTheRadiusStaysButDoesNotCount) {
 TEST(EstimatePosition, WithoutHistoryTheReferenceIsTheLowerMedianOfEachAxis) {
     // Lower median: (0 N, 0 E); A is 200 m from it and stays, B 450 m and goes.
     // The upper median (450 N, 200 E) would have kept B instead.
-    std::vector<LocalApEntry> entries{entryAt(1, 0, 200), entryAt(2, 450, 0)};
-    const LocationRecord raw = estimate(entries);
+    std::vector<Local::LocalApEntry> entries{entryAt(1, 0, 200), entryAt(2, 450, 0)};
+    const Core::LocationRecord raw = estimate(entries);
     ASSERT_EQ(entries.size(), 1u);
     EXPECT_EQ(raw.nap, 1);
     EXPECT_NEAR(raw.latitude, latitudeAt(0), 1e-12);
@@ -104,8 +104,8 @@ TEST(EstimatePosition, WithoutHistoryTheReferenceIsTheLowerMedianOfEachAxis) {
 }
 
 TEST(EstimatePosition, GateDropsTheFarApOfThreeAndAveragesEqualWeights) {
-    std::vector<LocalApEntry> entries{entryAt(1, 0, 0), entryAt(2, 50, 0), entryAt(3, 1000, 0)};
-    const LocationRecord raw = estimate(entries);
+    std::vector<Local::LocalApEntry> entries{entryAt(1, 0, 0), entryAt(2, 50, 0), entryAt(3, 1000, 0)};
+    const Core::LocationRecord raw = estimate(entries);
     EXPECT_EQ(raw.nap, 2);
     EXPECT_NEAR(raw.latitude, latitudeAt(25), 1e-12);
     EXPECT_NEAR(raw.longitude, longitudeAt(0), 1e-12);
@@ -113,13 +113,13 @@ TEST(EstimatePosition, GateDropsTheFarApOfThreeAndAveragesEqualWeights) {
 
 TEST(EstimatePosition, AHistoryPositionUnder20000MsIsTheReference) {
     auto entries = [] {
-        return std::vector<LocalApEntry>{entryAt(1, 1000, 50), entryAt(2, 1000, -50),
+        return std::vector<Local::LocalApEntry>{entryAt(1, 1000, 50), entryAt(2, 1000, -50),
                                          entryAt(3, 0, 0), entryAt(4, 0, 10)};
     };
-    LocationHistory history;
+    Local::LocationHistory history;
     history.add(recordAt(1000, 0, kNow - 19999));
     auto list = entries();
-    LocationRecord raw = estimate(list, history);
+    Core::LocationRecord raw = estimate(list, history);
     EXPECT_EQ(raw.nap, 2);  // only the two APs near the history position
     EXPECT_NEAR(raw.latitude, latitudeAt(1000), 1e-12);
     EXPECT_NEAR(raw.longitude, longitudeAt(0), 1e-12);
@@ -137,23 +137,23 @@ TEST(EstimatePosition, AHistoryPositionUnder20000MsIsTheReference) {
 TEST(EstimatePosition, RssOfMinus20OrStrongerIsWeightedAsMinus90AndLogged) {
     for (int32_t strong : {-15, -20, 10}) {
         Testing::LogCapture capture(kCategory);
-        std::vector<LocalApEntry> entries{entryAt(1, 0, 0, strong), entryAt(2, 0, 20, -90)};
-        const LocationRecord raw = estimate(entries);
+        std::vector<Local::LocalApEntry> entries{entryAt(1, 0, 0, strong), entryAt(2, 0, 20, -90)};
+        const Core::LocationRecord raw = estimate(entries);
         EXPECT_NEAR(raw.longitude, longitudeAt(10), 1e-12) << strong;
-        EXPECT_EQ(capture.count(log4cpp::Priority::ERROR, "AP RSS was limited to -90dBm"), 1u);
+        EXPECT_EQ(capture.count(SPI::LogPriority::kError, "AP RSS was limited to -90dBm"), 1u);
     }
     Testing::LogCapture capture(kCategory);
-    std::vector<LocalApEntry> entries{entryAt(1, 0, 0, -21), entryAt(2, 0, 20, -90)};
-    const LocationRecord raw = estimate(entries);
+    std::vector<Local::LocalApEntry> entries{entryAt(1, 0, 0, -21), entryAt(2, 0, 20, -90)};
+    const Core::LocationRecord raw = estimate(entries);
     EXPECT_LT(raw.longitude, longitudeAt(1));
     EXPECT_FALSE(capture.contains("AP RSS was limited to -90dBm"));
 }
 
 TEST(EstimatePosition, SignalExponentIsClampedToItsRange) {
     // Exponent 0.9 counts as 0.5: weights 10^-2 and 10^-3, B pulls 1/11 of the way.
-    std::vector<LocalApEntry> entries{entryAt(1, 0, 0, -40, 50, 0.9),
+    std::vector<Local::LocalApEntry> entries{entryAt(1, 0, 0, -40, 50, 0.9),
                                       entryAt(2, 0, 100, -60, 50, 0.5)};
-    LocationRecord raw = estimate(entries);
+    Core::LocationRecord raw = estimate(entries);
     EXPECT_NEAR(raw.longitude, longitudeAt(0) + (longitudeAt(100) - longitudeAt(0)) / 11.0, 1e-12);
 
     // Exponent 0.1 counts as 0.16667: B pulls 0.31701 of the way, not 0.53831.
@@ -164,48 +164,48 @@ TEST(EstimatePosition, SignalExponentIsClampedToItsRange) {
 }
 
 TEST(EstimatePosition, LowQualityApsWeighAThousandthOfGoodOnes) {
-    std::vector<LocalApEntry> entries{entryAt(1, 0, 0, -60, 31), entryAt(2, 0, 100, -60, 17)};
-    const LocationRecord raw = estimate(entries);
+    std::vector<Local::LocalApEntry> entries{entryAt(1, 0, 0, -60, 31), entryAt(2, 0, 100, -60, 17)};
+    const Core::LocationRecord raw = estimate(entries);
     EXPECT_NEAR(raw.longitude, longitudeAt(0) + (longitudeAt(100) - longitudeAt(0)) * 0.001 / 1.001,
                 1e-12);
 }
 
 TEST(EstimatePosition, RssIsAveragedOverTheTrackedHistoryOnlyBelowTheSpeedLimit) {
     // A: now -50, heard at -70 and -90 in slots 1 and 4: mean -70, as B.
-    LocalApEntry trackedA = entryAt(1, 0, 0, -50);
+    Local::LocalApEntry trackedA = entryAt(1, 0, 0, -50);
     trackedA.rss[1] = -70;
     trackedA.rss[4] = -90;
     trackedA.rss[5] = -30;  // beyond slot 4: not used
-    const std::vector<LocalApEntry> tracked{trackedA};
+    const std::vector<Local::LocalApEntry> tracked{trackedA};
     auto run = [&](double referenceSpeed) {
-        LocationHistory history;
+        Local::LocationHistory history;
         history.add(recordAt(0, 0, kNow - 1000, referenceSpeed));
-        std::vector<LocalApEntry> entries{entryAt(1, 0, 0, -50), entryAt(2, 0, 100, -70)};
+        std::vector<Local::LocalApEntry> entries{entryAt(1, 0, 0, -50), entryAt(2, 0, 100, -70)};
         return estimate(entries, history, tracked).longitude;
     };
     const double midpoint = longitudeAt(0) + (longitudeAt(100) - longitudeAt(0)) / 2.0;
     const double unaveraged = longitudeAt(0) + (longitudeAt(100) - longitudeAt(0)) / 11.0;
     EXPECT_NEAR(run(0.0), midpoint, 1e-12);
     EXPECT_NEAR(run(16.09), midpoint, 1e-12);
-    EXPECT_NEAR(run(kRssAveragingSpeedLimit), unaveraged, 1e-12);
+    EXPECT_NEAR(run(Local::kRssAveragingSpeedLimit), unaveraged, 1e-12);
     EXPECT_NEAR(run(16.1), unaveraged, 1e-12);
 }
 
 TEST(EstimatePosition, WithNoApLeftTheNewestRecentHistoryPositionIsCopied) {
-    LocationHistory history;
-    LocationRecord old = recordAt(300, 400, kNow - 15000, 12.5, 45.0);
+    Local::LocationHistory history;
+    Core::LocationRecord old = recordAt(300, 400, kNow - 15000, 12.5, 45.0);
     old.hpe = 42.0;
     old.nap = 7;
     history.add(old);
-    LocationRecord failed;  // newer, but without a position
-    failed.time = SPI::TimeStamp::fromMilliseconds(kNow - 1000);
+    Core::LocationRecord failed;  // newer, but without a position
+    failed.time = Core::TimeStamp::fromMilliseconds(kNow - 1000);
     history.add(failed);
     for (bool farAps : {false, true}) {
-        std::vector<LocalApEntry> entries;
+        std::vector<Local::LocalApEntry> entries;
         if (farAps) {
             entries = {entryAt(1, 5000, 0), entryAt(2, 5000, 10)};  // all beyond the gate
         }
-        const LocationRecord raw = estimate(entries, history);
+        const Core::LocationRecord raw = estimate(entries, history);
         EXPECT_TRUE(entries.empty());
         EXPECT_EQ(raw.latitude, old.latitude);
         EXPECT_EQ(raw.longitude, old.longitude);
@@ -218,38 +218,38 @@ TEST(EstimatePosition, WithNoApLeftTheNewestRecentHistoryPositionIsCopied) {
 }
 
 TEST(EstimatePosition, WithNoApAndNoRecentHistoryThePositionStaysZero) {
-    LocationHistory history;
+    Local::LocationHistory history;
     history.add(recordAt(300, 400, kNow - 20000, 12.5, 45.0));
-    std::vector<LocalApEntry> entries;
-    const LocationRecord raw = estimate(entries, history);
+    std::vector<Local::LocalApEntry> entries;
+    const Core::LocationRecord raw = estimate(entries, history);
     EXPECT_EQ(raw.latitude, 0.0);
     EXPECT_EQ(raw.longitude, 0.0);
     EXPECT_EQ(raw.nap, 0);
     EXPECT_EQ(raw.speed, 0.0);
-    EXPECT_EQ(raw.time, SPI::TimeStamp::fromMilliseconds(kNow));
+    EXPECT_EQ(raw.time, Core::TimeStamp::fromMilliseconds(kNow));
 }
 
 TEST(EstimateHpe, FollowsTheCountAndTheSmallestStoredExponent) {
-    EXPECT_EQ(estimateHpe({}), 150.0);
+    EXPECT_EQ(Local::estimateHpe({}), 150.0);
     // One AP: (a + 5.810575246949448 - 4) x 15.101289134438305 + 31.73.
-    EXPECT_NEAR(estimateHpe({entryAt(1, 0, 0, -60, 50, 0.25)}), 69.0545630800857, 1e-9);
+    EXPECT_NEAR(Local::estimateHpe({entryAt(1, 0, 0, -60, 50, 0.25)}), 69.0545630800857, 1e-9);
     // The smallest exponent is taken as stored, below the clamp of the weights.
-    EXPECT_NEAR(estimateHpe({entryAt(1, 0, 0, -60, 50, 0.1)}), 62.46599170244925, 1e-9);
-    std::vector<LocalApEntry> four;
+    EXPECT_NEAR(Local::estimateHpe({entryAt(1, 0, 0, -60, 50, 0.1)}), 62.46599170244925, 1e-9);
+    std::vector<Local::LocalApEntry> four;
     for (int i = 0; i < 4; ++i) {
         four.push_back(entryAt(i, 0, i, -60, 50, 0.5));
     }
-    EXPECT_NEAR(estimateHpe(four), 75.47236280887124, 1e-9);
+    EXPECT_NEAR(Local::estimateHpe(four), 75.47236280887124, 1e-9);
     four[2].signalExponent = 0.25;  // a smaller exponent lowers it
-    EXPECT_LT(estimateHpe(four), 75.0);
+    EXPECT_LT(Local::estimateHpe(four), 75.0);
 }
 
 TEST(EstimateHpe, NeverFallsBelowOneMetre) {
-    std::vector<LocalApEntry> many;
+    std::vector<Local::LocalApEntry> many;
     for (int i = 0; i < 30; ++i) {
         many.push_back(entryAt(i, 0, i, -60, 50, 1.0 / 6.0));
     }
-    EXPECT_EQ(estimateHpe(many), 1.0);
+    EXPECT_EQ(Local::estimateHpe(many), 1.0);
 }
 
 }  // namespace

@@ -48,7 +48,7 @@ TEST_F(PosixFileTest, FailuresAreLoggedWithPathAndErrno) {
     Testing::LogCapture log(kCategory);
     std::string missing = path("missing");
     EXPECT_EQ(file_->open(missing, File::kRead), -1);
-    EXPECT_EQ(log.count(log4cpp::Priority::ERROR, missing + ": open failed (2)"), 1u);
+    EXPECT_EQ(log.count(SPI::LogPriority::kError, missing + ": open failed (2)"), 1u);
     EXPECT_EQ(file_->open(path("x"), 0), -1);  // neither read nor write access
     EXPECT_EQ(file_->size(), File::kSizeFailure);
     EXPECT_EQ(log.messages().size(), 3u);
@@ -83,7 +83,7 @@ TEST_F(PosixFileTest, MapsAnyRangeInsideTheFileAndOutlivesTheFile) {
     Testing::LogCapture log(kCategory);
     EXPECT_EQ(file_->map(bytes.size() - 10, 11), nullptr);  // would run past the end
     EXPECT_EQ(file_->map(0, 0), nullptr);
-    EXPECT_EQ(log.count(log4cpp::Priority::ERROR, name + ": mmap failed (22)"), 2u);
+    EXPECT_EQ(log.count(SPI::LogPriority::kError, name + ": mmap failed (22)"), 2u);
     file_.reset();
     EXPECT_EQ(whole->data()[bytes.size() - 1], bytes.back());  // still mapped
 }

@@ -29,13 +29,13 @@ class RemoteThroughProxy : public ::testing::Test {
         https_ = TestHttpServer::startHttps(*certificate_);
         ASSERT_NE(http_, nullptr);
         ASSERT_NE(https_, nullptr);
-        std::string answer = std::string("<RegistrationRS xmlns='") + kRequestNamespaceUri + "'/>";
+        std::string answer = std::string("<RegistrationRS xmlns='") + Remote::kRequestNamespaceUri + "'/>";
         http_->respond("/zel2/registration", ScriptedResponse{200, {}, answer});
         https_->respond("/zel2/registration", ScriptedResponse{200, {}, answer});
     }
 
     int registerThrough(const TestHttpServer& server, const char* user, const char* password) {
-        LocationDeterminationRemote remote;
+        Remote::LocationDeterminationRemote remote;
         remote.setServerUrl(server.url() + "/zel2");
         remote.setProxy("127.0.0.1", proxy_->port(), user, password);
         return remote.registerUser(kAlice, kAlice);
@@ -62,7 +62,7 @@ TEST_F(RemoteThroughProxy, CredentialsGetThroughToHttpAndHttps) {
     EXPECT_EQ(registerThrough(*https_, "proxyuser", "proxysecret"), 0) << proxy_->log();
     ASSERT_EQ(http_->requests().size(), 1u);
     ASSERT_EQ(https_->requests().size(), 1u);
-    EXPECT_EQ(http_->requests()[0].body, makeRegistrationRequest(kAlice, kAlice));
+    EXPECT_EQ(http_->requests()[0].body, Remote::makeRegistrationRequest(kAlice, kAlice));
     EXPECT_EQ(https_->requests()[0].header("User-Agent"), "ZEL API");
     // The proxy's credentials are for the proxy only.
     EXPECT_EQ(http_->requests()[0].headerCount("Proxy-Authorization"), 0u);

@@ -10,11 +10,11 @@ namespace {
 const ZEL_Authentication kAlice{"alice", "acme"};
 
 std::string withNamespace(const std::string& tag) {
-    return "<" + tag + " xmlns='" + kRequestNamespaceUri + "' version='2.3'";
+    return "<" + tag + " xmlns='" + Remote::kRequestNamespaceUri + "' version='2.3'";
 }
 
 TEST(LocationRequest, MatchesTheWireFormatByteForByte) {
-    ScannedAP first{};
+    Core::ScannedAP first{};
     first.mac = {0x56, 0x34, 0x12, 0xEF, 0xCD, 0xAB};
     first.rss = -71;
     std::string expected = "<?xml version='1.0'?>" + withNamespace("LocationRQ") +
@@ -26,16 +26,16 @@ TEST(LocationRequest, MatchesTheWireFormatByteForByte) {
                            "<access-point><mac>010000000000</mac><signal-strength>0"
                            "</signal-strength></access-point>"
                            "</LocationRQ>";
-    ScannedAP second{};
+    Core::ScannedAP second{};
     second.mac = {0, 0, 0, 0, 0, 1};
     second.rss = 0;
-    EXPECT_EQ(makeLocationRequest(kAlice, 2, {first, second}), expected);
+    EXPECT_EQ(Remote::makeLocationRequest(kAlice, 2, {first, second}), expected);
 }
 
 TEST(LocationRequest, KeepsListOrderAndSignalText) {
-    ApList aps = {Testing::ap("00:00:00:00:00:02", -100), Testing::ap("00:00:00:00:00:01", -5),
+    Core::ApList aps = {Testing::ap("00:00:00:00:00:02", -100), Testing::ap("00:00:00:00:00:01", -5),
                   Testing::ap("00:00:00:00:00:02", -32768)};
-    std::string request = makeLocationRequest(kAlice, 0, aps);
+    std::string request = Remote::makeLocationRequest(kAlice, 0, aps);
     size_t a = request.find("<mac>000000000002</mac><signal-strength>-100<");
     size_t b = request.find("<mac>000000000001</mac><signal-strength>-5<");
     size_t c = request.find("<mac>000000000002</mac><signal-strength>-32768<");
@@ -47,30 +47,30 @@ TEST(LocationRequest, KeepsListOrderAndSignalText) {
 }
 
 TEST(LocationRequest, EmptyListHasNoAccessPoint) {
-    std::string request = makeLocationRequest(kAlice, 1, {});
+    std::string request = Remote::makeLocationRequest(kAlice, 1, {});
     EXPECT_EQ(request.find("access-point"), std::string::npos);
     EXPECT_TRUE(request.ends_with("</authentication></LocationRQ>"));
     EXPECT_NE(request.find(" street-address-lookup='limited'>"), std::string::npos);
 }
 
 TEST(StreetAddressLookup, LevelsAndUnknownValues) {
-    EXPECT_EQ(makeStreetAddressLookup(0), " street-address-lookup='none'");
-    EXPECT_EQ(makeStreetAddressLookup(1), " street-address-lookup='limited'");
-    EXPECT_EQ(makeStreetAddressLookup(2), " street-address-lookup='full'");
+    EXPECT_EQ(Remote::makeStreetAddressLookup(0), " street-address-lookup='none'");
+    EXPECT_EQ(Remote::makeStreetAddressLookup(1), " street-address-lookup='limited'");
+    EXPECT_EQ(Remote::makeStreetAddressLookup(2), " street-address-lookup='full'");
     // Any other level is passed on as an empty value, not an error or a default.
     for (int level : {3, -1, 1000}) {
-        EXPECT_EQ(makeStreetAddressLookup(level), " street-address-lookup=''") << level;
+        EXPECT_EQ(Remote::makeStreetAddressLookup(level), " street-address-lookup=''") << level;
     }
-    EXPECT_NE(makeLocationRequest(kAlice, 3, {})
+    EXPECT_NE(Remote::makeLocationRequest(kAlice, 3, {})
                   .find(withNamespace("LocationRQ") + " street-address-lookup=''>"),
               std::string::npos);
-    EXPECT_NE(makeIPLocationRequest(kAlice, -1)
+    EXPECT_NE(Remote::makeIPLocationRequest(kAlice, -1)
                   .find(withNamespace("IPLocationRQ") + " street-address-lookup=''>"),
               std::string::npos);
 }
 
 TEST(IpLocationRequest, WholeDocument) {
-    EXPECT_EQ(makeIPLocationRequest(kAlice, 0),
+    EXPECT_EQ(Remote::makeIPLocationRequest(kAlice, 0),
               "<?xml version='1.0'?>" + withNamespace("IPLocationRQ") +
                   " street-address-lookup='none'><authentication version='2.0'><simple>"
                   "<username>alice</username><realm>acme</realm></simple></authentication>"
@@ -79,7 +79,7 @@ TEST(IpLocationRequest, WholeDocument) {
 
 TEST(RegistrationRequest, NewUserStandsBareWithoutLookup) {
     ZEL_Authentication bob{"bob", "example"};
-    EXPECT_EQ(makeRegistrationRequest(kAlice, bob),
+    EXPECT_EQ(Remote::makeRegistrationRequest(kAlice, bob),
               "<?xml version='1.0'?>" + withNamespace("RegistrationRQ") +
                   "><authentication version='2.0'><simple><username>alice</username>"
                   "<realm>acme</realm></simple></authentication><simple><username>bob"
@@ -88,13 +88,13 @@ TEST(RegistrationRequest, NewUserStandsBareWithoutLookup) {
 
 TEST(Authentication, CopiesStringsUnescapedAndEmpty) {
     ZEL_Authentication odd{"a<b&'c", ""};
-    EXPECT_EQ(makeAuthentication(odd),
+    EXPECT_EQ(Remote::makeAuthentication(odd),
               "<authentication version='2.0'><simple><username>a<b&'c</username><realm>"
               "</realm></simple></authentication>");
 }
 
 TEST(Namespace, IsAnHttpUriEndingInTheProtocolPath) {
-    std::string uri = kRequestNamespaceUri;
+    std::string uri = Remote::kRequestNamespaceUri;
     EXPECT_TRUE(uri.starts_with("http://"));
     EXPECT_TRUE(uri.ends_with("/zel/2005"));
 }

@@ -9,7 +9,7 @@ namespace {
 
 // An answer document in the request namespace around `body`.
 std::string answer(const std::string& body, const std::string& root = "LocationRS") {
-    return "<?xml version='1.0'?><" + root + " xmlns='" + kRequestNamespaceUri + "'>" + body +
+    return "<?xml version='1.0'?><" + root + " xmlns='" + Remote::kRequestNamespaceUri + "'>" + body +
            "</" + root + ">";
 }
 
@@ -27,15 +27,15 @@ const std::string kLocation =
     kFullAddress + "</location>";
 
 TEST(LocationResponse, ReadsEveryField) {
-    LocationRecord record;
-    ASSERT_EQ(parseLocationResponse(answer(kLocation), 2, record), 0);
+    Core::LocationRecord record;
+    ASSERT_EQ(Remote::parseLocationResponse(answer(kLocation), 2, record), 0);
     EXPECT_DOUBLE_EQ(record.latitude, 42.1015);
     EXPECT_DOUBLE_EQ(record.longitude, -72.5898);
     EXPECT_DOUBLE_EQ(record.hpe, 25.5);
     EXPECT_EQ(record.nap, 7);
     EXPECT_EQ(record.speed, -1.0);
     EXPECT_EQ(record.bearing, 0.0);
-    const StreetAddress& address = record.streetAddress;
+    const Core::StreetAddress& address = record.streetAddress;
     EXPECT_EQ(address.streetNumber, "12");
     EXPECT_EQ(address.addressLines,
               (std::vector<std::string>{"Line one", "Line two", "Line three"}));
@@ -51,19 +51,19 @@ TEST(LocationResponse, ReadsEveryField) {
 }
 
 TEST(LocationResponse, LevelZeroIgnoresTheAddress) {
-    LocationRecord record;
-    ASSERT_EQ(parseLocationResponse(answer(kLocation), 0, record), 0);
+    Core::LocationRecord record;
+    ASSERT_EQ(Remote::parseLocationResponse(answer(kLocation), 0, record), 0);
     EXPECT_TRUE(record.streetAddress.empty());
     // Any non-zero level reads it, even one the server was sent as an empty value.
-    LocationRecord odd;
-    ASSERT_EQ(parseLocationResponse(answer(kLocation), 7, odd), 0);
+    Core::LocationRecord odd;
+    ASSERT_EQ(Remote::parseLocationResponse(answer(kLocation), 7, odd), 0);
     EXPECT_EQ(odd.streetAddress.city, "Springfield");
 }
 
 TEST(LocationResponse, MissingValuesReadAsZeroAndEmpty) {
-    LocationRecord record;
+    Core::LocationRecord record;
     ASSERT_EQ(
-        parseLocationResponse(answer("<location><latitude>1.5</latitude></location>"), 2, record),
+        Remote::parseLocationResponse(answer("<location><latitude>1.5</latitude></location>"), 2, record),
         0);
     EXPECT_EQ(record.latitude, 1.5);
     EXPECT_EQ(record.longitude, 0.0);
@@ -74,8 +74,8 @@ TEST(LocationResponse, MissingValuesReadAsZeroAndEmpty) {
 }
 
 TEST(LocationResponse, NumbersFollowAtofAndAtoi) {
-    LocationRecord record;
-    ASSERT_EQ(parseLocationResponse(answer("<location nap='12abc'><latitude> 3.25xyz</latitude>"
+    Core::LocationRecord record;
+    ASSERT_EQ(Remote::parseLocationResponse(answer("<location nap='12abc'><latitude> 3.25xyz</latitude>"
                                            "<longitude>east</longitude><hpe>1e2</hpe></location>"),
                                     0, record),
               0);
@@ -85,19 +85,19 @@ TEST(LocationResponse, NumbersFollowAtofAndAtoi) {
     EXPECT_EQ(record.hpe, 100.0);
 
     // nap is kept as 16 bits: 65537 wraps to 1, -1 to 65535.
-    LocationRecord wrapped;
-    ASSERT_EQ(parseLocationResponse(answer("<location nap='65537'/>"), 0, wrapped), 0);
+    Core::LocationRecord wrapped;
+    ASSERT_EQ(Remote::parseLocationResponse(answer("<location nap='65537'/>"), 0, wrapped), 0);
     EXPECT_EQ(wrapped.nap, 1);
-    ASSERT_EQ(parseLocationResponse(answer("<location nap='-1'/>"), 0, wrapped), 0);
+    ASSERT_EQ(Remote::parseLocationResponse(answer("<location nap='-1'/>"), 0, wrapped), 0);
     EXPECT_EQ(wrapped.nap, 65535);
 }
 
 TEST(LocationResponse, CodesOfOtherLengthsAreEmptied) {
-    LocationRecord record;
+    Core::LocationRecord record;
     std::string location =
         "<location><street-address><state code='MAS'>Massachusetts</state>"
         "<country code='U'>United States</country></street-address></location>";
-    ASSERT_EQ(parseLocationResponse(answer(location), 1, record), 0);
+    ASSERT_EQ(Remote::parseLocationResponse(answer(location), 1, record), 0);
     EXPECT_EQ(record.streetAddress.state, "Massachusetts");
     EXPECT_EQ(record.streetAddress.stateCode, "");
     EXPECT_EQ(record.streetAddress.country, "United States");
@@ -105,7 +105,7 @@ TEST(LocationResponse, CodesOfOtherLengthsAreEmptied) {
 }
 
 TEST(LocationResponse, StructuralFailuresGiveSix) {
-    const std::string ns = kRequestNamespaceUri;
+    const std::string ns = Remote::kRequestNamespaceUri;
     const std::vector<std::string> failures = {
         "",
         "<LocationRS",
@@ -121,8 +121,8 @@ TEST(LocationResponse, StructuralFailuresGiveSix) {
         "<z:LocationRS xmlns:z='" + ns + "'><z:location nap='1'/></z:LocationRS>",
     };
     for (const std::string& text : failures) {
-        LocationRecord record;
-        EXPECT_EQ(parseLocationResponse(text, 2, record), ZEL_ERROR_LOCATION_CANNOT_BE_DETERMINED)
+        Core::LocationRecord record;
+        EXPECT_EQ(Remote::parseLocationResponse(text, 2, record), ZEL_ERROR_LOCATION_CANNOT_BE_DETERMINED)
             << text;
     }
 }
@@ -130,15 +130,15 @@ TEST(LocationResponse, StructuralFailuresGiveSix) {
 TEST(LocationResponse, EveryTruncationFailsWithoutHarm) {
     std::string full = answer(kLocation);
     for (size_t length = 0; length < full.size(); ++length) {
-        LocationRecord record;
-        int code = parseLocationResponse(full.substr(0, length), 2, record);
+        Core::LocationRecord record;
+        int code = Remote::parseLocationResponse(full.substr(0, length), 2, record);
         EXPECT_EQ(code, ZEL_ERROR_LOCATION_CANNOT_BE_DETERMINED) << length;
     }
 }
 
 TEST(LocationResponse, DocumentElementNameIsNotExamined) {
-    LocationRecord record;
-    EXPECT_EQ(parseLocationResponse(answer(kLocation, "Anything"), 0, record), 0);
+    Core::LocationRecord record;
+    EXPECT_EQ(Remote::parseLocationResponse(answer(kLocation, "Anything"), 0, record), 0);
     EXPECT_EQ(record.nap, 7);
 }
 
@@ -147,16 +147,16 @@ TEST(IpLocationResponse, ReadsIpPositionAndAddress) {
         "<ip-location><ip>192.0.2.7</ip><latitude>-33.9</latitude>"
         "<longitude>18.4</longitude>" +
         kFullAddress + "</ip-location>";
-    IpLocationRecord record;
-    ASSERT_EQ(parseIPLocationResponse(answer(body, "IPLocationRS"), 1, record), 0);
+    Core::IpLocationRecord record;
+    ASSERT_EQ(Remote::parseIPLocationResponse(answer(body, "IPLocationRS"), 1, record), 0);
     EXPECT_EQ(record.ip, "192.0.2.7");
     EXPECT_EQ(record.latitude, -33.9);
     EXPECT_EQ(record.longitude, 18.4);
     EXPECT_EQ(record.streetAddress.addressLines.size(), 3u);
     EXPECT_EQ(record.streetAddress.countryCode, "US");
 
-    IpLocationRecord bare;
-    ASSERT_EQ(parseIPLocationResponse(answer(body, "IPLocationRS"), 0, bare), 0);
+    Core::IpLocationRecord bare;
+    ASSERT_EQ(Remote::parseIPLocationResponse(answer(body, "IPLocationRS"), 0, bare), 0);
     EXPECT_TRUE(bare.streetAddress.empty());
     EXPECT_EQ(bare.ip, "192.0.2.7");
 }
@@ -164,46 +164,46 @@ TEST(IpLocationResponse, ReadsIpPositionAndAddress) {
 TEST(IpLocationResponse, FailuresGiveSix) {
     for (const std::string& text : {answer("<error/><ip-location/>"), answer(kLocation),
                                     std::string("<x/>"), std::string("garbage")}) {
-        IpLocationRecord record;
-        EXPECT_EQ(parseIPLocationResponse(text, 2, record), ZEL_ERROR_LOCATION_CANNOT_BE_DETERMINED)
+        Core::IpLocationRecord record;
+        EXPECT_EQ(Remote::parseIPLocationResponse(text, 2, record), ZEL_ERROR_LOCATION_CANNOT_BE_DETERMINED)
             << text;
     }
 }
 
 TEST(RegistrationResponse, ErrorElementOrBadDocumentGiveSix) {
-    EXPECT_EQ(parseRegistrationResponse(answer("", "RegistrationRS")), 0);
-    EXPECT_EQ(parseRegistrationResponse(answer("<ok/>", "RegistrationRS")), 0);
+    EXPECT_EQ(Remote::parseRegistrationResponse(answer("", "RegistrationRS")), 0);
+    EXPECT_EQ(Remote::parseRegistrationResponse(answer("<ok/>", "RegistrationRS")), 0);
     // An error outside the namespace is not an error element.
-    EXPECT_EQ(parseRegistrationResponse("<RegistrationRS><error/></RegistrationRS>"), 0);
-    EXPECT_EQ(parseRegistrationResponse(answer("<error>taken</error>", "RegistrationRS")),
+    EXPECT_EQ(Remote::parseRegistrationResponse("<RegistrationRS><error/></RegistrationRS>"), 0);
+    EXPECT_EQ(Remote::parseRegistrationResponse(answer("<error>taken</error>", "RegistrationRS")),
               ZEL_ERROR_LOCATION_CANNOT_BE_DETERMINED);
-    EXPECT_EQ(parseRegistrationResponse("<RegistrationRS>"),
+    EXPECT_EQ(Remote::parseRegistrationResponse("<RegistrationRS>"),
               ZEL_ERROR_LOCATION_CANNOT_BE_DETERMINED);
 }
 
-TEST(StreetAddress, MissingChildLeavesNameAndCodeAsTheyWere) {
+TEST(Core::StreetAddress, MissingChildLeavesNameAndCodeAsTheyWere) {
     auto parser = SPI::makeXmlParser();
     std::string text = answer("<state code='NY'>New York</state>", "street-address");
     auto document = parser->parse(text.data(), text.size());
     ASSERT_NE(document, nullptr);
     auto root = document->documentElement();
     std::string name = "kept", code = "KP";
-    childNameAndCode(*root, "country", name, code);
+    Remote::childNameAndCode(*root, "country", name, code);
     EXPECT_EQ(name, "kept");
     EXPECT_EQ(code, "KP");
-    childNameAndCode(*root, "state", name, code);
+    Remote::childNameAndCode(*root, "state", name, code);
     EXPECT_EQ(name, "New York");
     EXPECT_EQ(code, "NY");
 }
 
-TEST(StreetAddress, MissingElementLeavesTheAddressAsItWas) {
+TEST(Core::StreetAddress, MissingElementLeavesTheAddressAsItWas) {
     auto parser = SPI::makeXmlParser();
     std::string text = answer("<street-number>9</street-number>", "location");
     auto document = parser->parse(text.data(), text.size());
     ASSERT_NE(document, nullptr);
-    StreetAddress address;
+    Core::StreetAddress address;
     address.city = "Before";
-    readStreetAddress(*document->documentElement(), address);
+    Remote::readStreetAddress(*document->documentElement(), address);
     EXPECT_EQ(address.city, "Before");
     EXPECT_EQ(address.streetNumber, "");
 }

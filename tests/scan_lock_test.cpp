@@ -21,7 +21,7 @@ class ScanLockTest : public ::testing::Test {
         ("zel-scan-lock-" + std::to_string(getpid()) + "-" +
          ::testing::UnitTest::GetInstance()->current_test_info()->name());
     std::string path_ = (directory_ / "lock").string();
-    log4cpp::Category& log_ = getCategory(kCategory);
+    SPI::Logger& log_ = getCategory(kCategory);
 
     void SetUp() override { std::filesystem::create_directories(directory_); }
     void TearDown() override { std::filesystem::remove_all(directory_); }
@@ -34,15 +34,15 @@ TEST_F(ScanLockTest, TwoHoldersExcludeEachOtherUntilReleased) {
     EXPECT_EQ(first.tryAcquire(), ScanLock::Outcome::Acquired);
     EXPECT_EQ(second.tryAcquire(), ScanLock::Outcome::HeldElsewhere);
     EXPECT_EQ(first.tryAcquire(), ScanLock::Outcome::AlreadyHeld);
-    EXPECT_EQ(log.count(log4cpp::Priority::DEBUG, "mutex already acquired"), 1u);
+    EXPECT_EQ(log.count(SPI::LogPriority::kDebug, "mutex already acquired"), 1u);
     EXPECT_TRUE(log.contains("mutex " + path_ + " created"));
 
     first.release();
     EXPECT_FALSE(first.acquired());
-    EXPECT_EQ(log.count(log4cpp::Priority::DEBUG, "mutex released"), 1u);
+    EXPECT_EQ(log.count(SPI::LogPriority::kDebug, "mutex released"), 1u);
     EXPECT_EQ(second.tryAcquire(), ScanLock::Outcome::Acquired);
     first.release();  // not held: nothing happens
-    EXPECT_EQ(log.count(log4cpp::Priority::DEBUG, "mutex released"), 1u);
+    EXPECT_EQ(log.count(SPI::LogPriority::kDebug, "mutex released"), 1u);
 }
 
 TEST_F(ScanLockTest, DestroyingAHolderFreesTheLock) {
@@ -76,8 +76,8 @@ TEST_F(ScanLockTest, MissingDirectoryFailsWithoutThrowing) {
     ScanLock lock(missing, log_);
     EXPECT_EQ(lock.tryAcquire(), ScanLock::Outcome::Failed);
     EXPECT_FALSE(lock.acquired());
-    EXPECT_EQ(log.count(log4cpp::Priority::ERROR, "can't create mutex " + missing + ": 2"), 1u);
-    EXPECT_EQ(log.count(log4cpp::Priority::ERROR, "can't acquire mutex"), 1u);
+    EXPECT_EQ(log.count(SPI::LogPriority::kError, "can't create mutex " + missing + ": 2"), 1u);
+    EXPECT_EQ(log.count(SPI::LogPriority::kError, "can't acquire mutex"), 1u);
 }
 
 TEST(ScanLockPathTest, NamedAfterTheScanMutexInASharedDirectory) {

@@ -33,8 +33,8 @@ class ScanLoopTest : public ::testing::Test {
         ScanLoop loop(Testing::scriptedEnumerator(script_));
         size_t next = 0;
         return loop.run(period, periods,
-                        [&](const ScanLoopState& state, int code, const RecentApList& recent,
-                            const ApList& fresh, const ApList& cached) {
+                        [&](const ScanLoopState& state, int code, const Core::RecentApList& recent,
+                            const Core::ApList& fresh, const Core::ApList& cached) {
                             calls_.push_back({SPI::tickCount() - state.startTick, code,
                                               recent.size(), fresh.size(), cached.size()});
                             return next < answers.size() ? answers[next++] : 1;
@@ -88,7 +88,7 @@ TEST_F(ScanLoopTest, EmptyScansStillCallBack) {
 }
 
 TEST_F(ScanLoopTest, SplitsRecentlyHeardApsIntoCachedList) {
-    ScannedAP a = ap("000000000001", -60), b = ap("000000000002", -61), c = ap("000000000003", -62);
+    Core::ScannedAP a = ap("000000000001", -60), b = ap("000000000002", -61), c = ap("000000000003", -62);
     // Duplicates inside one scan are reported once.
     script_->scans = {{a, b, a}, {a, b, c}, {c}};
     EXPECT_EQ(run(1000, 0, {1, 1, 0}), ZEL_OK);
@@ -104,9 +104,9 @@ TEST_F(ScanLoopTest, SplitsRecentlyHeardApsIntoCachedList) {
 
 TEST_F(ScanLoopTest, NoAdapterIsAWifiError) {
     LogCapture log("ZEL_periodic_scan");
-    ScanLoop loop([] { return SPI::Wifi::AdapterList{}; });
+    ScanLoop loop([] { return SPI::AdapterList{}; });
     EXPECT_EQ(loop.run(500, 10, [](auto&&...) { return 1; }), ZEL_ERROR_WIFI);
-    EXPECT_EQ(log.count(log4cpp::Priority::ERROR, "couldn't find any Wi-Fi adapters"), 1u);
+    EXPECT_EQ(log.count(SPI::LogPriority::kError, "couldn't find any Wi-Fi adapters"), 1u);
 }
 
 TEST_F(ScanLoopTest, OpenFailureDestroysAdapterWithoutCallback) {
@@ -115,7 +115,7 @@ TEST_F(ScanLoopTest, OpenFailureDestroysAdapterWithoutCallback) {
     EXPECT_EQ(run(500, 10), ZEL_ERROR_WIFI);
     EXPECT_TRUE(calls_.empty());
     EXPECT_EQ(script_->calls, (std::vector<std::string>{"open", "destroy"}));
-    EXPECT_EQ(log.count(log4cpp::Priority::ERROR, "couldn't open Wi-Fi adapter"), 1u);
+    EXPECT_EQ(log.count(SPI::LogPriority::kError, "couldn't open Wi-Fi adapter"), 1u);
 }
 
 TEST_F(ScanLoopTest, StartFailureAskedCallbackStops) {
@@ -145,7 +145,7 @@ TEST_F(ScanLoopTest, GetFailureResetsAdapterAndSkipsCallback) {
     EXPECT_EQ(script_->calls,
               (std::vector<std::string>{"open", "start", "get", "start", "get", "close", "open",
                                         "start", "get", "close", "destroy"}));
-    EXPECT_EQ(log.count(log4cpp::Priority::ERROR, "couldn't get scanned AP list"), 1u);
+    EXPECT_EQ(log.count(SPI::LogPriority::kError, "couldn't get scanned AP list"), 1u);
     EXPECT_TRUE(log.contains("resetting Wi-Fi adapter"));
 }
 
@@ -162,7 +162,7 @@ TEST_F(ScanLoopTest, FailedReopenEndsLoopWithoutAsking) {
     LogCapture log("ZEL_periodic_scan");
     EXPECT_EQ(run(500, 0, {1, 1, 1}), ZEL_ERROR_WIFI);
     EXPECT_EQ(calls_.size(), 1u);
-    EXPECT_EQ(log.count(log4cpp::Priority::ERROR, "couldn't re-open Wi-Fi adapter"), 1u);
+    EXPECT_EQ(log.count(SPI::LogPriority::kError, "couldn't re-open Wi-Fi adapter"), 1u);
     EXPECT_EQ(script_->calls.back(), "destroy");
 }
 
@@ -172,7 +172,7 @@ TEST_F(ScanLoopTest, RestartFailureResetsAdapter) {
     EXPECT_EQ(run(500, 0, {1, 1, 0}), ZEL_OK);
     ASSERT_EQ(calls_.size(), 3u);
     EXPECT_EQ(calls_[1].code, ZEL_ERROR_WIFI);
-    EXPECT_EQ(log.count(log4cpp::Priority::ERROR, "couldn't restart scanning"), 1u);
+    EXPECT_EQ(log.count(SPI::LogPriority::kError, "couldn't restart scanning"), 1u);
     EXPECT_EQ(script_->calls, (std::vector<std::string>{"open", "start", "get", "start", "close",
                                                         "open", "get", "close", "destroy"}));
 }

@@ -9,32 +9,32 @@ namespace {
 
 std::string errorOf(std::string_view line) {
     std::string error;
-    EXPECT_FALSE(parseRecordedScan(line, error).has_value()) << line;
+    EXPECT_FALSE(Local::parseRecordedScan(line, error).has_value()) << line;
     return error;
 }
 
 TEST(ScanRecording, ReadsTimeMacRssAndSsidOfEachAp) {
     std::string error;
-    const auto scan = parseRecordedScan(
+    const auto scan = Local::parseRecordedScan(
         R"({"t_ms": 1750000000123, "aps": [{"mac": "AABBCCDDEEFF", "rss": -71, "ssid": "cafe"},)"
         R"( {"mac": "00:11:22:33:44:55", "rss": -90, "extra": true}], "device": "x"})",
         error);
     ASSERT_TRUE(scan.has_value()) << error;
     EXPECT_EQ(scan->timeMs, 1750000000123u);
     ASSERT_EQ(scan->aps.size(), 2u);
-    EXPECT_EQ(macText(scan->aps[0].mac), "AABBCCDDEEFF");
+    EXPECT_EQ(Core::macText(scan->aps[0].mac), "AABBCCDDEEFF");
     EXPECT_EQ(scan->aps[0].rss, -71);
     EXPECT_EQ(scan->aps[0].ssidText(), "cafe");
-    EXPECT_EQ(scan->aps[0].time, (SPI::TimeStamp{1750000000, 123}));
-    EXPECT_EQ(macText(scan->aps[1].mac), "001122334455");
+    EXPECT_EQ(scan->aps[0].time, (Core::TimeStamp{1750000000, 123}));
+    EXPECT_EQ(Core::macText(scan->aps[1].mac), "001122334455");
     EXPECT_EQ(scan->aps[1].ssidLength, 0);
 }
 
 TEST(ScanRecording, FormattedLinesReadBack) {
-    RecordedScan scan;
+    Local::RecordedScan scan;
     scan.timeMs = 4294967295999ull;  // the last representable millisecond
-    ScannedAP ap;
-    ap.mac = *parseMacText("0A0B0C0D0E0F");
+    Core::ScannedAP ap;
+    ap.mac = *Core::parseMacText("0A0B0C0D0E0F");
     ap.rss = -32768;
     ap.setSsid("quote \" and \\ here");
     scan.aps.push_back(ap);
@@ -42,7 +42,7 @@ TEST(ScanRecording, FormattedLinesReadBack) {
     ap.setSsid("");
     scan.aps.push_back(ap);
     std::string error;
-    const auto back = parseRecordedScan(formatRecordedScan(scan), error);
+    const auto back = Local::parseRecordedScan(Local::formatRecordedScan(scan), error);
     ASSERT_TRUE(back.has_value()) << error;
     EXPECT_EQ(back->timeMs, scan.timeMs);
     ASSERT_EQ(back->aps.size(), 2u);
@@ -51,7 +51,7 @@ TEST(ScanRecording, FormattedLinesReadBack) {
     EXPECT_EQ(back->aps[1].rss, 32767);
     EXPECT_EQ(back->aps[1].mac, ap.mac);
     // An empty scan is a scan.
-    EXPECT_TRUE(parseRecordedScan(R"({"t_ms":0,"aps":[]})", error).has_value());
+    EXPECT_TRUE(Local::parseRecordedScan(R"({"t_ms":0,"aps":[]})", error).has_value());
 }
 
 TEST(ScanRecording, RejectsMalformedLinesWithAReason) {
@@ -88,14 +88,14 @@ TEST(ScanRecording, RejectsALineWithOneBadApNamingIt) {
               "AP 2 has an \"ssid\" that is not a string");
 }
 
-TEST(ScanRecordingReader, NumbersLinesSkipsBlankOnesAndGoesOnAfterABadOne) {
+TEST(Local::ScanRecordingReader, NumbersLinesSkipsBlankOnesAndGoesOnAfterABadOne) {
     std::istringstream in(
         "{\"t_ms\":1,\"aps\":[]}\n"
         "\n"
         "   \r\n"
         "{\"t_ms\":oops}\n"
         "{\"t_ms\":3,\"aps\":[{\"mac\":\"AABBCCDDEEFF\",\"rss\":-50}]}");  // no final newline
-    ScanRecordingReader reader(in);
+    Local::ScanRecordingReader reader(in);
     auto first = reader.next();
     ASSERT_TRUE(first && first->scan);
     EXPECT_EQ(first->line, 1u);
@@ -112,7 +112,7 @@ TEST(ScanRecordingReader, NumbersLinesSkipsBlankOnesAndGoesOnAfterABadOne) {
 }
 
 TEST(ScanRecording, OverlongLinesAreRejectedUnparsed) {
-    std::string line(kMaxRecordingLineBytes + 1, ' ');
+    std::string line(Local::kMaxRecordingLineBytes + 1, ' ');
     EXPECT_EQ(errorOf(line), "line too long");
 }
 

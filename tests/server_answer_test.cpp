@@ -36,7 +36,7 @@ TEST(EscapeXml, MarkupInvalidCharactersAndBrokenUtf8) {
 }
 
 TEST(Answers, HostileTextStaysWellFormedAndReadsBack) {
-    API::StreetAddress address;
+    Core::StreetAddress address;
     address.streetNumber = "1 & 2";
     address.addressLines = {"</street-address>", "]]><x>", "\x01\xFF"};
     address.city = "O'Hare \"City\"";
@@ -44,7 +44,7 @@ TEST(Answers, HostileTextStaysWellFormedAndReadsBack) {
     address.stateCode = "I'";
     address.country = "USA";
     address.countryCode = "US";
-    API::LocationRecord location;
+    Core::LocationRecord location;
     location.latitude = 41.978611;
     location.longitude = -87.904722;
     location.hpe = 12.5;
@@ -52,8 +52,8 @@ TEST(Answers, HostileTextStaysWellFormedAndReadsBack) {
     const std::string document = locationAnswer(location, address);
     ASSERT_TRUE(wellFormed(document)) << document;
 
-    API::LocationRecord read;
-    ASSERT_EQ(API::parseLocationResponse(document, 2, read), 0);
+    Core::LocationRecord read;
+    ASSERT_EQ(Remote::parseLocationResponse(document, 2, read), 0);
     EXPECT_EQ(read.latitude, location.latitude);  // exact: shortest round-trip text
     EXPECT_EQ(read.longitude, location.longitude);
     EXPECT_EQ(read.hpe, 12.5);
@@ -69,15 +69,15 @@ TEST(Answers, HostileTextStaysWellFormedAndReadsBack) {
 TEST(Answers, ErrorsAndRegistrationReadAsTheClientExpects) {
     const std::string error = errorAnswer(Question::Location, "x<y", "can't & won't");
     ASSERT_TRUE(wellFormed(error)) << error;
-    API::LocationRecord record;
-    EXPECT_EQ(API::parseLocationResponse(error, 0, record), 6);
-    EXPECT_EQ(API::parseRegistrationResponse(errorAnswer(Question::Registration, "e", "m")), 6);
-    EXPECT_EQ(API::parseRegistrationResponse(registrationAnswer()), 0);
+    Core::LocationRecord record;
+    EXPECT_EQ(Remote::parseLocationResponse(error, 0, record), 6);
+    EXPECT_EQ(Remote::parseRegistrationResponse(errorAnswer(Question::Registration, "e", "m")), 6);
+    EXPECT_EQ(Remote::parseRegistrationResponse(registrationAnswer()), 0);
     EXPECT_TRUE(wellFormed(genericErrorAnswer("http-404", "<none>")));
 
-    API::IpLocationRecord ip;
+    Core::IpLocationRecord ip;
     const std::string answer = ipLocationAnswer("::1", -33.9, 151.2, {});
-    ASSERT_EQ(API::parseIPLocationResponse(answer, 2, ip), 0);
+    ASSERT_EQ(Remote::parseIPLocationResponse(answer, 2, ip), 0);
     EXPECT_EQ(ip.ip, "::1");
     EXPECT_EQ(ip.latitude, -33.9);
     EXPECT_TRUE(ip.streetAddress.empty());
@@ -161,7 +161,7 @@ TEST(StreetAddressPoints, NearestWithinTheRadius) {
 }
 
 TEST(StreetAddressPoints, LevelsReveal) {
-    API::StreetAddress full;
+    Core::StreetAddress full;
     full.streetNumber = "9";
     full.addressLines = {"Main"};
     full.postalCode = "1000";
@@ -171,7 +171,7 @@ TEST(StreetAddressPoints, LevelsReveal) {
     full.countryCode = "CC";
     EXPECT_TRUE(addressForLevel(full, 0).empty());
     EXPECT_TRUE(addressForLevel(full, 7).empty());
-    API::StreetAddress limited = addressForLevel(full, 1);
+    Core::StreetAddress limited = addressForLevel(full, 1);
     EXPECT_EQ(limited.city, "C");
     EXPECT_EQ(limited.region, "R");
     EXPECT_EQ(limited.countryCode, "CC");

@@ -1,4 +1,4 @@
-#include "local/sim/simulated_city.h"
+#include "sim/simulated_city.h"
 
 #include <gtest/gtest.h>
 
@@ -6,7 +6,7 @@
 #include <set>
 #include <sstream>
 
-#include "local/sim/simulated_walk.h"
+#include "sim/simulated_walk.h"
 
 namespace ZEL::Sim {
 namespace {
@@ -19,7 +19,7 @@ TEST(SimulatedCity, IsReproducibleDistinctAndInsideTheSquare) {
     EXPECT_EQ(again[1999].mac, city[1999].mac);
     EXPECT_EQ(again[1999].latitude, city[1999].latitude);
     EXPECT_NE(other[0].mac, city[0].mac);
-    std::set<MacAddress> macs;
+    std::set<Core::MacAddress> macs;
     for (const CityAp& ap : city) {
         macs.insert(ap.mac);
         // 500 m to the edge, plus the survey error of a poor AP and a little jitter.
@@ -93,7 +93,7 @@ TEST(SimulatedWalk, MovesAlongTheStreetsAtTheGivenSpeedAndHearsUnlistedAps) {
     ASSERT_TRUE(walk.error.empty()) << walk.error;
     ASSERT_EQ(walk.scans.size(), 180u);
     ASSERT_EQ(walk.truth.size(), 180u);
-    std::set<MacAddress> listed;
+    std::set<Core::MacAddress> listed;
     for (const CityAp& ap : city) {
         listed.insert(ap.mac);
     }
@@ -102,7 +102,7 @@ TEST(SimulatedWalk, MovesAlongTheStreetsAtTheGivenSpeedAndHearsUnlistedAps) {
     for (size_t i = 0; i < walk.scans.size(); ++i) {
         EXPECT_EQ(walk.scans[i].timeMs, options.startMs + i * 1000);
         EXPECT_EQ(walk.truth[i].timeMs, walk.scans[i].timeMs);
-        for (const ScannedAP& ap : walk.scans[i].aps) {
+        for (const Core::ScannedAP& ap : walk.scans[i].aps) {
             ++heard;
             unlisted += listed.count(ap.mac) == 0 ? 1 : 0;
             EXPECT_GE(ap.rss, -90);

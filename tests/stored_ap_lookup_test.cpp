@@ -10,18 +10,18 @@ namespace {
 using Testing::entryAt;
 using Testing::testMac;
 
-ScannedAP heard(int number, int16_t rss, uint64_t timeMs = 1'700'000'000'000ull) {
-    ScannedAP ap;
+Core::ScannedAP heard(int number, int16_t rss, uint64_t timeMs = 1'700'000'000'000ull) {
+    Core::ScannedAP ap;
     ap.mac = testMac(number);
     ap.rss = rss;
-    ap.time = SPI::TimeStamp::fromMilliseconds(timeMs);
+    ap.time = Core::TimeStamp::fromMilliseconds(timeMs);
     return ap;
 }
 
 TEST(UpdateTrackedAps, NewApsTakeTheirStoredValuesOrTheUnknownDefaults) {
-    std::vector<LocalApEntry> tracked;
-    const std::vector<LocalApEntry> entries{entryAt(1, 10, 20, -60, 40, 0.3)};
-    updateTrackedAps(tracked, entries, {heard(1, -61, 5000), heard(2, -75, 5000)});
+    std::vector<Local::LocalApEntry> tracked;
+    const std::vector<Local::LocalApEntry> entries{entryAt(1, 10, 20, -60, 40, 0.3)};
+    Local::updateTrackedAps(tracked, entries, {heard(1, -61, 5000), heard(2, -75, 5000)});
     ASSERT_EQ(tracked.size(), 2u);
     EXPECT_EQ(tracked[0].mac, testMac(1));
     EXPECT_EQ(tracked[0].latitude, entries[0].latitude);
@@ -29,7 +29,7 @@ TEST(UpdateTrackedAps, NewApsTakeTheirStoredValuesOrTheUnknownDefaults) {
     EXPECT_EQ(tracked[0].quality, 40u);
     EXPECT_EQ(tracked[0].signalExponent, 0.3);
     EXPECT_EQ(tracked[0].rss[0], -61);
-    EXPECT_EQ(tracked[0].time[0], SPI::TimeStamp::fromMilliseconds(5000));
+    EXPECT_EQ(tracked[0].time[0], Core::TimeStamp::fromMilliseconds(5000));
     // Not in the database: tracked all the same, at 0,0 with quality 50 and 0.25.
     EXPECT_EQ(tracked[1].mac, testMac(2));
     EXPECT_EQ(tracked[1].latitude, 0.0);
@@ -40,10 +40,10 @@ TEST(UpdateTrackedAps, NewApsTakeTheirStoredValuesOrTheUnknownDefaults) {
 }
 
 TEST(UpdateTrackedAps, EachCallShiftsTheHistoryBySlot) {
-    std::vector<LocalApEntry> tracked;
-    updateTrackedAps(tracked, {}, {heard(1, -50, 1000), heard(2, -60, 1000)});
-    updateTrackedAps(tracked, {}, {heard(1, -51, 2000)});
-    updateTrackedAps(tracked, {}, {heard(3, -70, 3000), heard(1, -52, 3000)});
+    std::vector<Local::LocalApEntry> tracked;
+    Local::updateTrackedAps(tracked, {}, {heard(1, -50, 1000), heard(2, -60, 1000)});
+    Local::updateTrackedAps(tracked, {}, {heard(1, -51, 2000)});
+    Local::updateTrackedAps(tracked, {}, {heard(3, -70, 3000), heard(1, -52, 3000)});
     ASSERT_EQ(tracked.size(), 3u);  // in order of first appearance
     EXPECT_EQ(tracked[0].mac, testMac(1));
     EXPECT_EQ(tracked[1].mac, testMac(2));
@@ -51,22 +51,22 @@ TEST(UpdateTrackedAps, EachCallShiftsTheHistoryBySlot) {
     EXPECT_EQ(tracked[0].rss[0], -52);
     EXPECT_EQ(tracked[0].rss[1], -51);
     EXPECT_EQ(tracked[0].rss[2], -50);
-    EXPECT_EQ(tracked[0].time[2], SPI::TimeStamp::fromMilliseconds(1000));
+    EXPECT_EQ(tracked[0].time[2], Core::TimeStamp::fromMilliseconds(1000));
     EXPECT_EQ(tracked[1].rss[0], 0);
-    EXPECT_EQ(tracked[1].time[0], SPI::TimeStamp{});
+    EXPECT_EQ(tracked[1].time[0], Core::TimeStamp{});
     EXPECT_EQ(tracked[1].rss[2], -60);
 }
 
 TEST(UpdateTrackedAps, AnApUnheardFor21CallsIsDropped) {
-    std::vector<LocalApEntry> tracked;
-    updateTrackedAps(tracked, {}, {heard(1, -50), heard(2, -60)});
+    std::vector<Local::LocalApEntry> tracked;
+    Local::updateTrackedAps(tracked, {}, {heard(1, -50), heard(2, -60)});
     for (int call = 1; call <= 20; ++call) {
         // AP 2 is heard again on the 20th call and keeps its history.
-        updateTrackedAps(tracked, {}, call == 20 ? ApList{heard(2, -61)} : ApList{});
+        Local::updateTrackedAps(tracked, {}, call == 20 ? Core::ApList{heard(2, -61)} : Core::ApList{});
     }
     ASSERT_EQ(tracked.size(), 2u);  // AP 1 sits in slot 20
     EXPECT_EQ(tracked[0].rss[20], -50);
-    updateTrackedAps(tracked, {}, {});
+    Local::updateTrackedAps(tracked, {}, {});
     ASSERT_EQ(tracked.size(), 1u);
     EXPECT_EQ(tracked[0].mac, testMac(2));
     EXPECT_EQ(tracked[0].rss[1], -61);
@@ -74,13 +74,13 @@ TEST(UpdateTrackedAps, AnApUnheardFor21CallsIsDropped) {
 }
 
 TEST(UpdateTrackedAps, RemovalGoesBySlotSumAndDuplicatesShareOneEntry) {
-    std::vector<LocalApEntry> tracked;
+    std::vector<Local::LocalApEntry> tracked;
     // Heard twice in one scan: one entry, the later record's RSS in slot 0.
-    updateTrackedAps(tracked, {}, {heard(1, -50), heard(1, -55)});
+    Local::updateTrackedAps(tracked, {}, {heard(1, -50), heard(1, -55)});
     ASSERT_EQ(tracked.size(), 1u);
     EXPECT_EQ(tracked[0].rss[0], -55);
     // A nonsense positive RSS that cancels an earlier one sums to 0: dropped.
-    updateTrackedAps(tracked, {}, {heard(1, 55)});
+    Local::updateTrackedAps(tracked, {}, {heard(1, 55)});
     EXPECT_TRUE(tracked.empty());
 }
 

@@ -12,7 +12,7 @@ namespace {
 
 TEST(BitReaderOrder, ReadsLeastSignificantBitFirstAcrossBytes) {
     const uint8_t bytes[] = {0b10110100, 0b00000011, 0x78, 0x56, 0x34, 0x12, 0xF0};
-    BitReader in(bytes, sizeof bytes);
+    Tiles::BitReader in(bytes, sizeof bytes);
     EXPECT_EQ(in.read(2), 0b00u);
     EXPECT_EQ(in.read(3), 0b101u);
     EXPECT_EQ(in.read(5), 0b11101u);  // three high bits of byte 0, two low bits of byte 1
@@ -37,14 +37,14 @@ TEST(BitReaderOrder, WideReadsAtEveryShiftMatchTheWriter) {
             if (width < 64) {
                 value &= (uint64_t{1} << width) - 1;
             }
-            BitWriter out;
+            Tiles::BitWriter out;
             out.write(0x55, shift);
             out.write(value, width);
             out.write(0x3, 2);
             std::vector<uint8_t> bytes = out.bytes();
             for (size_t tail = 0; tail < 2; ++tail) {  // with and without spare bytes after
                 bytes.resize(out.bytes().size() + tail * 16, 0);
-                BitReader in(bytes.data(), static_cast<uint32_t>(bytes.size()));
+                Tiles::BitReader in(bytes.data(), static_cast<uint32_t>(bytes.size()));
                 in.setPosition(shift);
                 EXPECT_EQ(in.read(width), value) << width << " bits at shift " << shift;
                 EXPECT_EQ(in.read(2), 3u);
@@ -55,7 +55,7 @@ TEST(BitReaderOrder, WideReadsAtEveryShiftMatchTheWriter) {
 
 TEST(BitReaderBounds, ReadPastTheEndYieldsZeroAndDoesNotMove) {
     const uint8_t bytes[] = {0xFF, 0xFF};
-    BitReader in(bytes, sizeof bytes);
+    Tiles::BitReader in(bytes, sizeof bytes);
     in.setPosition(10);
     EXPECT_EQ(in.read(7), 0u);
     EXPECT_EQ(in.position(), 10u);
@@ -70,7 +70,7 @@ TEST(BitReaderBounds, ReadPastTheEndYieldsZeroAndDoesNotMove) {
 
 TEST(BitReaderBounds, AlignRaisesToTheNextByteOnlyInsideTheStream) {
     const uint8_t bytes[] = {0, 0};
-    BitReader in(bytes, sizeof bytes);
+    Tiles::BitReader in(bytes, sizeof bytes);
     in.setPosition(3);
     in.align();
     EXPECT_EQ(in.position(), 8u);
@@ -84,18 +84,18 @@ TEST(BitReaderBounds, AlignRaisesToTheNextByteOnlyInsideTheStream) {
 // The smallest and largest value of every encoded length, and the byte patterns.
 TEST(Varint, EveryLengthRoundTripsAtItsEdgesWithExactBytes) {
     for (unsigned length = 1; length <= 7; ++length) {
-        uint64_t smallest = TileFormat::kVarintOffset[length];
+        uint64_t smallest = Tiles::TileFormat::kVarintOffset[length];
         uint64_t largest = smallest + (uint64_t{1} << (7 * length)) - 1;
         for (uint64_t value : {smallest, smallest + 1, largest}) {
-            BitWriter out;
+            Tiles::BitWriter out;
             out.write(1, 1);  // unaligned on purpose
             out.writeVarint(value);
-            EXPECT_EQ(BitWriter::varintLength(value), length);
+            EXPECT_EQ(Tiles::BitWriter::varintLength(value), length);
             EXPECT_EQ(out.bitCount(), 1 + 8 * length);
             std::vector<uint8_t> bytes = out.bytes();
             for (size_t spare : {0, 8}) {  // right at the end, and with a whole word to spare
                 bytes.resize(out.bytes().size() + spare, 0xFF);
-                BitReader in(bytes.data(), static_cast<uint32_t>(bytes.size()));
+                Tiles::BitReader in(bytes.data(), static_cast<uint32_t>(bytes.size()));
                 in.setPosition(1);
                 EXPECT_EQ(in.readVarint(), value) << "length " << length << " spare " << spare;
                 EXPECT_EQ(in.position(), 1 + 8 * length);
@@ -103,7 +103,7 @@ TEST(Varint, EveryLengthRoundTripsAtItsEdgesWithExactBytes) {
         }
     }
     auto encode = [](uint64_t value) {
-        BitWriter out;
+        Tiles::BitWriter out;
         out.writeVarint(value);
         return out.bytes();
     };
@@ -119,7 +119,7 @@ TEST(Varint, InvalidLeadBytesReadAsZeroConsumingOneByte) {
     for (uint8_t lead : {uint8_t{0xFE}, uint8_t{0xFF}}) {
         const uint8_t bytes[] = {lead, 1, 2, 3, 4, 5, 6, 7, 8};
         for (uint32_t size : {1u, 4u, 9u}) {
-            BitReader in(bytes, size);
+            Tiles::BitReader in(bytes, size);
             EXPECT_EQ(in.readVarint(), 0u);
             EXPECT_EQ(in.position(), 8u);
         }
@@ -128,21 +128,21 @@ TEST(Varint, InvalidLeadBytesReadAsZeroConsumingOneByte) {
 
 TEST(Varint, CutOffContinuationReadsAsZeroConsumingOnlyTheLead) {
     for (unsigned length = 2; length <= 7; ++length) {
-        BitWriter out;
-        out.writeVarint(TileFormat::kVarintOffset[length] + 5);
+        Tiles::BitWriter out;
+        out.writeVarint(Tiles::TileFormat::kVarintOffset[length] + 5);
         std::vector<uint8_t> bytes = out.bytes();
         for (size_t keep = 1; keep < bytes.size(); ++keep) {
-            BitReader in(bytes.data(), static_cast<uint32_t>(keep));
+            Tiles::BitReader in(bytes.data(), static_cast<uint32_t>(keep));
             EXPECT_EQ(in.readVarint(), 0u) << length << " bytes cut to " << keep;
             EXPECT_EQ(in.position(), 8u);
         }
         // Unaligned: 4 spare bits don't make a whole continuation byte.
-        BitWriter shifted;
+        Tiles::BitWriter shifted;
         shifted.write(0, 4);
-        shifted.writeVarint(TileFormat::kVarintOffset[length] + 5);
+        shifted.writeVarint(Tiles::TileFormat::kVarintOffset[length] + 5);
         std::vector<uint8_t> cut = shifted.bytes();
         cut.pop_back();
-        BitReader in(cut.data(), static_cast<uint32_t>(cut.size()));
+        Tiles::BitReader in(cut.data(), static_cast<uint32_t>(cut.size()));
         in.setPosition(4);
         EXPECT_EQ(in.readVarint(), 0u);
         EXPECT_EQ(in.position(), 12u);
@@ -151,7 +151,7 @@ TEST(Varint, CutOffContinuationReadsAsZeroConsumingOnlyTheLead) {
 
 // Expected digests computed independently (openssl's MD4) from the texts shown.
 TEST(TileKeys, RealmDigestIsMd4OfMagicAndRealm) {
-    auto hex = [](const TileFormat::Digest& digest) {
+    auto hex = [](const Tiles::TileFormat::Digest& digest) {
         std::string text;
         char pair[3];
         for (uint8_t byte : digest) {
@@ -160,28 +160,28 @@ TEST(TileKeys, RealmDigestIsMd4OfMagicAndRealm) {
         }
         return text;
     };
-    EXPECT_EQ(hex(TileFormat::realmDigest("")), "888f0c31b3584dcb4f9caa8351710606");  // "ZEL2"
-    EXPECT_EQ(hex(TileFormat::realmDigest("city")), "f2409970ca7c0b6442fc533fcf183bbb");
+    EXPECT_EQ(hex(Tiles::TileFormat::realmDigest("")), "888f0c31b3584dcb4f9caa8351710606");  // "ZEL2"
+    EXPECT_EQ(hex(Tiles::TileFormat::realmDigest("city")), "f2409970ca7c0b6442fc533fcf183bbb");
 }
 
 TEST(TileKeys, PlainKeyIsTheMacAndHashedKeyKeepsItsLastTwoOctets) {
-    MacAddress mac = *parseMacText("AA:BB:CC:DD:EE:FF");
-    EXPECT_EQ(TileFormat::plainKey(mac), 0xAABBCCDDEEFFu);
-    EXPECT_EQ(TileFormat::keyFor(mac, 123, -456, ""), 0xAABBCCDDEEFFu);
+    Core::MacAddress mac = *Core::parseMacText("AA:BB:CC:DD:EE:FF");
+    EXPECT_EQ(Tiles::TileFormat::plainKey(mac), 0xAABBCCDDEEFFu);
+    EXPECT_EQ(Tiles::TileFormat::keyFor(mac, 123, -456, ""), 0xAABBCCDDEEFFu);
     // MD4("AABBCCDD123-456city") = 4cf451ac...
-    EXPECT_EQ(TileFormat::hashedKey(mac, 123, -456, "city"), 0x4CF451ACEEFFu);
-    EXPECT_EQ(TileFormat::keyFor(mac, 123, -456, "city"), 0x4CF451ACEEFFu);
-    EXPECT_NE(TileFormat::hashedKey(mac, 124, -456, "city"), 0x4CF451ACEEFFu);
-    EXPECT_NE(TileFormat::hashedKey(mac, 123, 456, "city"), 0x4CF451ACEEFFu);
+    EXPECT_EQ(Tiles::TileFormat::hashedKey(mac, 123, -456, "city"), 0x4CF451ACEEFFu);
+    EXPECT_EQ(Tiles::TileFormat::keyFor(mac, 123, -456, "city"), 0x4CF451ACEEFFu);
+    EXPECT_NE(Tiles::TileFormat::hashedKey(mac, 124, -456, "city"), 0x4CF451ACEEFFu);
+    EXPECT_NE(Tiles::TileFormat::hashedKey(mac, 123, 456, "city"), 0x4CF451ACEEFFu);
 }
 
 TEST(TileFormatWidths, BaseWidthsFollowTheLogarithmRule) {
     for (unsigned precision = 1; precision <= 7; ++precision) {
-        EXPECT_EQ(TileFormat::latBaseBits(precision), precision + 19);
-        EXPECT_EQ(TileFormat::lonBaseBits(precision), precision + 20);
+        EXPECT_EQ(Tiles::TileFormat::latBaseBits(precision), precision + 19);
+        EXPECT_EQ(Tiles::TileFormat::lonBaseBits(precision), precision + 20);
     }
-    EXPECT_EQ(TileFormat::unitDegrees(1), 1.0 / 4096);
-    EXPECT_EQ(TileFormat::unitDegrees(7), 1.0 / 262144);
+    EXPECT_EQ(Tiles::TileFormat::unitDegrees(1), 1.0 / 4096);
+    EXPECT_EQ(Tiles::TileFormat::unitDegrees(7), 1.0 / 262144);
 }
 
 }  // namespace

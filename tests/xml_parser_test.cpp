@@ -95,7 +95,7 @@ TEST(XmlParser, MalformedInputYieldsNullAndLogs) {
           std::string("<?xml version='1.0' encoding='no-such-encoding'?><a/>")}) {
         EXPECT_EQ(parse(text), nullptr) << text;
     }
-    EXPECT_EQ(log.count(log4cpp::Priority::ERROR, "failed to load xml"), 8u);
+    EXPECT_EQ(log.count(SPI::LogPriority::kError, "failed to load xml"), 8u);
 }
 
 int applicationMessages = 0;

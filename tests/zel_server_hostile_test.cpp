@@ -16,7 +16,7 @@ namespace {
 
 using Testing::TestLocationServer;
 
-const std::string kNamespace = API::kRequestNamespaceUri;
+const std::string kNamespace = Remote::kRequestNamespaceUri;
 const std::string kAuthentication =
     "<authentication version='2.0'><simple><username>alice</username><realm>acme</realm>"
     "</simple></authentication>";
@@ -42,7 +42,7 @@ std::string errorCode(const std::string& body) {
     }
     auto root = document->documentElement();
     EXPECT_EQ(root->namespaceURI(), kNamespace);
-    auto error = API::findChild(*root, "error");
+    auto error = Remote::findChild(*root, "error");
     return error ? error->getAttribute("", "code") : "";
 }
 
@@ -175,8 +175,8 @@ TEST(ForwardedFor, TrustedOnlyWhenConfigured) {
         httplib::Client client("127.0.0.1", server->port());
         auto result = client.Post("/zel2/ip-location", forwarded, request, "text/xml");
         ASSERT_TRUE(result);
-        API::IpLocationRecord record;
-        ASSERT_EQ(API::parseIPLocationResponse(result->body, 1, record), 0) << result->body;
+        Core::IpLocationRecord record;
+        ASSERT_EQ(Remote::parseIPLocationResponse(result->body, 1, record), 0) << result->body;
         EXPECT_EQ(record.ip, trusted ? "10.1.2.3" : "127.0.0.1");
         EXPECT_EQ(record.latitude, trusted ? Testing::kTenNetLatitude : Testing::kLoopbackLatitude);
         EXPECT_EQ(record.streetAddress.city, trusted ? "Ten Town" : "Loopback City");

@@ -117,12 +117,12 @@ TEST(ServerProgram, ServesUntilTerminated) {
         started.substr(at + marker.size(), started.find('\n', at) - at - marker.size());
     EXPECT_EQ(url.rfind("http://127.0.0.1:", 0), 0u) << url;
 
-    API::LocationDeterminationRemote remote;
+    Remote::LocationDeterminationRemote remote;
     remote.setServerUrl(url);
-    ScannedAP ap;
+    Core::ScannedAP ap;
     ap.mac = Testing::testMac(1);
     ap.rss = -60;
-    API::LocationRecord record;
+    Core::LocationRecord record;
     EXPECT_EQ(remote.location({"alice", Testing::kServerRealm}, 0, {ap}, record), ZEL_OK);
     EXPECT_EQ(record.nap, 1);
     // The access log goes to standard output.

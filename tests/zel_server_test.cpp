@@ -21,16 +21,16 @@ using Testing::testMac;
 
 const ZEL_Authentication kAlice{kRegisteredUser, kServerRealm};
 
-ScannedAP heard(int number, int16_t rss) {
-    ScannedAP ap;
+Core::ScannedAP heard(int number, int16_t rss) {
+    Core::ScannedAP ap;
     ap.mac = testMac(number);
     ap.rss = rss;
     return ap;
 }
 
 // Eight APs of the first cluster at varied strengths, and one the database lacks.
-ApList clusterScan() {
-    ApList aps;
+Core::ApList clusterScan() {
+    Core::ApList aps;
     for (int i = 1; i <= 8; ++i) {
         aps.push_back(heard(i, static_cast<int16_t>(-50 - 5 * i)));
     }
@@ -38,7 +38,7 @@ ApList clusterScan() {
     return aps;
 }
 
-ApList farClusterScan() {
+Core::ApList farClusterScan() {
     return {heard(21, -60), heard(22, -70), heard(23, -65)};
 }
 
@@ -67,9 +67,9 @@ class ServerExchange : public ::testing::TestWithParam<bool> {
         }
     }
 
-    API::LocationRecord locate(const ApList& aps, int level, int expected = ZEL_OK,
+    Core::LocationRecord locate(const Core::ApList& aps, int level, int expected = ZEL_OK,
                                const ZEL_Authentication& user = kAlice) {
-        API::LocationRecord record;
+        Core::LocationRecord record;
         EXPECT_EQ(remote_.location(user, level, aps, record), expected);
         return record;
     }
@@ -81,27 +81,27 @@ class ServerExchange : public ::testing::TestWithParam<bool> {
 
     std::unique_ptr<Testing::TestCertificate> certificate_;
     std::unique_ptr<TestLocationServer> server_;
-    API::LocationDeterminationRemote remote_;
+    Remote::LocationDeterminationRemote remote_;
     std::mutex mutex_;
     std::vector<std::string> accessLog_;
 };
 
 TEST_P(ServerExchange, LocationMatchesTheOnDeviceEstimate) {
-    const API::LocationRecord answer = locate(clusterScan(), ZEL_NO_STREET_ADDRESS_LOOKUP);
+    const Core::LocationRecord answer = locate(clusterScan(), ZEL_NO_STREET_ADDRESS_LOOKUP);
     EXPECT_EQ(answer.nap, 8);  // the unknown AP is not counted
     EXPECT_EQ(answer.speed, -1.0);
     EXPECT_TRUE(answer.streetAddress.empty());
 
     // The library's own first determination from the same file, with no history,
     // must give exactly the same figures.
-    API::resetLocationHistoriesForTesting();
-    API::LocationDeterminationPrivate device;
+    Local::resetLocationHistoriesForTesting();
+    Local::LocationDeterminationPrivate device;
     const char* paths[] = {TestLocationServer::tilePath().c_str(), nullptr};
     device.setLocalFilesPath(paths);
     device.prepare(kAlice);
-    API::LocationRecord expected;
+    Core::LocationRecord expected;
     ASSERT_EQ(device.determine(nullptr, clusterScan(), expected), ZEL_OK);
-    API::resetLocationHistoriesForTesting();
+    Local::resetLocationHistoriesForTesting();
     EXPECT_EQ(answer.latitude, expected.latitude);
     EXPECT_EQ(answer.longitude, expected.longitude);
     EXPECT_EQ(answer.hpe, expected.hpe);
@@ -109,7 +109,7 @@ TEST_P(ServerExchange, LocationMatchesTheOnDeviceEstimate) {
     EXPECT_NEAR(answer.latitude, Testing::kBaseLatitude, 0.001);
 
     // Stateless: asking again gives the same answer, not a smoothed one.
-    const API::LocationRecord again = locate(clusterScan(), ZEL_NO_STREET_ADDRESS_LOOKUP);
+    const Core::LocationRecord again = locate(clusterScan(), ZEL_NO_STREET_ADDRESS_LOOKUP);
     EXPECT_EQ(again.latitude, answer.latitude);
     EXPECT_EQ(again.longitude, answer.longitude);
 }
@@ -123,7 +123,7 @@ TEST_P(ServerExchange, UnknownAccessPointsCannotBeLocated) {
 TEST_P(ServerExchange, StreetAddressAtEachLevel) {
     EXPECT_TRUE(locate(clusterScan(), ZEL_NO_STREET_ADDRESS_LOOKUP).streetAddress.empty());
 
-    const API::StreetAddress limited =
+    const Core::StreetAddress limited =
         locate(clusterScan(), ZEL_LIMITED_STREET_ADDRESS_LOOKUP).streetAddress;
     EXPECT_EQ(limited.city, "Bern");
     EXPECT_EQ(limited.county, "Bern-Mittelland");
@@ -136,7 +136,7 @@ TEST_P(ServerExchange, StreetAddressAtEachLevel) {
     EXPECT_EQ(limited.postalCode, "");
     EXPECT_TRUE(limited.addressLines.empty());
 
-    const API::StreetAddress full =
+    const Core::StreetAddress full =
         locate(clusterScan(), ZEL_FULL_STREET_ADDRESS_LOOKUP).streetAddress;
     EXPECT_EQ(full.streetNumber, "12a");
     EXPECT_EQ(full.postalCode, "3011");
@@ -145,13 +145,13 @@ TEST_P(ServerExchange, StreetAddressAtEachLevel) {
     EXPECT_EQ(full.city, "Bern");
 
     // Nothing lies within the radius of the far cluster.
-    const API::LocationRecord far = locate(farClusterScan(), ZEL_FULL_STREET_ADDRESS_LOOKUP);
+    const Core::LocationRecord far = locate(farClusterScan(), ZEL_FULL_STREET_ADDRESS_LOOKUP);
     EXPECT_GT(far.latitude, Testing::kBaseLatitude + 0.02);
     EXPECT_TRUE(far.streetAddress.empty());
 }
 
 TEST_P(ServerExchange, IpLocationFromTheClientAddress) {
-    API::IpLocationRecord record;
+    Core::IpLocationRecord record;
     ASSERT_EQ(remote_.ipLocation(kAlice, ZEL_FULL_STREET_ADDRESS_LOOKUP, record), ZEL_OK);
     EXPECT_EQ(record.ip, "127.0.0.1");
     EXPECT_EQ(record.latitude, Testing::kLoopbackLatitude);
@@ -159,7 +159,7 @@ TEST_P(ServerExchange, IpLocationFromTheClientAddress) {
     EXPECT_EQ(record.streetAddress.city, "Loopback City");
     EXPECT_EQ(record.streetAddress.streetNumber, "7");
 
-    API::IpLocationRecord limited;
+    Core::IpLocationRecord limited;
     ASSERT_EQ(remote_.ipLocation(kAlice, ZEL_LIMITED_STREET_ADDRESS_LOOKUP, limited), ZEL_OK);
     EXPECT_EQ(limited.streetAddress.countryCode, "NW");
     EXPECT_EQ(limited.streetAddress.streetNumber, "");
@@ -178,7 +178,7 @@ TEST_P(ServerExchange, RegistrationAndAuthentication) {
     // Only registered users may register others, and realms must match.
     EXPECT_EQ(remote_.registerUser(carol, {"erin", kServerRealm}), ZEL_ERROR_UNAUTHORIZED);
     locate(clusterScan(), 0, ZEL_ERROR_UNAUTHORIZED, {kRegisteredUser, "other"});
-    API::IpLocationRecord record;
+    Core::IpLocationRecord record;
     EXPECT_EQ(remote_.ipLocation(carol, 0, record), ZEL_ERROR_UNAUTHORIZED);
     EXPECT_EQ(server_->service().users().count(kServerRealm), 2u);
 }
@@ -210,9 +210,9 @@ TEST(OpenServer, AcceptsAnyone) {
     config.open = true;
     auto server = TestLocationServer::start(config);
     ASSERT_NE(server, nullptr);
-    API::LocationDeterminationRemote remote;
+    Remote::LocationDeterminationRemote remote;
     remote.setServerUrl(server->serviceUrl());
-    API::LocationRecord record;
+    Core::LocationRecord record;
     EXPECT_EQ(remote.location({"anyone", "anywhere"}, 0, clusterScan(), record), ZEL_OK);
     EXPECT_EQ(record.nap, 8);
     EXPECT_EQ(remote.registerUser({"anyone", "x"}, {"zoe", kServerRealm}), ZEL_OK);
@@ -221,10 +221,10 @@ TEST(OpenServer, AcceptsAnyone) {
 TEST(StoppedServer, ClientSeesACommunicationFailure) {
     auto server = TestLocationServer::start();
     ASSERT_NE(server, nullptr);
-    API::LocationDeterminationRemote remote;
+    Remote::LocationDeterminationRemote remote;
     remote.setServerUrl(server->serviceUrl());
     server->stop();
-    API::LocationRecord record;
+    Core::LocationRecord record;
     EXPECT_EQ(remote.location(kAlice, 0, clusterScan(), record), ZEL_ERROR_SERVER_UNAVAILABLE);
 }
 

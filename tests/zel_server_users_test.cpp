@@ -51,7 +51,7 @@ TEST_F(SharedUserDatabase, ConcurrentRegistrationsCreateEachUserOnce) {
     std::vector<std::thread> threads;
     for (int t = 0; t < kThreads; ++t) {
         threads.emplace_back([&, t] {
-            API::LocationDeterminationRemote remote;
+            Remote::LocationDeterminationRemote remote;
             for (int n = 0; n < kNames; ++n) {
                 const int name = (n + t * 5) % kNames;
                 remote.setServerUrl(((n + t) % 2 ? first : second)->serviceUrl());

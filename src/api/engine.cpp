@@ -1,19 +1,22 @@
 #include "api/engine.h"
 
 #include "api/one_shot_location.h"
-#include "spi/log.h"
+#include "api/scan_loop.h"
 
 namespace ZEL::API {
 namespace {
+
+using Core::ResultCode;
 
 // Scan timing of a one-shot location: 10 periods of 500 ms, about 5 s in all.
 constexpr uint32_t kOneShotPeriodMs = 500;
 constexpr uint32_t kOneShotPeriods = 10;
 
-// Releases the local determination's readers on every way out of a call.
+// Prepares the local determination for a call and releases its readers on every
+// way out of it.
 class Preparation {
   public:
-    Preparation() = default;
+    explicit Preparation(std::string_view realm) { localDetermination().prepare(realm); }
     ~Preparation() { localDetermination().release(); }
     Preparation(const Preparation&) = delete;
     Preparation& operator=(const Preparation&) = delete;
@@ -28,13 +31,13 @@ std::mutex& apiLock() {
 
 // The process-wide objects are deliberately never destroyed: a call from another
 // library's destructor at exit must still find them.
-LocationDeterminationRemote& remoteDetermination() {
-    static auto* instance = new LocationDeterminationRemote();
+Remote::LocationDeterminationRemote& remoteDetermination() {
+    static auto* instance = new Remote::LocationDeterminationRemote();
     return *instance;
 }
 
-LocationDeterminationPrivate& localDetermination() {
-    static auto* instance = new LocationDeterminationPrivate();
+Local::LocationDeterminationPrivate& localDetermination() {
+    static auto* instance = new Local::LocationDeterminationPrivate();
     return *instance;
 }
 
@@ -48,67 +51,36 @@ LocationSmoother& locationSmoother() {
     return *instance;
 }
 
-int locate(const ZEL_Authentication& auth, int streetAddressLookup, ZEL_Location** out) {
-    LocationDeterminationPrivate& local = localDetermination();
-    if (int prepared = local.prepare(auth); prepared != ZEL_OK) {
-        return prepared;
-    }
-    Preparation preparation;
+ResultCode locate(Core::Credentials credentials, int streetAddressLookup,
+                  std::optional<Core::LocationRecord>& out) {
+    Preparation preparation(credentials.realm);
     OneShotLocationState state(
-        streetAddressLookup, local,
-        [&](const ApList& aps, LocationRecord& found) {
-            return remoteDetermination().location(auth, streetAddressLookup, aps, found);
+        streetAddressLookup, localDetermination(),
+        [&](const Core::ApList& aps, Core::LocationRecord& found) {
+            return remoteDetermination().location(credentials, streetAddressLookup, aps, found);
         },
         locationCache());
-    int result = ScanLoop().run(kOneShotPeriodMs, kOneShotPeriods, state.callback());
-    if (result != ZEL_OK) {
+    ResultCode result = ScanLoop::run(kOneShotPeriodMs, kOneShotPeriods, state.callback());
+    if (result != ResultCode::kOk) {
         return result;
     }
     if (!state.heard().empty()) {
         locationCache().store(state.heard().aps(), state.location());
     }
-    ZEL_Location* record = makeCallerLocation(state.location());
-    if (record == nullptr) {
-        ZEL_LOG_ERROR(SPI::getCategory("ZEL_location"), "out of memory for the caller's location");
-        return ZEL_ERROR_NOT_READY;
-    }
-    if (out != nullptr) {
-        *out = record;
-    } else {
-        freeCallerLocation(record);
-    }
+    out = state.location();
     return state.result();
 }
 
-int locatePeriodically(const ZEL_Authentication& auth, uint32_t periodMs, uint32_t periods,
-                       ZEL_LocationCallback callback, void* argument) {
-    LocationDeterminationPrivate& local = localDetermination();
-    if (int prepared = local.prepare(auth); prepared != ZEL_OK) {
-        return prepared;
-    }
-    Preparation preparation;
-    PeriodicLocationState state(periodMs, callback, argument, local, locationSmoother());
-    return ScanLoop().run(state.periodMs(), periods, state.callback());
+ResultCode locatePeriodically(Core::Credentials credentials, uint32_t periodMs, uint32_t periods,
+                              const LocationCallback& callback) {
+    Preparation preparation(credentials.realm);
+    PeriodicLocationState state(periodMs, callback, localDetermination(), locationSmoother());
+    return ScanLoop::run(state.periodMs(), periods, state.callback());
 }
 
-int locateByIp(const ZEL_Authentication& auth, int streetAddressLookup, ZEL_IPLocation** out) {
-    IpLocationRecord found;
-    int result = remoteDetermination().ipLocation(auth, streetAddressLookup, found);
-    if (result != ZEL_OK) {
-        return result;
-    }
-    ZEL_IPLocation* record = makeCallerIpLocation(found);
-    if (record == nullptr) {
-        ZEL_LOG_ERROR(SPI::getCategory("ZEL_location"),
-                      "out of memory for the caller's ip-location");
-        return ZEL_ERROR_NOT_READY;
-    }
-    if (out != nullptr) {
-        *out = record;
-    } else {
-        freeCallerIpLocation(record);
-    }
-    return result;
+ResultCode locateByIp(Core::Credentials credentials, int streetAddressLookup,
+                      Core::IpLocationRecord& out) {
+    return remoteDetermination().ipLocation(credentials, streetAddressLookup, out);
 }
 
 }  // namespace ZEL::API

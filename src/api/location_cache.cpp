@@ -2,9 +2,11 @@
 
 #include <algorithm>
 
+#include "spi/platform.h"
+
 namespace ZEL::API {
 
-bool LocationCache::matches(const ApList& query, const ApList& entry) {
+bool LocationCache::matches(const Core::ApList& query, const Core::ApList& entry) {
     const int64_t x = static_cast<int64_t>(query.size());
     const int64_t y = static_cast<int64_t>(entry.size());
     const int64_t tolerance = x >= 4 ? (x + 4) / 5 : 0;  // ceil(x * 0.2)
@@ -13,8 +15,8 @@ bool LocationCache::matches(const ApList& query, const ApList& entry) {
     }
     // Every pair of equal MACs lowers the difference count by two.
     int64_t difference = x + y;
-    for (const ScannedAP& a : query) {
-        for (const ScannedAP& b : entry) {
+    for (const Core::ScannedAP& a : query) {
+        for (const Core::ScannedAP& b : entry) {
             if (a.mac == b.mac) {
                 difference -= 2;
             }
@@ -23,12 +25,12 @@ bool LocationCache::matches(const ApList& query, const ApList& entry) {
     return difference <= tolerance;
 }
 
-std::deque<LocationCache::Entry>::const_iterator LocationCache::findMatch(const ApList& aps) const {
+std::deque<LocationCache::Entry>::const_iterator LocationCache::findMatch(const Core::ApList& aps) const {
     return std::find_if(entries_.begin(), entries_.end(),
                         [&](const Entry& entry) { return matches(aps, entry.aps); });
 }
 
-bool LocationCache::find(const ApList& aps, LocationRecord& out) const {
+bool LocationCache::find(const Core::ApList& aps, Core::LocationRecord& out) const {
     auto match = findMatch(aps);
     if (match == entries_.end()) {
         return false;
@@ -37,7 +39,7 @@ bool LocationCache::find(const ApList& aps, LocationRecord& out) const {
     return true;
 }
 
-void LocationCache::store(const ApList& aps, const LocationRecord& location) {
+void LocationCache::store(const Core::ApList& aps, const Core::LocationRecord& location) {
     Entry entry{aps, location, SPI::currentTime()};
     auto match = findMatch(aps);
     if (match != entries_.end()) {

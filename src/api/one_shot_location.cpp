@@ -1,28 +1,32 @@
 #include "api/one_shot_location.h"
 
+#include "spi/platform.h"
+
 namespace ZEL::API {
 
-OneShotLocationState::OneShotLocationState(int streetAddressLookup, LocationDetermination& local,
+using Core::ResultCode;
+
+OneShotLocationState::OneShotLocationState(int streetAddressLookup, Core::LocationDetermination& local,
                                            RemoteLocator remote, const LocationCache& cache)
-    : log_(SPI::getCategory("ZEL_location")),
+    : log_(SPI::getLogger("ZEL_location")),
       streetAddressLookup_(streetAddressLookup),
       local_(local),
       remote_(std::move(remote)),
       cache_(cache) {}
 
-int OneShotLocationState::onScan(const ScanLoopState& loop, int code, const ApList& fresh) {
-    if (code != ZEL_OK) {
+int OneShotLocationState::onScan(const ScanLoopState& loop, ResultCode code, const Core::ApList& fresh) {
+    if (code != ResultCode::kOk) {
         result_ = code;
         return 0;
     }
     const uint16_t nap = location_.nap;
     const uint32_t elapsed = SPI::tickCount() - loop.startTick;
-    heard_.merge(fresh);
+    heard_.merge(fresh, SPI::currentTime());
     const size_t count = heard_.size();
     ZEL_LOG_DEBUG(log_, "scanned %d APs so far (%d)", static_cast<int>(count),
                   static_cast<int>(elapsed));
     if (count == 0) {
-        result_ = ZEL_ERROR_NO_WIFI_IN_RANGE;
+        result_ = ResultCode::kNoWifiInRange;
         return 1;
     }
     const size_t newSinceLocation = count - countAtLocation_;
@@ -30,7 +34,7 @@ int OneShotLocationState::onScan(const ScanLoopState& loop, int code, const ApLi
 
     // The device's own estimate, at most once a second, and only when no street
     // address is wanted (only the server knows addresses).
-    if (streetAddressLookup_ == ZEL_NO_STREET_ADDRESS_LOOKUP && elapsed % 1000 <= 100) {
+    if (streetAddressLookup_ == Core::kNoStreetAddress && elapsed % 1000 <= 100) {
         if (std::optional<int> answer = tryLocal(count)) {
             return *answer;
         }
@@ -47,9 +51,9 @@ int OneShotLocationState::onScan(const ScanLoopState& loop, int code, const ApLi
 }
 
 std::optional<int> OneShotLocationState::tryLocal(size_t count) {
-    LocationRecord previous = location_;
-    LocationRecord found;
-    if (local_.determine(&previous, heard_.aps(), found) != ZEL_OK) {
+    Core::LocationRecord previous = location_;
+    Core::LocationRecord found;
+    if (local_.determine(&previous, heard_.aps(), found) != ResultCode::kOk) {
         return std::nullopt;  // silent: the cache or the server may still answer
     }
     ZEL_LOG_DEBUG(log_, "location request succeeded locally: %f, %f +/-%.1fm %d", found.latitude,
@@ -60,7 +64,7 @@ std::optional<int> OneShotLocationState::tryLocal(size_t count) {
 int OneShotLocationState::tryCache(uint32_t elapsed, size_t count) {
     ZEL_LOG_DEBUG(log_, "about to look for location in cache (elapsed time: %d)",
                   static_cast<int>(elapsed));
-    LocationRecord cached;
+    Core::LocationRecord cached;
     if (!cache_.find(heard_.aps(), cached)) {
         return 1;
     }
@@ -72,31 +76,31 @@ int OneShotLocationState::tryCache(uint32_t elapsed, size_t count) {
         return 1;
     }
     ZEL_LOG_DEBUG(log_, "found location in cache with nap = %d", cached.nap);
-    result_ = ZEL_OK;
+    result_ = ResultCode::kOk;
     location_ = std::move(cached);
     countAtLocation_ = count;
     return 0;
 }
 
 int OneShotLocationState::tryRemote(size_t count) {
-    LocationRecord found;
+    Core::LocationRecord found;
     result_ = remote_(heard_.aps(), found);
-    if (result_ == ZEL_OK) {
+    if (result_ == ResultCode::kOk) {
         ZEL_LOG_DEBUG(log_, "location request succeeded remotely: %f, %f +/-%.1fm %d",
                       found.latitude, found.longitude, found.hpe, found.nap);
         return accept(found, count);
     }
-    if (result_ == ZEL_ERROR_LOCATION_CANNOT_BE_DETERMINED) {
+    if (result_ == ResultCode::kCannotDetermine) {
         ZEL_LOG_INFO(log_, "server can't determine location");
         return 1;
     }
-    ZEL_LOG_ERROR(log_, "failed to get location from server: %d", result_);
+    ZEL_LOG_ERROR(log_, "failed to get location from server: %d", Core::toInt(result_));
     return 0;
 }
 
 // Takes `location` as the current one; stops once it rests on enough APs.
-int OneShotLocationState::accept(const LocationRecord& location, size_t count) {
-    result_ = ZEL_OK;
+int OneShotLocationState::accept(const Core::LocationRecord& location, size_t count) {
+    result_ = ResultCode::kOk;
     location_ = location;
     countAtLocation_ = count;
     if (location_.nap >= kEnoughAps) {

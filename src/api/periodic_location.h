@@ -3,12 +3,12 @@
 #pragma once
 
 #include <deque>
+#include <functional>
 #include <memory>
 
-#include "api/location_determination.h"
+#include "core/location_determination.h"
 #include "api/scan_loop.h"
 #include "spi/log.h"
-#include "zelapi.h"
 
 namespace ZEL::API {
 
@@ -20,7 +20,7 @@ class LocationSmoother {
     virtual ~LocationSmoother() = default;
 
     // Records `location` at `timeMs` (ms since the epoch). Returns 0.
-    virtual int smooth(uint64_t timeMs, const LocationRecord& location);
+    virtual int smooth(uint64_t timeMs, const Core::LocationRecord& location);
 
     // The number of periods a smoothing window would span.
     virtual int windowSize() const { return 6; }
@@ -37,29 +37,33 @@ class LocationSmoother {
     std::deque<Sample> history_;  // newest first
 };
 
+// Receives each period's outcome: kOk with the location, or a failure code and null.
+// Returns non-zero for more locations, 0 to stop.
+using LocationCallback = std::function<int(Core::ResultCode code, const Core::LocationRecord*)>;
+
 // The state of one ZEL_periodic_location call. `onScan` is the scan loop's callback.
 class PeriodicLocationState {
   public:
-    PeriodicLocationState(uint32_t periodMs, ZEL_LocationCallback callback, void* argument,
-                          LocationDetermination& local, LocationSmoother& smoother);
+    PeriodicLocationState(uint32_t periodMs, LocationCallback callback,
+                          Core::LocationDetermination& local, LocationSmoother& smoother);
 
-    int onScan(const ScanLoopState& loop, int code, const ApList& fresh, const ApList& cached);
+    int onScan(const ScanLoopState& loop, Core::ResultCode code, const Core::ApList& fresh,
+               const Core::ApList& cached);
 
     ScanCallback callback() {
-        return [this](const ScanLoopState& loop, int code, const RecentApList&, const ApList& fresh,
-                      const ApList& cached) { return onScan(loop, code, fresh, cached); };
+        return [this](const ScanLoopState& loop, Core::ResultCode code, const Core::RecentApList&, const Core::ApList& fresh,
+                      const Core::ApList& cached) { return onScan(loop, code, fresh, cached); };
     }
 
     uint32_t periodMs() const { return periodMs_; }
 
   private:
-    log4cpp::Category& log_;
+    SPI::Logger& log_;
     uint32_t periodMs_;
-    ZEL_LocationCallback callback_;
-    void* argument_;
-    LocationDetermination& local_;
+    LocationCallback callback_;
+    Core::LocationDetermination& local_;
     LocationSmoother& smoother_;
-    std::unique_ptr<LocationRecord> previous_;  // the last delivered location
+    std::unique_ptr<Core::LocationRecord> previous_;  // the last delivered location
 };
 
 }  // namespace ZEL::API

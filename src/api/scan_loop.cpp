@@ -1,19 +1,20 @@
 #include "api/scan_loop.h"
 
 #include "spi/log.h"
-#include "zelapi.h"
+#include "spi/platform.h"
 
 namespace ZEL::API {
 namespace {
 
-using SPI::Wifi::WifiAdapter;
+using Core::ResultCode;
+using SPI::WifiAdapter;
 
 // One run of the loop: the adapter, the lists and the log, with every exit path
 // closing the adapter.
 class LoopRun {
   public:
     LoopRun(std::unique_ptr<WifiAdapter> adapter, const ScanCallback& callback, uint32_t startTick)
-        : log_(SPI::getCategory("ZEL_periodic_scan")),
+        : log_(SPI::getLogger("ZEL_periodic_scan")),
           adapter_(std::move(adapter)),
           callback_(callback),
           state_{startTick} {}
@@ -21,9 +22,9 @@ class LoopRun {
     ~LoopRun() { adapter_->close(); }
 
     // Reports an adapter failure to the callback. Returns true when the loop goes on
-    // with a freshly re-opened adapter, false when it must return ZEL_ERROR_WIFI.
+    // with a freshly re-opened adapter, false when it must return ResultCode::kWifiFailure.
     bool recover() {
-        if (callback_(state_, ZEL_ERROR_WIFI, recent_, ApList{}, ApList{}) == 0) {
+        if (callback_(state_, ResultCode::kWifiFailure, recent_, Core::ApList{}, Core::ApList{}) == 0) {
             ZEL_LOG_DEBUG(log_, "stopping");
             return false;
         }
@@ -36,46 +37,46 @@ class LoopRun {
         return true;
     }
 
-    int run(uint32_t periodMs, uint32_t periods) {
+    ResultCode run(uint32_t periodMs, uint32_t periods) {
         const uint32_t duration = periodMs * periods;
         if (adapter_->startScan() != 0) {
             ZEL_LOG_ERROR(log_, "couldn't start scanning");
-            if (callback_(state_, ZEL_ERROR_WIFI, recent_, ApList{}, ApList{}) == 0) {
+            if (callback_(state_, ResultCode::kWifiFailure, recent_, Core::ApList{}, Core::ApList{}) == 0) {
                 ZEL_LOG_DEBUG(log_, "stopping");
-                return ZEL_ERROR_WIFI;
+                return ResultCode::kWifiFailure;
             }
         }
-        SPI::clock().sleep(50);
+        SPI::platform().clock().sleep(50);
         for (;;) {
             ZEL_LOG_DEBUG(log_, "elapsed = %lu", static_cast<unsigned long>(elapsed()));
-            ApList fresh;
+            Core::ApList fresh;
             if (adapter_->getScanResults(fresh) != 0) {
                 ZEL_LOG_ERROR(log_, "couldn't get scanned AP list");
                 if (!recover()) {
-                    return ZEL_ERROR_WIFI;
+                    return ResultCode::kWifiFailure;
                 }
                 fresh.clear();
             } else if (!handOver(fresh)) {
                 ZEL_LOG_DEBUG(log_, "stopping");
-                return ZEL_OK;
+                return ResultCode::kOk;
             }
 
             uint32_t now = elapsed();
             ZEL_LOG_DEBUG(log_, "elapsed = %lu, duration = %lu", static_cast<unsigned long>(now),
                           static_cast<unsigned long>(duration));
             if (periods != 0 && now > duration) {
-                return ZEL_OK;
+                return ResultCode::kOk;
             }
             if (adapter_->startScan() != 0) {
                 ZEL_LOG_ERROR(log_, "couldn't restart scanning");
                 if (!recover()) {
-                    return ZEL_ERROR_WIFI;
+                    return ResultCode::kWifiFailure;
                 }
             }
-            recent_.merge(fresh);
+            recent_.merge(fresh, SPI::currentTime());
             uint32_t sleepMs = periodMs - elapsed() % periodMs;
             ZEL_LOG_DEBUG(log_, "sleeping for %lu ms...", static_cast<unsigned long>(sleepMs));
-            SPI::clock().sleep(sleepMs);
+            SPI::platform().clock().sleep(sleepMs);
         }
     }
 
@@ -84,50 +85,48 @@ class LoopRun {
 
     // Logs the cycle's lists, splits off the recently heard APs and calls back.
     // Returns false when the callback asked to stop. `fresh` keeps the new APs.
-    bool handOver(ApList& fresh) {
+    bool handOver(Core::ApList& fresh) {
         ZEL_LOG_DEBUG(log_, "old APs %d: %s", static_cast<int>(recent_.size()),
                       toText(recent_).c_str());
         ZEL_LOG_DEBUG(log_, "new APs %d: %s", static_cast<int>(fresh.size()),
                       toText(fresh).c_str());
-        unique(fresh);
+        Core::unique(fresh);
         ZEL_LOG_DEBUG(log_, "new (unique) APs %d: %s", static_cast<int>(fresh.size()),
                       toText(fresh).c_str());
-        ApList cached;
-        filter(recent_, fresh, cached);
+        Core::ApList cached;
+        Core::filter(recent_, SPI::currentTime(), fresh, cached);
         ZEL_LOG_INFO(log_, "new (filtered) APs %d: %s", static_cast<int>(fresh.size()),
                      toText(fresh).c_str());
         ZEL_LOG_INFO(log_, "cached APs %d: %s", static_cast<int>(cached.size()),
                      toText(cached).c_str());
-        return callback_(state_, ZEL_OK, recent_, fresh, cached) != 0;
+        return callback_(state_, ResultCode::kOk, recent_, fresh, cached) != 0;
     }
 
-    log4cpp::Category& log_;
+    SPI::Logger& log_;
     std::unique_ptr<WifiAdapter> adapter_;
     const ScanCallback& callback_;
     ScanLoopState state_;
-    RecentApList recent_{30000};
+    Core::RecentApList recent_{30000};
 };
 
 }  // namespace
 
-ScanLoop::ScanLoop(SPI::Wifi::AdapterEnumerator enumerate) : enumerate_(std::move(enumerate)) {}
-
-int ScanLoop::run(uint32_t periodMs, uint32_t periods, const ScanCallback& callback) {
-    log4cpp::Category& log = SPI::getCategory("ZEL_periodic_scan");
+ResultCode ScanLoop::run(uint32_t periodMs, uint32_t periods, const ScanCallback& callback) {
+    SPI::Logger& log = SPI::getLogger("ZEL_periodic_scan");
     const uint32_t startTick = SPI::tickCount();
     if (periodMs == 0) {
         periodMs = 1;  // the sleep to the next boundary divides by the period
     }
-    SPI::Wifi::AdapterList adapters = enumerate_();
+    SPI::AdapterList adapters = SPI::platform().wifiAdapters();
     if (adapters.empty() || !adapters.front()) {
         ZEL_LOG_ERROR(log, "couldn't find any Wi-Fi adapters");
-        return ZEL_ERROR_WIFI;
+        return ResultCode::kWifiFailure;
     }
-    std::unique_ptr<SPI::Wifi::WifiAdapter> adapter = std::move(adapters.front());
+    std::unique_ptr<SPI::WifiAdapter> adapter = std::move(adapters.front());
     ZEL_LOG_DEBUG(log, "about to open Wi-Fi adapter");
     if (adapter->open() != 0) {
         ZEL_LOG_ERROR(log, "couldn't open Wi-Fi adapter");
-        return ZEL_ERROR_WIFI;
+        return ResultCode::kWifiFailure;
     }
     ZEL_LOG_DEBUG(log, "opened Wi-Fi adapter: %s", adapter->name().c_str());
     ZEL_LOG_INFO(log, "start scanning with %s", adapter->name().c_str());

@@ -1,75 +1,76 @@
 #include "api/scan_source_adapter.h"
 
-#include <algorithm>
-#include <array>
-#include <cstring>
+#include <memory>
 
 #include "spi/log.h"
+#include "spi/platform.h"
 
 namespace ZEL::API {
 namespace {
 
-class ScanSourceAdapter final : public SPI::Wifi::WifiAdapter {
+class ScanSourceAdapter final : public SPI::WifiAdapter {
   public:
-    ScanSourceAdapter(ZEL_ScanSource source, void* argument)
-        : log_(SPI::getCategory("ZEL.SPI.WifiAdapter.ScanSourceAdapter")),
-          source_(source),
-          argument_(argument) {}
+    explicit ScanSourceAdapter(ScanSource source)
+        : log_(SPI::getLogger("ZEL.SPI.WifiAdapter.ScanSourceAdapter")),
+          source_(std::move(source)) {}
 
     std::string name() const override { return "application scan source"; }
     int open() override { return 0; }
     void close() override {}
     int startScan() override { return 0; }
 
-    int getScanResults(ApList& list) override {
+    int getScanResults(Core::ApList& list) override {
         list.clear();
-        unsigned int count = 0;
-        int result = source_(argument_, buffer_.data(), kScanSourceCapacity, &count);
-        if (result != 0) {
+        if (int result = source_(list); result != 0) {
             ZEL_LOG_ERROR(log_, "scan source failed: %d", result);
+            list.clear();
             return result;
         }
-        if (count > kScanSourceCapacity) {
-            ZEL_LOG_ERROR(log_, "scan source reported %u APs for %u places; reading %u", count,
-                          kScanSourceCapacity, kScanSourceCapacity);
-            count = kScanSourceCapacity;
-        }
-        const SPI::TimeStamp now = SPI::currentTime();
-        for (unsigned int i = 0; i < count; ++i) {
-            ScannedAP ap;
-            std::memcpy(ap.mac.data(), buffer_[i].mac, ap.mac.size());
-            ap.rss = buffer_[i].rss;
+        const Core::TimeStamp now = SPI::currentTime();
+        for (Core::ScannedAP& ap : list) {
             ap.time = now;
-            list.push_back(ap);
         }
-        ZEL_LOG_DEBUG(log_, "scanned %d APs", static_cast<int>(count));
+        ZEL_LOG_DEBUG(log_, "scanned %d APs", static_cast<int>(list.size()));
         return 0;
     }
 
   private:
-    log4cpp::Category& log_;
-    ZEL_ScanSource source_;
-    void* argument_;
-    std::array<ZEL_APEntry, kScanSourceCapacity> buffer_{};
+    SPI::Logger& log_;
+    ScanSource source_;
 };
+
+// The platform in force while a scan source is set: its target's, but for Wi-Fi.
+class ScanSourcePlatform final : public SPI::PlatformWrapper {
+  public:
+    ScanSourcePlatform(SPI::Platform& target, ScanSource source)
+        : PlatformWrapper(target), source_(std::move(source)) {}
+    SPI::AdapterList wifiAdapters() override {
+        SPI::AdapterList adapters;
+        adapters.push_back(std::make_unique<ScanSourceAdapter>(source_));
+        return adapters;
+    }
+
+  private:
+    ScanSource source_;
+};
+
+std::unique_ptr<ScanSourcePlatform>& installed() {
+    static auto* platform = new std::unique_ptr<ScanSourcePlatform>();
+    return *platform;
+}
 
 }  // namespace
 
-std::unique_ptr<SPI::Wifi::WifiAdapter> makeScanSourceAdapter(ZEL_ScanSource source,
-                                                              void* argument) {
-    return std::make_unique<ScanSourceAdapter>(source, argument);
-}
-
-void installScanSource(ZEL_ScanSource source, void* argument) {
-    if (source == nullptr) {
-        SPI::Wifi::setAdapterEnumerator({});
-        return;
+void installScanSource(ScanSource source) {
+    std::unique_ptr<ScanSourcePlatform>& current = installed();
+    if (current) {
+        SPI::setPlatform(&current->target());
+        current.reset();
     }
-    SPI::Wifi::setAdapterEnumerator([source, argument] {
-        SPI::Wifi::AdapterList adapters;
-        adapters.push_back(makeScanSourceAdapter(source, argument));
-        return adapters;
-    });
+    if (source) {
+        current = std::make_unique<ScanSourcePlatform>(SPI::platform(), std::move(source));
+        SPI::setPlatform(current.get());
+    }
 }
 
 }  // namespace ZEL::API

@@ -1,21 +1,19 @@
-// The Wi-Fi adapter behind an application-supplied scan source (zelapi_ext.h).
+// The Wi-Fi adapter behind an application-supplied scan source.
 #pragma once
 
-#include <memory>
+#include <functional>
 
-#include "spi/wifi_adapter.h"
-#include "zelapi_ext.h"
+#include "core/scanned_ap.h"
 
 namespace ZEL::API {
 
-// Entries a source may write per scan.
-inline constexpr unsigned int kScanSourceCapacity = 256;
+// Replaces `aps` with one scan's access points (MAC and RSS; the adapter stamps the
+// time). A non-zero return reports an adapter failure.
+using ScanSource = std::function<int(Core::ApList& aps)>;
 
-// One adapter that reads its scans from `source`; open and startScan always succeed.
-std::unique_ptr<SPI::Wifi::WifiAdapter> makeScanSourceAdapter(ZEL_ScanSource source,
-                                                              void* argument);
-
-// Makes `source` the only adapter the engine enumerates; null restores the system's.
-void installScanSource(ZEL_ScanSource source, void* argument);
+// Makes a platform whose only Wi-Fi adapter reads `source` (opening it and starting
+// a scan always succeed) the one in force; an empty source restores the platform
+// that was in force before. Call it under the API lock.
+void installScanSource(ScanSource source);
 
 }  // namespace ZEL::API

@@ -7,12 +7,12 @@
 #include "local/motion_estimate.h"
 #include "local/position_estimate.h"
 #include "spi/log.h"
+#include "spi/platform.h"
 
-namespace ZEL::API {
+namespace ZEL::Local {
 namespace {
 
-constexpr int kSuccess = 0;
-constexpr int kCannotDetermine = 6;  // ZEL_ code: the location cannot be determined
+using Core::ResultCode;
 
 // A position older than this is not smoothed with, and without a known AP a raw
 // estimate older than this is not fallen back on.
@@ -31,36 +31,24 @@ constexpr size_t kTenWeights = 9;
 constexpr double kBearingWeights[5] = {0.1, 0.22, 0.36, 0.22, 0.1};
 constexpr int32_t kBearingSampleMs = 25000;
 
-bool hasPosition(const LocationRecord& record) {
+bool hasPosition(const Core::LocationRecord& record) {
     return record.latitude != 0.0 && record.longitude != 0.0;
 }
 
 }  // namespace
 
 LocalDeterminationBase::LocalDeterminationBase(const char* categoryName)
-    : log_(SPI::getCategory(categoryName)) {}
+    : log_(SPI::getLogger(categoryName)) {}
 
-int LocalDeterminationBase::setLocalFilesPath(const char** paths) {
-    paths_.clear();
-    if (paths == nullptr) {
-        return 0;
-    }
-    for (const char** path = paths; *path != nullptr; ++path) {
-        paths_.emplace_back(*path);
-    }
-    return 0;
-}
-
-int LocalDeterminationBase::prepare(const ZEL_Authentication& authentication) {
+void LocalDeterminationBase::prepare(std::string_view realm) {
     release();
-    const std::string realm = authentication.realm == nullptr ? "" : authentication.realm;
     for (const std::string& path : paths_) {
-        std::unique_ptr<LocalCompressedFileReader> reader = LocalCompressedFileReader::create();
-        if (reader != nullptr && reader->open(path, realm)) {
+        std::unique_ptr<Tiles::LocalCompressedFileReader> reader =
+            Tiles::LocalCompressedFileReader::create();
+        if (reader != nullptr && reader->open(path, std::string(realm))) {
             readers_.push_back(std::move(reader));
         }
     }
-    return 0;
 }
 
 void LocalDeterminationBase::release() {
@@ -70,15 +58,15 @@ void LocalDeterminationBase::release() {
 LocationDeterminationPrivate::LocationDeterminationPrivate()
     : LocalDeterminationBase("ZEL.API.LocationDeterminationPrivate") {}
 
-int LocationDeterminationPrivate::determine(const LocationRecord*, const ApList& aps,
-                                            LocationRecord& out) {
-    const SPI::TimeStamp now = SPI::currentTime();
-    LocationRecord raw;
+ResultCode LocationDeterminationPrivate::determine(const Core::LocationRecord*, const Core::ApList& aps,
+                                            Core::LocationRecord& out) {
+    const Core::TimeStamp now = SPI::currentTime();
+    Core::LocationRecord raw;
     raw.time = now;
     const StoredApMap known = lookupStoredAps(readers_, aps, log_);
     if (known.empty() &&
-        (rawHistory().empty() || SPI::ageMs(raw.time, rawHistory().newest().time) > kRecentMs)) {
-        return kCannotDetermine;
+        (rawHistory().empty() || Core::ageMs(raw.time, rawHistory().newest().time) > kRecentMs)) {
+        return ResultCode::kCannotDetermine;
     }
 
     std::vector<LocalApEntry> entries = splitScan(aps, known, out);
@@ -108,19 +96,19 @@ int LocationDeterminationPrivate::determine(const LocationRecord*, const ApList&
     out.time = now;
     rawHistory().add(raw);
     resultHistory().add(out);
-    return failed ? kCannotDetermine : kSuccess;
+    return failed ? ResultCode::kCannotDetermine : ResultCode::kOk;
 }
 
-std::vector<LocalApEntry> LocationDeterminationPrivate::splitScan(const ApList& aps,
+std::vector<LocalApEntry> LocationDeterminationPrivate::splitScan(const Core::ApList& aps,
                                                                   const StoredApMap& known,
-                                                                  LocationRecord& out) const {
+                                                                  Core::LocationRecord& out) const {
     std::vector<LocalApEntry> entries;
     out.knownAps.clear();
     out.unknownAps.clear();
-    for (const ScannedAP& ap : aps) {
+    for (const Core::ScannedAP& ap : aps) {
         auto found = known.find(ap.mac);
         if (found == known.end()) {
-            ZEL_LOG_DEBUG(log_, "unknown AP: %s", macText(ap.mac).c_str());
+            ZEL_LOG_DEBUG(log_, "unknown AP: %s", Core::macText(ap.mac).c_str());
             out.unknownAps.push_back(ap);
         } else {
             out.knownAps.push_back(ap);
@@ -130,7 +118,7 @@ std::vector<LocalApEntry> LocationDeterminationPrivate::splitScan(const ApList& 
     return entries;
 }
 
-void LocationDeterminationPrivate::estimateMotion(LocationRecord& raw, LocationRecord& out) const {
+void LocationDeterminationPrivate::estimateMotion(Core::LocationRecord& raw, Core::LocationRecord& out) const {
     raw.speed = estimateSpeed(raw, resultHistory(), trackedAps_);
     out.speed = raw.speed;
     if (raw.speed == 0.0 && !rawHistory().empty()) {
@@ -142,24 +130,24 @@ void LocationDeterminationPrivate::estimateMotion(LocationRecord& raw, LocationR
     }
 }
 
-void LocationDeterminationPrivate::smoothPosition(const LocationRecord& raw,
-                                                  LocationRecord& out) const {
+void LocationDeterminationPrivate::smoothPosition(const Core::LocationRecord& raw,
+                                                  Core::LocationRecord& out) const {
     const LocationHistory& results = resultHistory();
-    if (results.empty() || SPI::ageMs(raw.time, results.newest().time) >= kRecentMs + 1) {
+    if (results.empty() || Core::ageMs(raw.time, results.newest().time) >= kRecentMs + 1) {
         out.latitude = raw.latitude;
         out.longitude = raw.longitude;
         return;
     }
-    const LocationRecord& newestResult = results.newest();
+    const Core::LocationRecord& newestResult = results.newest();
     const bool standing = newestResult.speed <= kStandingSpeed;
     const size_t wanted = standing ? 10 : 9;
     const int32_t maxAge = static_cast<int32_t>(wanted) * 1000 + kRecentMs;
-    std::vector<const LocationRecord*> samples{&raw};
-    for (const LocationRecord& record : rawHistory()) {
+    std::vector<const Core::LocationRecord*> samples{&raw};
+    for (const Core::LocationRecord& record : rawHistory()) {
         if (samples.size() >= wanted) {
             break;
         }
-        if (SPI::ageMs(raw.time, record.time) < maxAge && hasPosition(record)) {
+        if (Core::ageMs(raw.time, record.time) < maxAge && hasPosition(record)) {
             samples.push_back(&record);
         }
     }
@@ -168,7 +156,7 @@ void LocationDeterminationPrivate::smoothPosition(const LocationRecord& raw,
         out.longitude = raw.longitude;
         return;
     }
-    const bool evenWeights = SPI::ageMs(raw.time, newestResult.time) < kRecentMs && standing;
+    const bool evenWeights = Core::ageMs(raw.time, newestResult.time) < kRecentMs && standing;
     const double* weights = &kSmoothingWeights[evenWeights ? kTenWeights : kNineWeights];
     for (size_t k = 0; k < samples.size(); ++k) {
         out.latitude += weights[k] * samples[k]->latitude;
@@ -176,25 +164,25 @@ void LocationDeterminationPrivate::smoothPosition(const LocationRecord& raw,
     }
 }
 
-void LocationDeterminationPrivate::smoothBearing(LocationRecord& raw, LocationRecord& out) const {
+void LocationDeterminationPrivate::smoothBearing(Core::LocationRecord& raw, Core::LocationRecord& out) const {
     raw.bearing = estimateBearing(raw, resultHistory());
     if (raw.bearing == 0.0) {
         out.bearing = 0.0;
         return;
     }
     const LocationHistory& results = resultHistory();
-    if (results.empty() || SPI::ageMs(raw.time, results.newest().time) >= kRecentMs + 1) {
+    if (results.empty() || Core::ageMs(raw.time, results.newest().time) >= kRecentMs + 1) {
         out.bearing = raw.bearing;
         return;
     }
     double bearings[5];
     size_t count = 0;
     bearings[count++] = raw.bearing;
-    for (const LocationRecord& record : rawHistory()) {
+    for (const Core::LocationRecord& record : rawHistory()) {
         if (count == 5) {
             break;
         }
-        if (SPI::ageMs(raw.time, record.time) < kBearingSampleMs && hasPosition(record) &&
+        if (Core::ageMs(raw.time, record.time) < kBearingSampleMs && hasPosition(record) &&
             record.bearing != 0.0) {
             bearings[count++] = record.bearing;
         }
@@ -224,4 +212,4 @@ void LocationDeterminationPrivate::smoothBearing(LocationRecord& raw, LocationRe
     }
 }
 
-}  // namespace ZEL::API
+}  // namespace ZEL::Local

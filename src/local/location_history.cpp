@@ -1,12 +1,12 @@
 #include "local/location_history.h"
 
-namespace ZEL::API {
+namespace ZEL::Local {
 
-void LocationHistory::add(const LocationRecord& record) {
+void LocationHistory::add(const Core::LocationRecord& record) {
     if (records_.size() >= kCapacity) {
         records_.pop_back();
     }
-    LocationRecord& stored = records_.emplace_front();
+    Core::LocationRecord& stored = records_.emplace_front();
     stored.latitude = record.latitude;
     stored.longitude = record.longitude;
     stored.hpe = record.hpe;
@@ -31,4 +31,4 @@ void resetLocationHistoriesForTesting() {
     resultHistory().clear();
 }
 
-}  // namespace ZEL::API
+}  // namespace ZEL::Local

@@ -4,9 +4,9 @@
 #include <cstddef>
 #include <deque>
 
-#include "api/location_record.h"
+#include "core/location_record.h"
 
-namespace ZEL::API {
+namespace ZEL::Local {
 
 // Location records, newest first, at most `kCapacity` of them: adding to a full
 // history drops the oldest. Only positions, counts, speeds, bearings and times are
@@ -15,20 +15,20 @@ class LocationHistory {
   public:
     static constexpr size_t kCapacity = 39;
 
-    void add(const LocationRecord& record);
+    void add(const Core::LocationRecord& record);
     void clear() { records_.clear(); }
 
     bool empty() const { return records_.empty(); }
     size_t size() const { return records_.size(); }
     // Index 0 is the newest record.
-    const LocationRecord& operator[](size_t index) const { return records_[index]; }
-    const LocationRecord& newest() const { return records_.front(); }
+    const Core::LocationRecord& operator[](size_t index) const { return records_[index]; }
+    const Core::LocationRecord& newest() const { return records_.front(); }
 
     auto begin() const { return records_.begin(); }
     auto end() const { return records_.end(); }
 
   private:
-    std::deque<LocationRecord> records_;
+    std::deque<Core::LocationRecord> records_;
 };
 
 // The raw estimate of every determination call that got past its early refusal.
@@ -40,4 +40,4 @@ LocationHistory& resultHistory();
 // records irrelevant); tests and replay tools use it to start from a clean slate.
 void resetLocationHistoriesForTesting();
 
-}  // namespace ZEL::API
+}  // namespace ZEL::Local

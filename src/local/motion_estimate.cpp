@@ -5,22 +5,22 @@
 
 #include "local/position_estimate.h"
 
-namespace ZEL::API {
+namespace ZEL::Local {
 namespace {
 
 constexpr double kMaxSpeedMetresPerSecond = 41.66666666666667;  // 150 km/h
 constexpr size_t kSpeedSamples = 5;
 constexpr size_t kBearingSamples = 21;
 
-bool hasPosition(const LocationRecord& record) {
+bool hasPosition(const Core::LocationRecord& record) {
     return record.latitude != 0.0 && record.longitude != 0.0;
 }
 
 // `raw`, then the records of `results` with a position, newest first, up to `limit`.
-std::vector<const LocationRecord*> positionSamples(const LocationRecord& raw,
+std::vector<const Core::LocationRecord*> positionSamples(const Core::LocationRecord& raw,
                                                    const LocationHistory& results, size_t limit) {
-    std::vector<const LocationRecord*> samples{&raw};
-    for (const LocationRecord& record : results) {
+    std::vector<const Core::LocationRecord*> samples{&raw};
+    for (const Core::LocationRecord& record : results) {
         if (samples.size() >= limit) {
             break;
         }
@@ -31,21 +31,21 @@ std::vector<const LocationRecord*> positionSamples(const LocationRecord& raw,
     return samples;
 }
 
-double distance(const LocationRecord& a, const LocationRecord& b) {
+double distance(const Core::LocationRecord& a, const Core::LocationRecord& b) {
     return greatCircleDistance(a.latitude, a.longitude, b.latitude, b.longitude);
 }
 
 // The lower median (index (n - 1) / 2 after sorting) of the capped speeds
 // between consecutive samples; false when every pair shares its time stamp.
-bool medianStepSpeed(const std::vector<const LocationRecord*>& samples, double& median) {
+bool medianStepSpeed(const std::vector<const Core::LocationRecord*>& samples, double& median) {
     std::vector<double> speeds;
     for (size_t i = 0; i + 1 < samples.size(); ++i) {
-        const LocationRecord& newer = *samples[i];
-        const LocationRecord& older = *samples[i + 1];
+        const Core::LocationRecord& newer = *samples[i];
+        const Core::LocationRecord& older = *samples[i + 1];
         if (newer.time == older.time) {
             continue;
         }
-        double speed = distance(newer, older) / (SPI::ageMs(newer.time, older.time) * 0.001);
+        double speed = distance(newer, older) / (Core::ageMs(newer.time, older.time) * 0.001);
         if (speed > kMaxSpeedMetresPerSecond) {
             speed = kMaxSpeedMetresPerSecond;
         }
@@ -108,7 +108,7 @@ double speedCap(const std::vector<LocalApEntry>& tracked) {
 }
 
 // Initial great-circle bearing in radians from `from` to `to`.
-double initialBearing(const LocationRecord& from, const LocationRecord& to) {
+double initialBearing(const Core::LocationRecord& from, const Core::LocationRecord& to) {
     const double phi1 = from.latitude * kRadiansPerDegree;
     const double lambda1 = from.longitude * kRadiansPerDegree;
     const double phi2 = to.latitude * kRadiansPerDegree;
@@ -142,24 +142,24 @@ size_t pooledAngleCount(const std::vector<double>& angles) {
 
 }  // namespace
 
-double estimateSpeed(const LocationRecord& raw, const LocationHistory& results,
+double estimateSpeed(const Core::LocationRecord& raw, const LocationHistory& results,
                      const std::vector<LocalApEntry>& tracked) {
     if (results.empty() ||
         (results.newest().latitude == 0.0 && results.newest().longitude == 0.0)) {
         return 0.0;
     }
-    const LocationRecord& newestResult = results.newest();
+    const Core::LocationRecord& newestResult = results.newest();
     const auto samples = positionSamples(raw, results, kSpeedSamples);
-    if (samples.size() <= 2 || SPI::ageMs(newestResult.time, samples.back()->time) >= 25001) {
+    if (samples.size() <= 2 || Core::ageMs(newestResult.time, samples.back()->time) >= 25001) {
         return 0.0;
     }
     double median = 0.0;
     if (!medianStepSpeed(samples, median)) {
         return 0.0;
     }
-    const LocationRecord& first = *samples.front();
-    const LocationRecord& last = *samples.back();
-    const double overall = distance(first, last) / (SPI::ageMs(first.time, last.time) * 0.001);
+    const Core::LocationRecord& first = *samples.front();
+    const Core::LocationRecord& last = *samples.back();
+    const double overall = distance(first, last) / (Core::ageMs(first.time, last.time) * 0.001);
     // The sum of both speeds, mixed with the previous speed as it stands (km/h):
     // this blend is what the rest of the estimator is tuned to.
     double speed = (overall + median) * 0.2777777777777778 * 0.88 + 0.12 * newestResult.speed;
@@ -175,7 +175,7 @@ double estimateSpeed(const LocationRecord& raw, const LocationHistory& results,
     return speed * 3.6;
 }
 
-double estimateBearing(const LocationRecord& raw, const LocationHistory& results) {
+double estimateBearing(const Core::LocationRecord& raw, const LocationHistory& results) {
     if (raw.latitude == 0.0 && raw.longitude == 0.0) {
         return 0.0;
     }
@@ -184,7 +184,7 @@ double estimateBearing(const LocationRecord& raw, const LocationHistory& results
         return 0.0;
     }
     const auto samples = positionSamples(raw, results, kBearingSamples);
-    if (samples.size() <= 2 || SPI::ageMs(raw.time, samples.back()->time) >= 41001) {
+    if (samples.size() <= 2 || Core::ageMs(raw.time, samples.back()->time) >= 41001) {
         return 0.0;
     }
     std::vector<double> angles;
@@ -210,4 +210,4 @@ double estimateBearing(const LocationRecord& raw, const LocationHistory& results
     return bearing;
 }
 
-}  // namespace ZEL::API
+}  // namespace ZEL::Local

@@ -5,7 +5,7 @@
 
 #include "spi/log.h"
 
-namespace ZEL::API {
+namespace ZEL::Local {
 namespace {
 
 constexpr double kEarthRadiusMetres = 6372800.0;
@@ -16,14 +16,14 @@ constexpr int32_t kReplacementRss = -90;   // dBm
 constexpr double kMaxSignalExponent = 0.5;
 constexpr double kMinSignalExponent = 0.16667;
 
-bool hasPosition(const LocationRecord& record) {
+bool hasPosition(const Core::LocationRecord& record) {
     return record.latitude != 0.0 && record.longitude != 0.0;
 }
 
 // The newest history record younger than 20000 ms with a position, or null.
-const LocationRecord* recentPosition(const LocationHistory& history, const SPI::TimeStamp& now) {
-    for (const LocationRecord& record : history) {
-        if (SPI::ageMs(now, record.time) < kRecentMs && hasPosition(record)) {
+const Core::LocationRecord* recentPosition(const LocationHistory& history, const Core::TimeStamp& now) {
+    for (const Core::LocationRecord& record : history) {
+        if (Core::ageMs(now, record.time) < kRecentMs && hasPosition(record)) {
             return &record;
         }
     }
@@ -36,9 +36,9 @@ double lowerMedian(std::vector<double> values) {
     return values[(values.size() - 1) / 2];
 }
 
-Reference pickReference(const std::vector<LocalApEntry>& entries, const LocationRecord& raw,
+Reference pickReference(const std::vector<LocalApEntry>& entries, const Core::LocationRecord& raw,
                         const LocationHistory& history) {
-    if (const LocationRecord* recent = recentPosition(history, raw.time)) {
+    if (const Core::LocationRecord* recent = recentPosition(history, raw.time)) {
         return {recent->latitude, recent->longitude, recent->speed, recent->time};
     }
     std::vector<double> latitudes;
@@ -51,7 +51,7 @@ Reference pickReference(const std::vector<LocalApEntry>& entries, const Location
 }
 
 double signalRss(const LocalApEntry& entry, const Reference& reference,
-                 const std::vector<LocalApEntry>& tracked, log4cpp::Category& log) {
+                 const std::vector<LocalApEntry>& tracked, SPI::Logger& log) {
     double rss = entry.rss[0];
     if (entry.rss[0] >= kUnbelievableRss) {
         rss = kReplacementRss;
@@ -83,8 +83,8 @@ double clampedExponent(double exponent) {
     return exponent;
 }
 
-void copyHistoryPosition(LocationRecord& raw, const LocationHistory& history) {
-    const LocationRecord* recent = recentPosition(history, raw.time);
+void copyHistoryPosition(Core::LocationRecord& raw, const LocationHistory& history) {
+    const Core::LocationRecord* recent = recentPosition(history, raw.time);
     if (recent == nullptr) {
         return;
     }
@@ -157,13 +157,13 @@ double qualityFactor(uint32_t quality) {
            0.001;
 }
 
-void estimatePosition(std::vector<LocalApEntry>& entries, LocationRecord& raw,
+void estimatePosition(std::vector<LocalApEntry>& entries, Core::LocationRecord& raw,
                       const LocationHistory& history, const std::vector<LocalApEntry>& tracked,
-                      log4cpp::Category& log) {
+                      SPI::Logger& log) {
     // With no entry the gate has nothing to remove: straight to the history path.
     if (!entries.empty()) {
         const Reference reference = pickReference(entries, raw, history);
-        const double radius = gateRadius(entries, reference, SPI::ageMs(raw.time, reference.time));
+        const double radius = gateRadius(entries, reference, Core::ageMs(raw.time, reference.time));
         removeBeyond(entries, reference, radius);
         if (!entries.empty()) {
             std::vector<double> weights;
@@ -204,4 +204,4 @@ double estimateHpe(const std::vector<LocalApEntry>& entries) {
     return hpe < 1.0 ? 1.0 : hpe;
 }
 
-}  // namespace ZEL::API
+}  // namespace ZEL::Local

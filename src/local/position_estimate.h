@@ -4,15 +4,15 @@
 
 #include <vector>
 
-#include "api/location_record.h"
+#include "core/location_record.h"
 #include "local/location_history.h"
 #include "local/stored_ap_lookup.h"
 
-namespace log4cpp {
-class Category;
+namespace ZEL::SPI {
+class Logger;
 }
 
-namespace ZEL::API {
+namespace ZEL::Local {
 
 // Degrees to radians. Deliberately this truncated factor, not the full pi/180:
 // every distance, speed and bearing is computed with it.
@@ -34,22 +34,22 @@ inline constexpr double kRssAveragingSpeedLimit = 16.095284081764042;
 // writes the signal-weighted centroid of the rest and their count. With no AP
 // left, copies the newest history record under 20000 ms old with a position, or
 // leaves the position 0,0. `tracked` supplies the previous RSS of each AP.
-void estimatePosition(std::vector<LocalApEntry>& entries, LocationRecord& raw,
+void estimatePosition(std::vector<LocalApEntry>& entries, Core::LocationRecord& raw,
                       const LocationHistory& history, const std::vector<LocalApEntry>& tracked,
-                      log4cpp::Category& log);
+                      SPI::Logger& log);
 
 // The point the gate is centred on: a recent position or the APs' median.
 struct Reference {
     double latitude;
     double longitude;
     double speed;  // km/h
-    SPI::TimeStamp time;
+    Core::TimeStamp time;
 };
 
 // Distance in metres from the reference to an entry's stored position.
 double distanceFrom(const Reference& reference, const LocalApEntry& entry);
 
-// The gate radius in metres for a reference `ageMs` old (counted as 0 beyond
+// The gate radius in metres for a reference `Core::ageMs` old (counted as 0 beyond
 // 20000 ms): 75 m, widened to 150 m and then to 300 m while fewer than three
 // entries lie strictly inside, each plus 1 m per 100 ms of age.
 double gateRadius(const std::vector<LocalApEntry>& entries, const Reference& reference,
@@ -69,4 +69,4 @@ double estimateHpe(const std::vector<LocalApEntry>& entries);
 // logarithmic ramp between.
 double qualityFactor(uint32_t quality);
 
-}  // namespace ZEL::API
+}  // namespace ZEL::Local

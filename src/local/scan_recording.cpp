@@ -5,7 +5,7 @@
 #include <cstdio>
 #include <limits>
 
-namespace ZEL::API {
+namespace ZEL::Local {
 namespace {
 
 using nlohmann::json;
@@ -13,7 +13,7 @@ using nlohmann::json;
 // Time stamps hold 32-bit seconds.
 constexpr uint64_t kMaxTimeMs = (uint64_t{1} << 32) * 1000 - 1;
 
-bool parseAp(const json& item, uint64_t timeMs, ScannedAP& ap, std::string& error) {
+bool parseAp(const json& item, uint64_t timeMs, Core::ScannedAP& ap, std::string& error) {
     if (!item.is_object()) {
         error = "is not an object";
         return false;
@@ -23,7 +23,7 @@ bool parseAp(const json& item, uint64_t timeMs, ScannedAP& ap, std::string& erro
         error = "has no \"mac\" string";
         return false;
     }
-    auto parsed = parseMacText(mac->get_ref<const std::string&>());
+    auto parsed = Core::parseMacText(mac->get_ref<const std::string&>());
     if (!parsed) {
         error = "has a \"mac\" that is not 12 hex digits";
         return false;
@@ -38,7 +38,7 @@ bool parseAp(const json& item, uint64_t timeMs, ScannedAP& ap, std::string& erro
     }
     ap.mac = *parsed;
     ap.rss = static_cast<int16_t>(rss->get<int64_t>());
-    ap.time = SPI::TimeStamp::fromMilliseconds(timeMs);
+    ap.time = Core::TimeStamp::fromMilliseconds(timeMs);
     auto ssid = item.find("ssid");
     if (ssid != item.end()) {
         if (!ssid->is_string()) {
@@ -81,7 +81,7 @@ std::optional<RecordedScan> parseRecordedScan(std::string_view line, std::string
     }
     scan.aps.reserve(aps->size());
     for (size_t i = 0; i < aps->size(); ++i) {
-        ScannedAP ap;
+        Core::ScannedAP ap;
         std::string why;
         if (!parseAp((*aps)[i], scan.timeMs, ap, why)) {
             error = "AP " + std::to_string(i + 1) + " " + why;
@@ -95,11 +95,11 @@ std::optional<RecordedScan> parseRecordedScan(std::string_view line, std::string
 std::string formatRecordedScan(const RecordedScan& scan) {
     std::string line = "{\"t_ms\":" + std::to_string(scan.timeMs) + ",\"aps\":[";
     for (size_t i = 0; i < scan.aps.size(); ++i) {
-        const ScannedAP& ap = scan.aps[i];
+        const Core::ScannedAP& ap = scan.aps[i];
         if (i > 0) {
             line += ',';
         }
-        line += "{\"mac\":\"" + macText(ap.mac) + "\",\"rss\":" + std::to_string(ap.rss);
+        line += "{\"mac\":\"" + Core::macText(ap.mac) + "\",\"rss\":" + std::to_string(ap.rss);
         if (ap.ssidLength > 0) {
             line += ",\"ssid\":" +
                     json(ap.ssidText()).dump(-1, ' ', false, json::error_handler_t::replace);
@@ -125,4 +125,4 @@ std::optional<ScanRecordingReader::Item> ScanRecordingReader::next() {
     return std::nullopt;
 }
 
-}  // namespace ZEL::API
+}  // namespace ZEL::Local

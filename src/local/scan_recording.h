@@ -16,13 +16,13 @@
 #include <string>
 #include <string_view>
 
-#include "spi/scanned_ap.h"
+#include "core/scanned_ap.h"
 
-namespace ZEL::API {
+namespace ZEL::Local {
 
 struct RecordedScan {
     uint64_t timeMs = 0;  // ms since the epoch
-    ApList aps;           // each AP's time is timeMs
+    Core::ApList aps;           // each AP's time is timeMs
 };
 
 // Lines longer than this are malformed (a real scan line is a few kilobytes).
@@ -58,4 +58,4 @@ class ScanRecordingReader {
     size_t line_ = 0;
 };
 
-}  // namespace ZEL::API
+}  // namespace ZEL::Local

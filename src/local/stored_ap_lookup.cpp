@@ -4,30 +4,30 @@
 
 #include "spi/log.h"
 
-namespace ZEL::API {
+namespace ZEL::Local {
 namespace {
 
 // Defaults for an AP heard but not in the database.
 constexpr uint32_t kUnknownQuality = 50;
 constexpr double kUnknownSignalExponent = 0.25;
 
-const ApRecord* findInReaders(ReaderList& readers, const MacAddress& mac, ApRecord& found) {
+const Tiles::ApRecord* findInReaders(ReaderList& readers, const Core::MacAddress& mac, Tiles::ApRecord& found) {
     for (auto& reader : readers) {
         found = reader->lookup(mac);
-        if (sameMac(found.mac, mac)) {
+        if (Core::sameMac(found.mac, mac)) {
             return &found;
         }
     }
     return nullptr;
 }
 
-const LocalApEntry* findEntry(const std::vector<LocalApEntry>& entries, const MacAddress& mac) {
+const LocalApEntry* findEntry(const std::vector<LocalApEntry>& entries, const Core::MacAddress& mac) {
     auto it = std::find_if(entries.begin(), entries.end(),
-                           [&](const LocalApEntry& entry) { return sameMac(entry.mac, mac); });
+                           [&](const LocalApEntry& entry) { return Core::sameMac(entry.mac, mac); });
     return it == entries.end() ? nullptr : &*it;
 }
 
-void recordCurrentScan(LocalApEntry& entry, const ScannedAP& ap) {
+void recordCurrentScan(LocalApEntry& entry, const Core::ScannedAP& ap) {
     entry.rss[0] = ap.rss;
     entry.time[0] = ap.time;
 }
@@ -42,7 +42,7 @@ bool heardInAnySlot(const LocalApEntry& entry) {
 
 }  // namespace
 
-LocalApEntry LocalApEntry::heard(const ScannedAP& ap, const StoredApData& data) {
+LocalApEntry LocalApEntry::heard(const Core::ScannedAP& ap, const Tiles::StoredApData& data) {
     LocalApEntry entry;
     entry.mac = ap.mac;
     entry.latitude = data.latitude;
@@ -53,40 +53,40 @@ LocalApEntry LocalApEntry::heard(const ScannedAP& ap, const StoredApData& data) 
     return entry;
 }
 
-StoredApMap lookupStoredAps(ReaderList& readers, const ApList& aps, log4cpp::Category& log) {
+StoredApMap lookupStoredAps(ReaderList& readers, const Core::ApList& aps, SPI::Logger& log) {
     StoredApMap known;
     if (readers.empty()) {
         return known;
     }
-    for (const ScannedAP& ap : aps) {
-        ApRecord record;
+    for (const Core::ScannedAP& ap : aps) {
+        Tiles::ApRecord record;
         if (findInReaders(readers, ap.mac, record) == nullptr) {
-            ZEL_LOG_DEBUG(log, "MAC %s not found", macText(ap.mac).c_str());
+            ZEL_LOG_DEBUG(log, "MAC %s not found", Core::macText(ap.mac).c_str());
             continue;
         }
         known.emplace(ap.mac, record.data);
-        const StoredApData& data = record.data;
-        ZEL_LOG_DEBUG(log, "MAC %s extracted successfully: %f %f %u %f", macText(ap.mac).c_str(),
+        const Tiles::StoredApData& data = record.data;
+        ZEL_LOG_DEBUG(log, "MAC %s extracted successfully: %f %f %u %f", Core::macText(ap.mac).c_str(),
                       data.latitude, data.longitude, data.quality, data.signalExponent);
     }
     return known;
 }
 
-const LocalApEntry* findTracked(const std::vector<LocalApEntry>& tracked, const MacAddress& mac) {
+const LocalApEntry* findTracked(const std::vector<LocalApEntry>& tracked, const Core::MacAddress& mac) {
     return findEntry(tracked, mac);
 }
 
 void updateTrackedAps(std::vector<LocalApEntry>& tracked, const std::vector<LocalApEntry>& entries,
-                      const ApList& aps) {
+                      const Core::ApList& aps) {
     for (LocalApEntry& entry : tracked) {
         std::copy_backward(entry.rss.begin(), entry.rss.end() - 1, entry.rss.end());
         std::copy_backward(entry.time.begin(), entry.time.end() - 1, entry.time.end());
         entry.rss[0] = 0;
-        entry.time[0] = SPI::TimeStamp{};
+        entry.time[0] = Core::TimeStamp{};
     }
-    for (const ScannedAP& ap : aps) {
+    for (const Core::ScannedAP& ap : aps) {
         auto it = std::find_if(tracked.begin(), tracked.end(), [&](const LocalApEntry& entry) {
-            return sameMac(entry.mac, ap.mac);
+            return Core::sameMac(entry.mac, ap.mac);
         });
         if (it != tracked.end()) {
             recordCurrentScan(*it, ap);
@@ -103,4 +103,4 @@ void updateTrackedAps(std::vector<LocalApEntry>& tracked, const std::vector<Loca
     std::erase_if(tracked, [](const LocalApEntry& entry) { return !heardInAnySlot(entry); });
 }
 
-}  // namespace ZEL::API
+}  // namespace ZEL::Local

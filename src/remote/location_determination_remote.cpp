@@ -5,16 +5,18 @@
 #include "remote/request_messages.h"
 #include "remote/response_parser.h"
 #include "spi/log.h"
+#include "spi/platform.h"
 
-namespace ZEL::API {
+namespace ZEL::Remote {
 
-LocationDeterminationRemote::LocationDeterminationRemote(RequestFactory makeRequest)
-    : category_(SPI::getCategory("ZEL.API.LocationDeterminationRemote")),
-      makeRequest_(std::move(makeRequest)) {}
+using Core::ResultCode;
 
-void LocationDeterminationRemote::setProxy(const char* host, int port, const char* user,
-                                           const char* password) {
-    proxy_ = host ? host : "";
+LocationDeterminationRemote::LocationDeterminationRemote()
+    : category_(SPI::getLogger("ZEL.API.LocationDeterminationRemote")) {}
+
+void LocationDeterminationRemote::setProxy(std::string_view host, int port, std::string_view user,
+                                           std::string_view password) {
+    proxy_ = host;
     if (proxy_.empty()) {
         return;  // an empty host clears the host only
     }
@@ -24,8 +26,8 @@ void LocationDeterminationRemote::setProxy(const char* host, int port, const cha
         proxy_ += ':';
         proxy_ += text;
     }
-    proxyUser_ = user ? user : "";
-    proxyPassword_ = password ? password : "";
+    proxyUser_ = user;
+    proxyPassword_ = password;
 }
 
 int LocationDeterminationRemote::openRequest(SPI::XmlHttpRequest& request, const std::string& url) {
@@ -36,7 +38,7 @@ int LocationDeterminationRemote::openRequest(SPI::XmlHttpRequest& request, const
     return request.open(SPI::XmlHttpRequest::kPost, url, false);
 }
 
-int LocationDeterminationRemote::readResponse(SPI::XmlHttpRequest& request, std::string& response) {
+ResultCode LocationDeterminationRemote::readResponse(SPI::XmlHttpRequest& request, std::string& response) {
     std::string statusText = request.statusText();
     int status = request.status();
     ZEL_LOG_INFO(category_, "status code: %d status text: %s", status, statusText.c_str());
@@ -45,92 +47,93 @@ int LocationDeterminationRemote::readResponse(SPI::XmlHttpRequest& request, std:
             break;
         case 401:
         case 403:
-            return ZEL_ERROR_UNAUTHORIZED;
+            return ResultCode::kUnauthorized;
         case 407:
-            return ZEL_ERROR_PROXY_UNAUTHORIZED;
+            return ResultCode::kProxyUnauthorized;
         default:
-            return ZEL_ERROR_SERVER_UNAVAILABLE;
+            return ResultCode::kServerUnavailable;
     }
     ZEL_LOG_DEBUG(category_, "about to get response text");
     std::string_view body;
     if (int error = request.responseBody(body); error != 0) {
         ZEL_LOG_ERROR(category_, "couldn't get response text, error %d", error);
-        return ZEL_ERROR_SERVER_UNAVAILABLE;
+        return ResultCode::kServerUnavailable;
     }
     response.assign(body);
     ZEL_LOG_INFO(category_, "received response: %s", response.c_str());
-    return ZEL_OK;
+    return ResultCode::kOk;
 }
 
-int LocationDeterminationRemote::postRequest(const std::string& path, const std::string& request,
+ResultCode LocationDeterminationRemote::postRequest(const std::string& path, const std::string& request,
                                              std::string& response) {
     ZEL_LOG_DEBUG(category_, "initializing request object");
-    std::unique_ptr<SPI::XmlHttpRequest> exchange = makeRequest_ ? makeRequest_() : nullptr;
+    std::unique_ptr<SPI::XmlHttpRequest> exchange = SPI::platform().newHttpRequest();
     if (!exchange) {
         ZEL_LOG_FATAL(category_, "couldn't create new instance of XmlHttpRequest");
-        return ZEL_ERROR_NOT_READY;
+        return ResultCode::kRequestNotCreated;
     }
     if (int error = openRequest(*exchange, serverUrl_ + path); error != 0) {
         ZEL_LOG_ERROR(category_, "couldn't open connection, error %d", error);
-        return ZEL_ERROR_SERVER_UNAVAILABLE;
+        return ResultCode::kServerUnavailable;
     }
     exchange->setRequestHeader("Content-Type", "text/xml");
     exchange->setRequestHeader("User-Agent", userAgent_);
     ZEL_LOG_INFO(category_, "about to send request: %s", request.c_str());
     if (int error = exchange->send(request.data(), request.size()); error != 0) {
         ZEL_LOG_ERROR(category_, "couldn't send request, error %d", error);
-        return ZEL_ERROR_SERVER_UNAVAILABLE;
+        return ResultCode::kServerUnavailable;
     }
     return readResponse(*exchange, response);
 }
 
-int LocationDeterminationRemote::registerUser(const ZEL_Authentication& authentication,
-                                              const ZEL_Authentication& newUser) {
-    std::string request = makeRegistrationRequest(authentication, newUser);
+ResultCode LocationDeterminationRemote::registerUser(Core::Credentials credentials,
+                                                     Core::Credentials newUser) {
+    std::string request = makeRegistrationRequest(credentials, newUser);
     ZEL_LOG_DEBUG(category_, "about to register a user on server");
     std::string response;
-    int code = postRequest("/registration", request, response);
-    ZEL_LOG_INFO(category_, "registration request result: %d", code);
-    if (code != ZEL_OK) {
+    ResultCode code = postRequest("/registration", request, response);
+    ZEL_LOG_INFO(category_, "registration request result: %d", Core::toInt(code));
+    if (code != ResultCode::kOk) {
         return code;
     }
     ZEL_LOG_DEBUG(category_, "parsing registration response");
     code = parseRegistrationResponse(response);
-    ZEL_LOG_DEBUG(category_, "returning with code %d", code);
+    ZEL_LOG_DEBUG(category_, "returning with code %d", Core::toInt(code));
     return code;
 }
 
-int LocationDeterminationRemote::ipLocation(const ZEL_Authentication& authentication,
-                                            int streetAddressLookup, IpLocationRecord& record) {
-    std::string request = makeIPLocationRequest(authentication, streetAddressLookup);
+ResultCode LocationDeterminationRemote::ipLocation(Core::Credentials credentials,
+                                                   int streetAddressLookup,
+                                                   Core::IpLocationRecord& record) {
+    std::string request = makeIPLocationRequest(credentials, streetAddressLookup);
     ZEL_LOG_DEBUG(category_, "about to get ip-location from server");
     std::string response;
-    int code = postRequest("/ip-location", request, response);
-    ZEL_LOG_DEBUG(category_, "ip-location request result: %d", code);
-    if (code != ZEL_OK) {
+    ResultCode code = postRequest("/ip-location", request, response);
+    ZEL_LOG_DEBUG(category_, "ip-location request result: %d", Core::toInt(code));
+    if (code != ResultCode::kOk) {
         return code;
     }
     ZEL_LOG_DEBUG(category_, "parsing ip-location response");
     code = parseIPLocationResponse(response, streetAddressLookup, record);
-    ZEL_LOG_DEBUG(category_, "returning with code %d", code);
+    ZEL_LOG_DEBUG(category_, "returning with code %d", Core::toInt(code));
     return code;
 }
 
-int LocationDeterminationRemote::location(const ZEL_Authentication& authentication,
-                                          int streetAddressLookup, const ApList& aps,
-                                          LocationRecord& record) {
-    std::string request = makeLocationRequest(authentication, streetAddressLookup, aps);
+ResultCode LocationDeterminationRemote::location(Core::Credentials credentials,
+                                                 int streetAddressLookup, const Core::ApList& aps,
+                                                 Core::LocationRecord& record) {
+    std::string request = makeLocationRequest(credentials, streetAddressLookup, aps);
     std::string response;
-    int code = postRequest("/location", request, response);
-    ZEL_LOG_DEBUG(category_, "location request result: %d", code);
-    if (code != ZEL_OK) {
+    ResultCode code = postRequest("/location", request, response);
+    ZEL_LOG_DEBUG(category_, "location request result: %d", Core::toInt(code));
+    if (code != ResultCode::kOk) {
         return code;
     }
-    record = LocationRecord{};
+    record = Core::LocationRecord{};
     ZEL_LOG_DEBUG(category_, "parsing location response");
     code = parseLocationResponse(response, streetAddressLookup, record);
-    ZEL_LOG_DEBUG(category_, "returning with code %d", code);
+    ZEL_LOG_DEBUG(category_, "returning with code %d", Core::toInt(code));
     return code;
 }
 
-}  // namespace ZEL::API
+}  // namespace ZEL::Remote

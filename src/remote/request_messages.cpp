@@ -2,7 +2,7 @@
 
 #include <charconv>
 
-namespace ZEL::API {
+namespace ZEL::Remote {
 namespace {
 
 // Capacities reserved up front, so each document grows in one buffer.
@@ -10,7 +10,7 @@ constexpr size_t kRequestCapacity = 1024;
 constexpr size_t kAuthenticationCapacity = 192;
 constexpr size_t kLookupCapacity = 64;
 
-void appendSimple(std::string& out, const ZEL_Authentication& user) {
+void appendSimple(std::string& out, Core::Credentials user) {
     out += "<simple><username>";
     out += user.username;
     out += "</username><realm>";
@@ -18,9 +18,9 @@ void appendSimple(std::string& out, const ZEL_Authentication& user) {
     out += "</realm></simple>";
 }
 
-void appendAccessPoint(std::string& out, const ScannedAP& ap) {
+void appendAccessPoint(std::string& out, const Core::ScannedAP& ap) {
     out += "<access-point><mac>";
-    out += macText(ap.mac);
+    out += Core::macText(ap.mac);
     out += "</mac><signal-strength>";
     char digits[8];
     auto end = std::to_chars(digits, digits + sizeof digits, ap.rss, 10).ptr;
@@ -53,11 +53,11 @@ const std::string& namespaceAndVersion() {
     return text;
 }
 
-std::string makeAuthentication(const ZEL_Authentication& authentication) {
+std::string makeAuthentication(Core::Credentials credentials) {
     std::string out;
     out.reserve(kAuthenticationCapacity);
     out += "<authentication version='2.0'>";
-    appendSimple(out, authentication);
+    appendSimple(out, credentials);
     out += "</authentication>";
     return out;
 }
@@ -83,36 +83,36 @@ std::string makeStreetAddressLookup(int level) {
     return out;
 }
 
-std::string makeLocationRequest(const ZEL_Authentication& authentication, int level,
-                                const ApList& aps) {
+std::string makeLocationRequest(Core::Credentials credentials, int level,
+                                const Core::ApList& aps) {
     std::string out = openDocument("LocationRQ");
     out += makeStreetAddressLookup(level);
     out += '>';
-    out += makeAuthentication(authentication);
-    for (const ScannedAP& ap : aps) {
+    out += makeAuthentication(credentials);
+    for (const Core::ScannedAP& ap : aps) {
         appendAccessPoint(out, ap);
     }
     out += "</LocationRQ>";
     return out;
 }
 
-std::string makeIPLocationRequest(const ZEL_Authentication& authentication, int level) {
+std::string makeIPLocationRequest(Core::Credentials credentials, int level) {
     std::string out = openDocument("IPLocationRQ");
     out += makeStreetAddressLookup(level);
     out += '>';
-    out += makeAuthentication(authentication);
+    out += makeAuthentication(credentials);
     out += "</IPLocationRQ>";
     return out;
 }
 
-std::string makeRegistrationRequest(const ZEL_Authentication& authentication,
-                                    const ZEL_Authentication& newUser) {
+std::string makeRegistrationRequest(Core::Credentials credentials,
+                                    Core::Credentials newUser) {
     std::string out = openDocument("RegistrationRQ");
     out += '>';
-    out += makeAuthentication(authentication);
+    out += makeAuthentication(credentials);
     appendSimple(out, newUser);
     out += "</RegistrationRQ>";
     return out;
 }
 
-}  // namespace ZEL::API
+}  // namespace ZEL::Remote

@@ -7,10 +7,10 @@
 
 #include <string>
 
-#include "spi/scanned_ap.h"
-#include "zelapi.h"
+#include "core/scanned_ap.h"
+#include "core/credentials.h"
 
-namespace ZEL::API {
+namespace ZEL::Remote {
 
 // The namespace every request and answer element lives in.
 inline constexpr const char kRequestNamespaceUri[] = "http://zelapi.net/zel/2005";
@@ -20,13 +20,13 @@ const std::string& xmlDeclaration();
 // "xmlns='<namespace>' version='2.3'"
 const std::string& namespaceAndVersion();
 
-std::string makeAuthentication(const ZEL_Authentication& authentication);
+std::string makeAuthentication(Core::Credentials credentials);
 // " street-address-lookup='none|limited|full'", with an empty value for any other level.
 std::string makeStreetAddressLookup(int level);
-std::string makeLocationRequest(const ZEL_Authentication& authentication, int level,
-                                const ApList& aps);
-std::string makeIPLocationRequest(const ZEL_Authentication& authentication, int level);
-std::string makeRegistrationRequest(const ZEL_Authentication& authentication,
-                                    const ZEL_Authentication& newUser);
+std::string makeLocationRequest(Core::Credentials credentials, int level,
+                                const Core::ApList& aps);
+std::string makeIPLocationRequest(Core::Credentials credentials, int level);
+std::string makeRegistrationRequest(Core::Credentials credentials,
+                                    Core::Credentials newUser);
 
-}  // namespace ZEL::API
+}  // namespace ZEL::Remote

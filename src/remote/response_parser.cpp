@@ -4,11 +4,13 @@
 
 #include "remote/request_messages.h"
 #include "spi/log.h"
+#include "spi/platform.h"
 
-namespace ZEL::API {
+namespace ZEL::Remote {
 namespace {
 
-constexpr int kCannotBeDetermined = ZEL_ERROR_LOCATION_CANNOT_BE_DETERMINED;
+using Core::ResultCode;
+constexpr ResultCode kCannotBeDetermined = ResultCode::kCannotDetermine;
 
 bool matches(const SPI::XmlElement& element, const std::string& name) {
     return element.namespaceURI() == kRequestNamespaceUri && element.name() == name;
@@ -21,9 +23,9 @@ struct ParsedAnswer {
 };
 
 ParsedAnswer parseAnswer(std::string_view text) {
-    std::unique_ptr<SPI::XmlParser> parser = SPI::makeXmlParser();
+    std::unique_ptr<SPI::XmlParser> parser = SPI::platform().newXmlParser();
     if (!parser) {
-        ZEL_LOG_ERROR(SPI::getCategory("ZEL.API.ResponseParser"), "couldn't create xml parser");
+        ZEL_LOG_ERROR(SPI::getLogger("ZEL.API.ResponseParser"), "couldn't create xml parser");
         return {};
     }
     ParsedAnswer answer;
@@ -85,7 +87,7 @@ void childNameAndCode(const SPI::XmlElement& element, const std::string& name,
     }
 }
 
-void readStreetAddress(const SPI::XmlElement& element, StreetAddress& address) {
+void readStreetAddress(const SPI::XmlElement& element, Core::StreetAddress& address) {
     std::unique_ptr<SPI::XmlElement> street = findChild(element, "street-address");
     if (!street) {
         return;
@@ -107,16 +109,16 @@ void readStreetAddress(const SPI::XmlElement& element, StreetAddress& address) {
     }
 }
 
-int parseRegistrationResponse(std::string_view text) {
+ResultCode parseRegistrationResponse(std::string_view text) {
     ParsedAnswer answer = parseAnswer(text);
     if (!answer.root || findChild(*answer.root, "error")) {
         return kCannotBeDetermined;
     }
-    return ZEL_OK;
+    return ResultCode::kOk;
 }
 
-int parseLocationResponse(std::string_view text, int streetAddressLookup,
-                          LocationRecord& location) {
+ResultCode parseLocationResponse(std::string_view text, int streetAddressLookup,
+                          Core::LocationRecord& location) {
     ParsedAnswer answer = parseAnswer(text);
     std::unique_ptr<SPI::XmlElement> element = payload(answer, "location");
     if (!element) {
@@ -131,11 +133,11 @@ int parseLocationResponse(std::string_view text, int streetAddressLookup,
     if (streetAddressLookup != 0) {
         readStreetAddress(*element, location.streetAddress);
     }
-    return ZEL_OK;
+    return ResultCode::kOk;
 }
 
-int parseIPLocationResponse(std::string_view text, int streetAddressLookup,
-                            IpLocationRecord& ipLocation) {
+ResultCode parseIPLocationResponse(std::string_view text, int streetAddressLookup,
+                            Core::IpLocationRecord& ipLocation) {
     ParsedAnswer answer = parseAnswer(text);
     std::unique_ptr<SPI::XmlElement> element = payload(answer, "ip-location");
     if (!element) {
@@ -147,7 +149,7 @@ int parseIPLocationResponse(std::string_view text, int streetAddressLookup,
     if (streetAddressLookup != 0) {
         readStreetAddress(*element, ipLocation.streetAddress);
     }
-    return ZEL_OK;
+    return ResultCode::kOk;
 }
 
-}  // namespace ZEL::API
+}  // namespace ZEL::Remote

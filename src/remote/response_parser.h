@@ -3,7 +3,7 @@
 // Elements are matched by namespace (the request namespace, exactly) and by name
 // (case-sensitive, against the qualified name, so a prefixed element never matches);
 // only direct children are searched. Any failure of the document or its structure,
-// and an `error` element, give 6 (ZEL_ERROR_LOCATION_CANNOT_BE_DETERMINED); a missing
+// and an `error` element, give kCannotDetermine; a missing
 // value element is no failure and reads as 0.0 or empty text.
 #pragma once
 
@@ -11,17 +11,18 @@
 #include <string>
 #include <string_view>
 
-#include "api/location_record.h"
+#include "core/location_record.h"
+#include "core/result_code.h"
 #include "spi/xml_parser.h"
 
-namespace ZEL::API {
+namespace ZEL::Remote {
 
-int parseRegistrationResponse(std::string_view text);
+Core::ResultCode parseRegistrationResponse(std::string_view text);
 // Fills `location` (which the caller passes freshly reset); sets speed -1.0 and
 // bearing 0.0. The street address is read only when `streetAddressLookup` is not 0.
-int parseLocationResponse(std::string_view text, int streetAddressLookup, LocationRecord& location);
-int parseIPLocationResponse(std::string_view text, int streetAddressLookup,
-                            IpLocationRecord& ipLocation);
+Core::ResultCode parseLocationResponse(std::string_view text, int streetAddressLookup, Core::LocationRecord& location);
+Core::ResultCode parseIPLocationResponse(std::string_view text, int streetAddressLookup,
+                            Core::IpLocationRecord& ipLocation);
 
 // Tree helpers, exposed for their own tests.
 std::unique_ptr<SPI::XmlElement> findChild(const SPI::XmlElement& element, const std::string& name);
@@ -32,6 +33,6 @@ double childDouble(const SPI::XmlElement& element, const std::string& name);
 // characters long. A missing child leaves both as they were.
 void childNameAndCode(const SPI::XmlElement& element, const std::string& name,
                       std::string& nameText, std::string& code);
-void readStreetAddress(const SPI::XmlElement& element, StreetAddress& address);
+void readStreetAddress(const SPI::XmlElement& element, Core::StreetAddress& address);
 
-}  // namespace ZEL::API
+}  // namespace ZEL::Remote

@@ -79,7 +79,7 @@ std::string openAnswer(const char* root) {
     std::string out = "<?xml version='1.0' encoding='UTF-8'?><";
     out += root;
     out += ' ';
-    out += API::namespaceAndVersion();
+    out += Remote::namespaceAndVersion();
     out += '>';
     return out;
 }
@@ -122,7 +122,7 @@ void appendNameAndCode(std::string& out, const char* name, const std::string& te
     out += '>';
 }
 
-void appendStreetAddress(std::string& out, const API::StreetAddress& address) {
+void appendStreetAddress(std::string& out, const Core::StreetAddress& address) {
     if (address.empty()) {
         return;
     }
@@ -184,7 +184,7 @@ std::string formatDouble(double value) {
     return std::string(digits, end);
 }
 
-std::string locationAnswer(const API::LocationRecord& location, const API::StreetAddress& address) {
+std::string locationAnswer(const Core::LocationRecord& location, const Core::StreetAddress& address) {
     const char* root = answerRoot(Question::Location);
     std::string out = openAnswer(root);
     out += "<location nap='" + std::to_string(location.nap) + "'>";
@@ -198,7 +198,7 @@ std::string locationAnswer(const API::LocationRecord& location, const API::Stree
 }
 
 std::string ipLocationAnswer(const std::string& ip, double latitude, double longitude,
-                             const API::StreetAddress& address) {
+                             const Core::StreetAddress& address) {
     const char* root = answerRoot(Question::IpLocation);
     std::string out = openAnswer(root);
     out += "<ip-location>";

@@ -10,7 +10,7 @@
 #include <string>
 #include <string_view>
 
-#include "api/location_record.h"
+#include "core/location_record.h"
 
 namespace ZEL::Server {
 
@@ -30,10 +30,10 @@ std::string formatDouble(double value);
 
 // `location` with attribute nap and latitude, longitude, hpe; a street-address
 // element when `address` is not empty.
-std::string locationAnswer(const API::LocationRecord& location, const API::StreetAddress& address);
+std::string locationAnswer(const Core::LocationRecord& location, const Core::StreetAddress& address);
 // `ip-location` with ip, latitude, longitude and the address when not empty.
 std::string ipLocationAnswer(const std::string& ip, double latitude, double longitude,
-                             const API::StreetAddress& address);
+                             const Core::StreetAddress& address);
 // An empty RegistrationRS: the user was created.
 std::string registrationAnswer();
 // The document element of `question` holding <error code='CODE'>MESSAGE</error>.

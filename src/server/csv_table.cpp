@@ -115,8 +115,8 @@ std::string CsvTable::field(const std::vector<std::string>& fields, const std::s
     return fields[column->second];
 }
 
-API::StreetAddress CsvTable::address(const std::vector<std::string>& fields) const {
-    API::StreetAddress address;
+Core::StreetAddress CsvTable::address(const std::vector<std::string>& fields) const {
+    Core::StreetAddress address;
     address.streetNumber = field(fields, "street_number");
     const std::string lines = field(fields, "address_lines");
     for (size_t start = 0; !lines.empty() && start <= lines.size();) {

@@ -16,7 +16,7 @@
 #include <string_view>
 #include <vector>
 
-#include "api/location_record.h"
+#include "core/location_record.h"
 
 namespace ZEL::Server {
 
@@ -38,7 +38,7 @@ class CsvTable {
     // record is short.
     std::string field(const std::vector<std::string>& fields, const std::string& name) const;
     // The address columns of a record.
-    API::StreetAddress address(const std::vector<std::string>& fields) const;
+    Core::StreetAddress address(const std::vector<std::string>& fields) const;
 
   private:
     std::map<std::string, size_t> columns_;

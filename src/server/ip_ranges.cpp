@@ -8,7 +8,7 @@
 
 #include "server/csv_table.h"
 #include "spi/log.h"
-#include "spi/number_text.h"
+#include "core/number_text.h"
 
 namespace ZEL::Server {
 namespace {
@@ -26,8 +26,8 @@ std::string readRange(const CsvTable& table, const std::vector<std::string>& fie
     if (!first || !last || isMappedIpv4(*first) != isMappedIpv4(*last) || *last < *first) {
         return "bad address range";
     }
-    if (!SPI::parseDoubleIn(table.field(fields, "latitude"), -90.0, 90.0, range.latitude) ||
-        !SPI::parseDoubleIn(table.field(fields, "longitude"), -180.0, 180.0, range.longitude)) {
+    if (!Core::parseDoubleIn(table.field(fields, "latitude"), -90.0, 90.0, range.latitude) ||
+        !Core::parseDoubleIn(table.field(fields, "longitude"), -180.0, 180.0, range.longitude)) {
         return "bad latitude or longitude";
     }
     range.first = *first;
@@ -66,7 +66,7 @@ std::unique_ptr<IpRanges> IpRanges::load(const std::string& path, std::string& e
 
 std::unique_ptr<IpRanges> IpRanges::read(std::istream& in, const std::string& name,
                                          std::string& error) {
-    log4cpp::Category& category = SPI::getCategory("ZEL.Server.IpRanges");
+    SPI::Logger& category = SPI::getLogger("ZEL.Server.IpRanges");
     CsvTable table;
     if (!table.readHeader(in, {"first", "last", "latitude", "longitude"}, error)) {
         error = name + ": " + error;

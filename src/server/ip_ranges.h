@@ -14,7 +14,7 @@
 #include <string>
 #include <vector>
 
-#include "api/location_record.h"
+#include "core/location_record.h"
 
 namespace ZEL::Server {
 
@@ -27,7 +27,7 @@ struct IpRange {
     IpAddress last{};
     double latitude = 0.0;
     double longitude = 0.0;
-    API::StreetAddress address;
+    Core::StreetAddress address;
 };
 
 class IpRanges {

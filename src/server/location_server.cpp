@@ -5,7 +5,7 @@
 #include <chrono>
 #include <ctime>
 
-#include "spi/clock.h"
+#include "spi/platform.h"
 #include "spi/log.h"
 
 namespace ZEL::Server {
@@ -118,7 +118,7 @@ std::unique_ptr<LocationServer> LocationServer::start(ServerOptions options,
     for (int waited = 0; !h.is_running() && waited < 5000; ++waited) {
         std::this_thread::sleep_for(std::chrono::milliseconds(1));
     }
-    ZEL_LOG_INFO(SPI::getCategory("ZEL.Server.LocationServer"), "listening on %s%s",
+    ZEL_LOG_INFO(SPI::getLogger("ZEL.Server.LocationServer"), "listening on %s%s",
                  server->url().c_str(), o.prefix.c_str());
     return server;
 }
@@ -151,7 +151,7 @@ void LocationServer::route() {
     });
     http_->set_exception_handler(
         [answer](const httplib::Request&, httplib::Response& response, std::exception_ptr) {
-            ZEL_LOG_ERROR(SPI::getCategory("ZEL.Server.LocationServer"),
+            ZEL_LOG_ERROR(SPI::getLogger("ZEL.Server.LocationServer"),
                           "request failed with an exception");
             answer(response, Reply{500, genericErrorAnswer("internal", "internal error")});
         });

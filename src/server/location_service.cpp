@@ -3,6 +3,7 @@
 #include "local/location_history.h"
 #include "local/position_estimate.h"
 #include "spi/log.h"
+#include "spi/platform.h"
 
 namespace ZEL::Server {
 namespace {
@@ -27,8 +28,8 @@ const char* questionName(Question question) {
 
 LocationService::LocationService(ServiceOptions options, ServiceData data,
                                  std::unique_ptr<ReaderPool> readers)
-    : category_(SPI::getCategory("ZEL.Server.LocationService")),
-      estimatorCategory_(SPI::getCategory("ZEL.Server.LocationService.Estimate")),
+    : category_(SPI::getLogger("ZEL.Server.LocationService")),
+      estimatorCategory_(SPI::getLogger("ZEL.Server.LocationService.Estimate")),
       options_(std::move(options)),
       data_(std::move(data)),
       readers_(std::move(readers)) {}
@@ -81,26 +82,26 @@ bool LocationService::authorised(Question question, const Credentials& user, Rep
     return false;
 }
 
-API::StreetAddress LocationService::addressNear(double latitude, double longitude,
+Core::StreetAddress LocationService::addressNear(double latitude, double longitude,
                                                 int level) const {
     if (level == 0 || !data_.addresses) {
         return {};
     }
     const AddressPoint* point = data_.addresses->nearest(latitude, longitude);
-    return point ? addressForLevel(point->address, level) : API::StreetAddress{};
+    return point ? addressForLevel(point->address, level) : Core::StreetAddress{};
 }
 
-bool LocationService::estimate(const ApList& accessPoints, API::LocationRecord& out) {
-    API::StoredApMap known;
+bool LocationService::estimate(const Core::ApList& accessPoints, Core::LocationRecord& out) {
+    Local::StoredApMap known;
     {
         ReaderPool::Lease lease = readers_->borrow();
-        known = API::lookupStoredAps(lease.readers(), accessPoints, estimatorCategory_);
+        known = Local::lookupStoredAps(lease.readers(), accessPoints, estimatorCategory_);
     }
-    std::vector<API::LocalApEntry> entries;
-    for (const ScannedAP& ap : accessPoints) {
+    std::vector<Local::LocalApEntry> entries;
+    for (const Core::ScannedAP& ap : accessPoints) {
         auto found = known.find(ap.mac);
         if (found != known.end()) {
-            entries.push_back(API::LocalApEntry::heard(ap, found->second));
+            entries.push_back(Local::LocalApEntry::heard(ap, found->second));
         }
     }
     if (entries.empty()) {
@@ -108,10 +109,10 @@ bool LocationService::estimate(const ApList& accessPoints, API::LocationRecord& 
     }
     out.time = SPI::currentTime();
     // No history and no tracked signals: each request stands alone.
-    const API::LocationHistory noHistory;
-    const std::vector<API::LocalApEntry> noTracked;
-    API::estimatePosition(entries, out, noHistory, noTracked, estimatorCategory_);
-    out.hpe = API::estimateHpe(entries);
+    const Local::LocationHistory noHistory;
+    const std::vector<Local::LocalApEntry> noTracked;
+    Local::estimatePosition(entries, out, noHistory, noTracked, estimatorCategory_);
+    out.hpe = Local::estimateHpe(entries);
     return !(out.latitude == 0.0 && out.longitude == 0.0);
 }
 
@@ -121,14 +122,14 @@ Reply LocationService::location(std::string_view body) {
     if (!request) {
         return reply;
     }
-    API::LocationRecord position;
+    Core::LocationRecord position;
     if (!estimate(request->accessPoints, position)) {
         ZEL_LOG_DEBUG(category_, "no position from %zu access points",
                       request->accessPoints.size());
         return refusal(200, Question::Location, "unknown-location",
                        "the location cannot be determined");
     }
-    const API::StreetAddress address =
+    const Core::StreetAddress address =
         addressNear(position.latitude, position.longitude, request->streetAddressLookup);
     return Reply{200, locationAnswer(position, address)};
 }
@@ -145,7 +146,7 @@ Reply LocationService::ipLocation(std::string_view body, const std::string& clie
         return refusal(200, Question::IpLocation, "unknown-location",
                        "no position is known for this address");
     }
-    const API::StreetAddress address =
+    const Core::StreetAddress address =
         addressForLevel(range->address, request->streetAddressLookup);
     return Reply{200, ipLocationAnswer(clientAddress, range->latitude, range->longitude, address)};
 }

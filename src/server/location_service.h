@@ -23,8 +23,8 @@
 #include "server/street_address_index.h"
 #include "server/user_store.h"
 
-namespace log4cpp {
-class Category;
+namespace ZEL::SPI {
+class Logger;
 }
 
 namespace ZEL::Server {
@@ -67,12 +67,12 @@ class LocationService {
     std::optional<ClientRequest> accept(Question question, std::string_view body, Reply& reply);
     // True when the user may ask; otherwise `reply` holds the refusal.
     bool authorised(Question question, const Credentials& user, Reply& reply);
-    API::StreetAddress addressNear(double latitude, double longitude, int level) const;
+    Core::StreetAddress addressNear(double latitude, double longitude, int level) const;
     // The stateless estimate; false when no access point of the request is known.
-    bool estimate(const ApList& accessPoints, API::LocationRecord& out);
+    bool estimate(const Core::ApList& accessPoints, Core::LocationRecord& out);
 
-    log4cpp::Category& category_;
-    log4cpp::Category& estimatorCategory_;
+    SPI::Logger& category_;
+    SPI::Logger& estimatorCategory_;
     ServiceOptions options_;
     ServiceData data_;
     std::unique_ptr<ReaderPool> readers_;

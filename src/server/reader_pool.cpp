@@ -10,7 +10,7 @@ ReaderPool::ReaderPool(std::vector<std::string> paths, std::string realm)
 std::unique_ptr<ReaderPool> ReaderPool::open(std::vector<std::string> paths, std::string realm,
                                              std::string& error) {
     std::unique_ptr<ReaderPool> pool(new ReaderPool(std::move(paths), std::move(realm)));
-    API::ReaderList first = pool->openSet(error);
+    Local::ReaderList first = pool->openSet(error);
     if (first.empty() && !pool->paths_.empty()) {
         return nullptr;
     }
@@ -18,11 +18,11 @@ std::unique_ptr<ReaderPool> ReaderPool::open(std::vector<std::string> paths, std
     return pool;
 }
 
-API::ReaderList ReaderPool::openSet(std::string& error) const {
-    API::ReaderList readers;
+Local::ReaderList ReaderPool::openSet(std::string& error) const {
+    Local::ReaderList readers;
     for (const std::string& path : paths_) {
-        std::unique_ptr<API::LocalCompressedFileReader> reader =
-            API::LocalCompressedFileReader::create();
+        std::unique_ptr<Tiles::LocalCompressedFileReader> reader =
+            Tiles::LocalCompressedFileReader::create();
         if (!reader || !reader->open(path, realm_)) {
             error = "cannot open tile file " + path + " for realm \"" + realm_ + "\"";
             return {};
@@ -36,20 +36,20 @@ ReaderPool::Lease ReaderPool::borrow() {
     {
         std::lock_guard lock(mutex_);
         if (!idle_.empty()) {
-            API::ReaderList readers = std::move(idle_.back());
+            Local::ReaderList readers = std::move(idle_.back());
             idle_.pop_back();
             return Lease(*this, std::move(readers));
         }
     }
     std::string error;
-    API::ReaderList readers = openSet(error);
+    Local::ReaderList readers = openSet(error);
     if (readers.size() != paths_.size()) {
-        ZEL_LOG_ERROR(SPI::getCategory("ZEL.Server.ReaderPool"), "%s", error.c_str());
+        ZEL_LOG_ERROR(SPI::getLogger("ZEL.Server.ReaderPool"), "%s", error.c_str());
     }
     return Lease(*this, std::move(readers));
 }
 
-void ReaderPool::giveBack(API::ReaderList readers) {
+void ReaderPool::giveBack(Local::ReaderList readers) {
     if (readers.size() != paths_.size()) {
         return;
     }

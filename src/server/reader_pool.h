@@ -24,16 +24,16 @@ class ReaderPool {
     // could not be opened again (logged).
     class Lease {
       public:
-        Lease(ReaderPool& pool, API::ReaderList readers)
+        Lease(ReaderPool& pool, Local::ReaderList readers)
             : pool_(pool), readers_(std::move(readers)) {}
         ~Lease() { pool_.giveBack(std::move(readers_)); }
         Lease(const Lease&) = delete;
         Lease& operator=(const Lease&) = delete;
-        API::ReaderList& readers() { return readers_; }
+        Local::ReaderList& readers() { return readers_; }
 
       private:
         ReaderPool& pool_;
-        API::ReaderList readers_;
+        Local::ReaderList readers_;
     };
 
     Lease borrow();
@@ -41,13 +41,13 @@ class ReaderPool {
   private:
     ReaderPool(std::vector<std::string> paths, std::string realm);
     // A newly opened set, or an empty list with `error` set.
-    API::ReaderList openSet(std::string& error) const;
-    void giveBack(API::ReaderList readers);
+    Local::ReaderList openSet(std::string& error) const;
+    void giveBack(Local::ReaderList readers);
 
     std::vector<std::string> paths_;
     std::string realm_;
     std::mutex mutex_;
-    std::vector<API::ReaderList> idle_;
+    std::vector<Local::ReaderList> idle_;
 };
 
 }  // namespace ZEL::Server

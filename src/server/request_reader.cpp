@@ -5,14 +5,14 @@
 
 #include "remote/request_messages.h"
 #include "remote/response_parser.h"
-#include "spi/clock.h"
-#include "spi/xml_parser.h"
+#include "spi/platform.h"
+#include "spi/platform.h"
 
 namespace ZEL::Server {
 namespace {
 
-using API::childText;
-using API::findChild;
+using Remote::childText;
+using Remote::findChild;
 
 const char* requestRoot(Question question) {
     switch (question) {
@@ -33,21 +33,21 @@ ReadResult refuse(std::string why) {
 // A `simple` element's username and realm; false when either is missing, empty
 // or too long.
 bool readSimple(const SPI::XmlElement& simple, Credentials& out) {
-    if (!findChild(simple, "username") || !findChild(simple, "realm")) {
+    if (!Remote::findChild(simple, "username") || !Remote::findChild(simple, "realm")) {
         return false;
     }
-    out.username = childText(simple, "username");
-    out.realm = childText(simple, "realm");
+    out.username = Remote::childText(simple, "username");
+    out.realm = Remote::childText(simple, "realm");
     return !out.username.empty() && out.username.size() <= kMaxNameBytes &&
            out.realm.size() <= kMaxNameBytes;
 }
 
 bool readAuthentication(const SPI::XmlElement& root, Credentials& out) {
-    std::unique_ptr<SPI::XmlElement> authentication = findChild(root, "authentication");
+    std::unique_ptr<SPI::XmlElement> authentication = Remote::findChild(root, "authentication");
     if (!authentication) {
         return false;
     }
-    std::unique_ptr<SPI::XmlElement> simple = findChild(*authentication, "simple");
+    std::unique_ptr<SPI::XmlElement> simple = Remote::findChild(*authentication, "simple");
     return simple && readSimple(*simple, out);
 }
 
@@ -69,22 +69,22 @@ bool readSignal(const std::string& text, int16_t& rss) {
 }
 
 // Every access-point child, in document order.
-std::string readAccessPoints(const SPI::XmlElement& root, size_t maxAccessPoints, ApList& out) {
+std::string readAccessPoints(const SPI::XmlElement& root, size_t maxAccessPoints, Core::ApList& out) {
     std::unique_ptr<SPI::XmlNodeList> children = root.childNodes();
-    const SPI::TimeStamp now = SPI::currentTime();
+    const Core::TimeStamp now = SPI::currentTime();
     for (size_t i = 0; children && i < children->length(); ++i) {
         std::unique_ptr<SPI::XmlElement> child = children->item(i);
-        if (!child || child->namespaceURI() != API::kRequestNamespaceUri ||
+        if (!child || child->namespaceURI() != Remote::kRequestNamespaceUri ||
             child->name() != "access-point") {
             continue;
         }
         if (out.size() == maxAccessPoints) {
             return "too many access points";
         }
-        ScannedAP ap;
-        const std::string macText = childText(*child, "mac");
-        std::optional<MacAddress> mac = macText.size() == 12 ? parseMacText(macText) : std::nullopt;
-        if (!mac || !readSignal(childText(*child, "signal-strength"), ap.rss)) {
+        Core::ScannedAP ap;
+        const std::string macText = Remote::childText(*child, "mac");
+        std::optional<Core::MacAddress> mac = macText.size() == 12 ? Core::parseMacText(macText) : std::nullopt;
+        if (!mac || !readSignal(Remote::childText(*child, "signal-strength"), ap.rss)) {
             return "access point without a valid mac and signal-strength";
         }
         ap.mac = *mac;
@@ -97,7 +97,7 @@ std::string readAccessPoints(const SPI::XmlElement& root, size_t maxAccessPoints
 }  // namespace
 
 ReadResult readRequest(Question question, std::string_view body, size_t maxAccessPoints) {
-    std::unique_ptr<SPI::XmlParser> parser = SPI::makeXmlParser();
+    std::unique_ptr<SPI::XmlParser> parser = SPI::platform().newXmlParser();
     std::unique_ptr<SPI::XmlDocument> document =
         parser ? parser->parse(body.data(), body.size()) : nullptr;
     if (!document) {
@@ -105,7 +105,7 @@ ReadResult readRequest(Question question, std::string_view body, size_t maxAcces
     }
     std::unique_ptr<SPI::XmlElement> root = document->documentElement();
     const char* expected = requestRoot(question);
-    if (root->namespaceURI() != API::kRequestNamespaceUri || root->name() != expected) {
+    if (root->namespaceURI() != Remote::kRequestNamespaceUri || root->name() != expected) {
         return refuse(std::string("expected a ") + expected + " document");
     }
     ClientRequest request;
@@ -123,7 +123,7 @@ ReadResult readRequest(Question question, std::string_view body, size_t maxAcces
         }
     }
     if (question == Question::Registration) {
-        std::unique_ptr<SPI::XmlElement> simple = findChild(*root, "simple");
+        std::unique_ptr<SPI::XmlElement> simple = Remote::findChild(*root, "simple");
         if (!simple || !readSimple(*simple, request.newUser)) {
             return refuse("no valid user to register");
         }

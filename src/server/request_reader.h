@@ -11,7 +11,7 @@
 #include <string_view>
 
 #include "server/answer_writer.h"
-#include "spi/scanned_ap.h"
+#include "core/scanned_ap.h"
 
 namespace ZEL::Server {
 
@@ -25,7 +25,7 @@ struct ClientRequest {
     Credentials authentication;
     // 0 none, 1 limited, 2 full; any other word (or none) reads as 0.
     int streetAddressLookup = 0;
-    ApList accessPoints;  // Location only; time stamps are the time of reading
+    Core::ApList accessPoints;  // Location only; time stamps are the time of reading
     Credentials newUser;  // Registration only
 };
 

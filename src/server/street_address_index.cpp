@@ -7,7 +7,7 @@
 #include "local/position_estimate.h"
 #include "server/csv_table.h"
 #include "spi/log.h"
-#include "spi/number_text.h"
+#include "core/number_text.h"
 
 namespace ZEL::Server {
 namespace {
@@ -58,7 +58,7 @@ std::unique_ptr<StreetAddressIndex> StreetAddressIndex::read(std::istream& in,
         error = "the address radius must be a positive number of metres";
         return nullptr;
     }
-    log4cpp::Category& category = SPI::getCategory("ZEL.Server.StreetAddressIndex");
+    SPI::Logger& category = SPI::getLogger("ZEL.Server.StreetAddressIndex");
     CsvTable table;
     if (!table.readHeader(in, {"latitude", "longitude"}, error)) {
         error = name + ": " + error;
@@ -70,8 +70,8 @@ std::unique_ptr<StreetAddressIndex> StreetAddressIndex::read(std::istream& in,
     while (table.next(in, fields, malformed)) {
         AddressPoint point;
         if (malformed ||
-            !SPI::parseDoubleIn(table.field(fields, "latitude"), -90.0, 90.0, point.latitude) ||
-            !SPI::parseDoubleIn(table.field(fields, "longitude"), -180.0, 180.0, point.longitude)) {
+            !Core::parseDoubleIn(table.field(fields, "latitude"), -90.0, 90.0, point.latitude) ||
+            !Core::parseDoubleIn(table.field(fields, "longitude"), -180.0, 180.0, point.longitude)) {
             ZEL_LOG_ERROR(category, "%s: line %zu: malformed row (skipped)", name.c_str(),
                           table.lineNumber());
             continue;
@@ -83,7 +83,7 @@ std::unique_ptr<StreetAddressIndex> StreetAddressIndex::read(std::istream& in,
 }
 
 const AddressPoint* StreetAddressIndex::nearest(double latitude, double longitude) const {
-    const double cosine = std::max(std::cos(latitude * API::kRadiansPerDegree), kSmallestCosine);
+    const double cosine = std::max(std::cos(latitude * Local::kRadiansPerDegree), kSmallestCosine);
     const int64_t columnSpan = static_cast<int64_t>(std::ceil(1.0 / cosine));
     const int64_t centreRow = row(latitude);
     const int64_t centreColumn = column(longitude);
@@ -98,7 +98,7 @@ const AddressPoint* StreetAddressIndex::nearest(double latitude, double longitud
             for (size_t i : cell->second) {
                 const AddressPoint& point = points_[i];
                 const double distance =
-                    API::greatCircleDistance(latitude, longitude, point.latitude, point.longitude);
+                    Local::greatCircleDistance(latitude, longitude, point.latitude, point.longitude);
                 if (distance <= bestDistance) {
                     best = &point;
                     bestDistance = distance;
@@ -109,11 +109,11 @@ const AddressPoint* StreetAddressIndex::nearest(double latitude, double longitud
     return best;
 }
 
-API::StreetAddress addressForLevel(const API::StreetAddress& address, int level) {
+Core::StreetAddress addressForLevel(const Core::StreetAddress& address, int level) {
     if (level == 2) {
         return address;
     }
-    API::StreetAddress limited;
+    Core::StreetAddress limited;
     if (level == 1) {
         limited.city = address.city;
         limited.county = address.county;

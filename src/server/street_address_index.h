@@ -13,14 +13,14 @@
 #include <unordered_map>
 #include <vector>
 
-#include "api/location_record.h"
+#include "core/location_record.h"
 
 namespace ZEL::Server {
 
 struct AddressPoint {
     double latitude = 0.0;
     double longitude = 0.0;
-    API::StreetAddress address;
+    Core::StreetAddress address;
 };
 
 class StreetAddressIndex {
@@ -50,6 +50,6 @@ class StreetAddressIndex {
 
 // What a lookup level reveals: 0 nothing; 1 (limited) the fields of city level and
 // above (city, county, province, region, state, country); 2 (full) everything.
-API::StreetAddress addressForLevel(const API::StreetAddress& address, int level);
+Core::StreetAddress addressForLevel(const Core::StreetAddress& address, int level);
 
 }  // namespace ZEL::Server

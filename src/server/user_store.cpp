@@ -2,7 +2,7 @@
 
 #include <sqlite3.h>
 
-#include "spi/clock.h"
+#include "spi/platform.h"
 #include "spi/log.h"
 
 namespace ZEL::Server {
@@ -31,7 +31,7 @@ void bindNames(sqlite3_stmt* statement, const std::string& first, const std::str
 
 }  // namespace
 
-UserStore::UserStore(sqlite3* database, log4cpp::Category& category)
+UserStore::UserStore(sqlite3* database, SPI::Logger& category)
     : category_(category), database_(database) {}
 
 UserStore::~UserStore() {
@@ -42,7 +42,7 @@ UserStore::~UserStore() {
 }
 
 std::unique_ptr<UserStore> UserStore::open(const std::string& path, std::string& error) {
-    log4cpp::Category& category = SPI::getCategory("ZEL.Server.UserStore");
+    SPI::Logger& category = SPI::getLogger("ZEL.Server.UserStore");
     sqlite3* database = nullptr;
     const int flags = SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE | SQLITE_OPEN_NOMUTEX;
     if (sqlite3_open_v2(path.c_str(), &database, flags, nullptr) != SQLITE_OK) {

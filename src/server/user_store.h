@@ -16,8 +16,8 @@
 struct sqlite3;
 struct sqlite3_stmt;
 
-namespace log4cpp {
-class Category;
+namespace ZEL::SPI {
+class Logger;
 }
 
 namespace ZEL::Server {
@@ -42,10 +42,10 @@ class UserStore {
     std::optional<size_t> count(const std::string& realm);
 
   private:
-    UserStore(sqlite3* database, log4cpp::Category& category);
+    UserStore(sqlite3* database, SPI::Logger& category);
     bool prepare(std::string& error);
 
-    log4cpp::Category& category_;
+    SPI::Logger& category_;
     std::mutex mutex_;
     sqlite3* database_;
     sqlite3_stmt* find_ = nullptr;

@@ -58,7 +58,4 @@ class File {
     virtual std::unique_ptr<FileMapping> map(uint64_t offset, size_t length) = 0;
 };
 
-// A new, closed file object; null when none can be made.
-std::unique_ptr<File> createFile();
-
 }  // namespace ZEL::SPI

@@ -69,7 +69,4 @@ class XmlHttpRequest {
     virtual std::string statusText() const = 0;
 };
 
-// A new request, or null when the HTTP library could not be set up.
-std::unique_ptr<XmlHttpRequest> makeXmlHttpRequest();
-
 }  // namespace ZEL::SPI

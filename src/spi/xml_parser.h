@@ -67,7 +67,4 @@ class XmlParser {
     virtual std::unique_ptr<XmlDocument> parse(const char* bytes, size_t length) = 0;
 };
 
-// A new parser, or null when the XML library could not be set up.
-std::unique_ptr<XmlParser> makeXmlParser();
-
 }  // namespace ZEL::SPI

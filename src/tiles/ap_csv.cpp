@@ -5,9 +5,9 @@
 #include <optional>
 #include <unordered_map>
 
-#include "spi/number_text.h"
+#include "core/number_text.h"
 
-namespace ZEL::API {
+namespace ZEL::Tiles {
 namespace {
 
 constexpr uint32_t kDefaultQuality = 50;
@@ -62,12 +62,12 @@ std::optional<std::vector<std::string>> splitFields(std::string_view line) {
 }
 
 std::optional<double> parseNumber(std::string_view text) {
-    return SPI::parseFiniteDouble(trim(text));
+    return Core::parseFiniteDouble(trim(text));
 }
 
 std::optional<uint32_t> parseCount(std::string_view text) {
     uint32_t value = 0;
-    return SPI::parseUnsigned(trim(text), value) ? std::optional(value) : std::nullopt;
+    return Core::parseUnsigned(trim(text), value) ? std::optional(value) : std::nullopt;
 }
 
 // Splits `text` into lines, numbering them from 1.
@@ -177,7 +177,7 @@ class Parser {
         std::vector<std::string> fields;
         while (nextRow(fields, header.size())) {
             AccessPointPosition ap;
-            auto mac = parseMacText(trim(fields[at[0]]));
+            auto mac = Core::parseMacText(trim(fields[at[0]]));
             auto latitude = parseNumber(fields[at[1]]), longitude = parseNumber(fields[at[2]]);
             auto quality = at[3] < 0 ? std::optional(kDefaultQuality) : parseCount(fields[at[3]]);
             auto exponent =
@@ -195,7 +195,7 @@ class Parser {
     }
 
     struct Weighted {
-        MacAddress mac;
+        Core::MacAddress mac;
         double weight = 0, latitude = 0, longitude = 0;
     };
 
@@ -213,7 +213,7 @@ class Parser {
             if (at[4] >= 0 && lower(trim(fields[at[4]])) != "wifi") {
                 continue;  // Bluetooth and cell rows are normal in an export
             }
-            auto mac = parseMacText(trim(fields[at[0]]));
+            auto mac = Core::parseMacText(trim(fields[at[0]]));
             auto rss = parseNumber(fields[at[1]]);
             auto latitude = parseNumber(fields[at[2]]), longitude = parseNumber(fields[at[3]]);
             if (!mac) {
@@ -260,4 +260,4 @@ ApCsvResult parseAccessPointCsv(std::string_view text) {
     return Parser(text).run();
 }
 
-}  // namespace ZEL::API
+}  // namespace ZEL::Tiles

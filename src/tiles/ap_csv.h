@@ -22,7 +22,7 @@
 
 #include "tiles/tile_writer.h"
 
-namespace ZEL::API {
+namespace ZEL::Tiles {
 
 struct CsvIssue {
     size_t line = 0;  // counted from 1
@@ -38,4 +38,4 @@ struct ApCsvResult {
 
 ApCsvResult parseAccessPointCsv(std::string_view text);
 
-}  // namespace ZEL::API
+}  // namespace ZEL::Tiles

@@ -10,7 +10,7 @@
 
 #include "tiles/tile_format.h"
 
-namespace ZEL::API {
+namespace ZEL::Tiles {
 
 class BitReader {
   public:
@@ -128,4 +128,4 @@ class BitReader {
     uint32_t bitPos_ = 0;
 };
 
-}  // namespace ZEL::API
+}  // namespace ZEL::Tiles

@@ -7,7 +7,7 @@
 
 #include "tiles/tile_format.h"
 
-namespace ZEL::API {
+namespace ZEL::Tiles {
 
 class BitWriter {
   public:
@@ -73,4 +73,4 @@ class BitWriter {
     uint64_t bitCount_ = 0;
 };
 
-}  // namespace ZEL::API
+}  // namespace ZEL::Tiles

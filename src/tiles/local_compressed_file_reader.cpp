@@ -17,12 +17,12 @@
 #include <algorithm>
 #include <new>
 
-#include "spi/file.h"
+#include "spi/platform.h"
 #include "spi/log.h"
 #include "tiles/tile.h"
 #include "tiles/tile_directory.h"
 
-namespace ZEL::API {
+namespace ZEL::Tiles {
 namespace {
 
 // Tiles sharing one key function, sorted by first key.
@@ -103,15 +103,15 @@ size_t TileGroup::countNotAbove(uint64_t key) const {
         return firstKeys.size();
     }
     size_t low = buckets[bucket];
-    return low + ZEL::API::countNotAbove(firstKeys.data() + low, buckets[bucket + 1] - low, key);
+    return low + Tiles::countNotAbove(firstKeys.data() + low, buckets[bucket + 1] - low, key);
 }
 
 class CompressedFileReader final : public LocalCompressedFileReader {
   public:
-    CompressedFileReader() : category_(SPI::getCategory("ZEL.API.LocalCompressedFileReader")) {}
+    CompressedFileReader() : category_(SPI::getLogger("ZEL.API.LocalCompressedFileReader")) {}
     ~CompressedFileReader() override { close(); }
 
-    ApRecord lookup(const MacAddress& mac) override;
+    ApRecord lookup(const Core::MacAddress& mac) override;
     bool open(const std::string& path, const std::string& realm) override;
     void close() override;
 
@@ -119,7 +119,7 @@ class CompressedFileReader final : public LocalCompressedFileReader {
     bool loadTiles();
     void buildGroups();
     // The key of `mac` in the tiles of `group`, computed once per lookup.
-    uint64_t groupKey(uint32_t group, const MacAddress& mac);
+    uint64_t groupKey(uint32_t group, const Core::MacAddress& mac);
     // Appends the tiles of `group` whose range holds `key` and whose recency is
     // below `recencyBelow` (those above were walked already).
     void collectCandidates(uint32_t group, uint64_t key, uint64_t recencyBelow);
@@ -130,7 +130,7 @@ class CompressedFileReader final : public LocalCompressedFileReader {
     // recent_.size()), the most recently found.
     void promote(size_t position, uint32_t tile);
 
-    log4cpp::Category& category_;
+    SPI::Logger& category_;
     std::string realm_;
     std::unique_ptr<SPI::File> file_;
     std::unique_ptr<SPI::FileMapping> mapping_;
@@ -160,7 +160,7 @@ bool CompressedFileReader::open(const std::string& path, const std::string& real
     ZEL_LOG_DEBUG(category_, "Opening %s for realm %s...", path.c_str(), realm.c_str());
     close();
     realm_ = realm;
-    file_ = SPI::createFile();
+    file_ = SPI::platform().newFile();
     if (!file_) {
         ZEL_LOG_ERROR(category_, "Couldn't instantiate File object");
         return false;
@@ -269,7 +269,7 @@ void CompressedFileReader::buildGroups() {
     lookupCount_ = 0;
 }
 
-uint64_t CompressedFileReader::groupKey(uint32_t group, const MacAddress& mac) {
+uint64_t CompressedFileReader::groupKey(uint32_t group, const Core::MacAddress& mac) {
     if (groupKeyLookups_[group] != lookupCount_) {
         groupKeyLookups_[group] = lookupCount_;
         groupKeys_[group] =
@@ -319,7 +319,7 @@ void CompressedFileReader::promote(size_t position, uint32_t tile) {
     }
 }
 
-ApRecord CompressedFileReader::lookup(const MacAddress& mac) {
+ApRecord CompressedFileReader::lookup(const Core::MacAddress& mac) {
     ApRecord record;
     if (!bitReader_ || tiles_.empty()) {
         return record;
@@ -389,4 +389,4 @@ std::unique_ptr<LocalCompressedFileReader> LocalCompressedFileReader::create() {
     return std::unique_ptr<LocalCompressedFileReader>(new (std::nothrow) CompressedFileReader());
 }
 
-}  // namespace ZEL::API
+}  // namespace ZEL::Tiles

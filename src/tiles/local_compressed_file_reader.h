@@ -8,9 +8,9 @@
 #include <memory>
 #include <string>
 
-#include "spi/scanned_ap.h"
+#include "core/scanned_ap.h"
 
-namespace ZEL::API {
+namespace ZEL::Tiles {
 
 // What the database holds per access point.
 struct StoredApData {
@@ -22,7 +22,7 @@ struct StoredApData {
 
 // A lookup result: the MAC it was found under (all zero when not found) and its data.
 struct ApRecord {
-    MacAddress mac{};
+    Core::MacAddress mac{};
     StoredApData data;
 };
 
@@ -36,7 +36,7 @@ class LocalCompressedFileReader {
     // The record of the first tile holding `mac`, with `mac` set to the one asked
     // for; otherwise (also when not open) the empty record. Not thread-safe: all
     // lookups share one bit cursor.
-    virtual ApRecord lookup(const MacAddress& mac) = 0;
+    virtual ApRecord lookup(const Core::MacAddress& mac) = 0;
 
     // Opens, maps and checks the file at `path` for `realm` (the realm decides the
     // digest the file must carry and the key form). Logs and returns false on any
@@ -47,4 +47,4 @@ class LocalCompressedFileReader {
     virtual void close() = 0;
 };
 
-}  // namespace ZEL::API
+}  // namespace ZEL::Tiles

@@ -4,7 +4,7 @@
 #include <bit>
 #include <cstring>
 
-namespace ZEL::API {
+namespace ZEL::Tiles {
 
 bool Tile::parse(uint32_t startByte, const std::string& realm, BitReader* bitReader,
                  uint32_t tileIndex) {
@@ -47,11 +47,11 @@ bool Tile::parse(uint32_t startByte, const std::string& realm, BitReader* bitRea
     return true;
 }
 
-uint64_t Tile::keyFor(const MacAddress& mac) const {
+uint64_t Tile::keyFor(const Core::MacAddress& mac) const {
     return TileFormat::keyFor(mac, latBase_, lonBase_, realm_);
 }
 
-bool Tile::find(const MacAddress& mac, ApRecord& record) const {
+bool Tile::find(const Core::MacAddress& mac, ApRecord& record) const {
     uint64_t key = keyFor(mac);
     if (!contains(key) || !findKey(key, record.data)) {
         return false;
@@ -267,4 +267,4 @@ uint32_t Tile::forEachRecord(
     return count;
 }
 
-}  // namespace ZEL::API
+}  // namespace ZEL::Tiles

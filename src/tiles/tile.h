@@ -10,7 +10,7 @@
 #include "tiles/bit_reader.h"
 #include "tiles/local_compressed_file_reader.h"
 
-namespace ZEL::API {
+namespace ZEL::Tiles {
 
 class Tile {
   public:
@@ -24,9 +24,9 @@ class Tile {
     bool contains(uint64_t key) const { return firstKey_ <= key && key <= lastKey_; }
     // The 48-bit key of `mac` in this tile: hashed with the bases when the realm
     // is not empty.
-    uint64_t keyFor(const MacAddress& mac) const;
+    uint64_t keyFor(const Core::MacAddress& mac) const;
     // Looks `mac` up; on success fills `record` (with `mac`) and returns true.
-    bool find(const MacAddress& mac, ApRecord& record) const;
+    bool find(const Core::MacAddress& mac, ApRecord& record) const;
     // The same for a key already computed by keyFor().
     bool findKey(uint64_t key, StoredApData& data) const { return decode(locate(key), key, data); }
     // The same, reading every field through the bounds-checked BitReader even where
@@ -95,4 +95,4 @@ class Tile {
     uint32_t tileIndex_ = 0;
 };
 
-}  // namespace ZEL::API
+}  // namespace ZEL::Tiles

@@ -4,7 +4,7 @@
 
 #include "tiles/tile_format.h"
 
-namespace ZEL::API {
+namespace ZEL::Tiles {
 namespace {
 
 uint32_t littleEndian(const uint8_t* bytes, int count) {
@@ -51,4 +51,4 @@ std::optional<std::vector<TileSpan>> readTileDirectory(const uint8_t* data, uint
     return tiles;
 }
 
-}  // namespace ZEL::API
+}  // namespace ZEL::Tiles

@@ -7,7 +7,7 @@
 #include <string_view>
 #include <vector>
 
-namespace ZEL::API {
+namespace ZEL::Tiles {
 
 struct TileSpan {
     uint32_t start = 0;  // byte offset of the tile
@@ -21,4 +21,4 @@ struct TileSpan {
 std::optional<std::vector<TileSpan>> readTileDirectory(const uint8_t* data, uint64_t size,
                                                        std::string_view realm);
 
-}  // namespace ZEL::API
+}  // namespace ZEL::Tiles

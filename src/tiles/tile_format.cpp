@@ -6,7 +6,7 @@
 #include <cmath>
 #include <cstring>
 
-namespace ZEL::API::TileFormat {
+namespace ZEL::Tiles::TileFormat {
 namespace {
 
 unsigned ceilLog2Plus(double degrees, unsigned precision) {
@@ -41,7 +41,7 @@ Digest realmDigest(std::string_view realm) {
     return digest;
 }
 
-uint64_t plainKey(const MacAddress& mac) {
+uint64_t plainKey(const Core::MacAddress& mac) {
     uint64_t key = 0;
     for (int i = 5; i >= 0; --i) {
         key = (key << 8) | mac[i];
@@ -49,7 +49,7 @@ uint64_t plainKey(const MacAddress& mac) {
     return key;
 }
 
-uint64_t hashedKey(const MacAddress& mac, int32_t latBase, int32_t lonBase,
+uint64_t hashedKey(const Core::MacAddress& mac, int32_t latBase, int32_t lonBase,
                    std::string_view realm) {
     static constexpr char kHex[] = "0123456789ABCDEF";
     char text[8 + 2 * 11];
@@ -70,4 +70,4 @@ uint64_t hashedKey(const MacAddress& mac, int32_t latBase, int32_t lonBase,
     return (high << 16) | (uint64_t{mac[1]} << 8) | mac[0];
 }
 
-}  // namespace ZEL::API::TileFormat
+}  // namespace ZEL::Tiles::TileFormat

@@ -58,7 +58,7 @@
 // A varint whose continuation bytes don't fit in the rest of the stream reads as
 // 0 with only b0 consumed.
 //
-// KEYS: 48 bits. Write the MAC in printed order M[0]..M[5] (MacAddress holds it
+// KEYS: 48 bits. Write the MAC in printed order M[0]..M[5] (Core::MacAddress holds it
 // reversed: mac[5] = M[0]).
 //   plain (empty realm):  M[0] * 2^40 + ... + M[5], i.e. the stored bytes read LE.
 //   hashed (any realm):   D = MD4(hex(M[0..3]) + dec(latBase) + dec(lonBase) + realm),
@@ -72,9 +72,9 @@
 #include <string>
 #include <string_view>
 
-#include "spi/scanned_ap.h"
+#include "core/scanned_ap.h"
 
-namespace ZEL::API::TileFormat {
+namespace ZEL::Tiles::TileFormat {
 
 constexpr std::array<uint8_t, 4> kMagic{'Z', 'E', 'L', '2'};
 constexpr uint32_t kDigestBytes = 16;
@@ -108,13 +108,13 @@ using Digest = std::array<uint8_t, kDigestBytes>;
 // MD4("ZEL2" + realm), the last 16 bytes of a file for `realm`.
 Digest realmDigest(std::string_view realm);
 
-uint64_t plainKey(const MacAddress& mac);
+uint64_t plainKey(const Core::MacAddress& mac);
 // Allocates nothing: the digest text is built on the stack.
-uint64_t hashedKey(const MacAddress& mac, int32_t latBase, int32_t lonBase, std::string_view realm);
+uint64_t hashedKey(const Core::MacAddress& mac, int32_t latBase, int32_t lonBase, std::string_view realm);
 // The key of `mac` in a tile with these bases: plain when `realm` is empty.
-inline uint64_t keyFor(const MacAddress& mac, int32_t latBase, int32_t lonBase,
+inline uint64_t keyFor(const Core::MacAddress& mac, int32_t latBase, int32_t lonBase,
                        std::string_view realm) {
     return realm.empty() ? plainKey(mac) : hashedKey(mac, latBase, lonBase, realm);
 }
 
-}  // namespace ZEL::API::TileFormat
+}  // namespace ZEL::Tiles::TileFormat

@@ -5,12 +5,12 @@
 #include <map>
 #include <unordered_set>
 
-#include "spi/file.h"
+#include "spi/platform.h"
 #include "spi/log.h"
 #include "tiles/bit_writer.h"
 #include "tiles/tile_format.h"
 
-namespace ZEL::API {
+namespace ZEL::Tiles {
 namespace {
 
 constexpr uint32_t kMaxBlockRecords = 496;  // 496 records of at most 132 bits fit 16 bits
@@ -19,7 +19,7 @@ constexpr uint32_t kMaxTiles = 0xFFFF;      // the tile count is 16 bits
 
 // An access point with its values in stored units.
 struct Quantized {
-    MacAddress mac;
+    Core::MacAddress mac;
     int64_t latCode;
     int64_t lonCode;
     uint32_t qualityCode;
@@ -53,7 +53,7 @@ int32_t nonZero(int64_t base) {
 class Builder {
   public:
     Builder(const std::string& realm, const TileWriterOptions& options)
-        : category_(SPI::getCategory("ZEL.API.TileWriter")), realm_(realm), options_(options) {}
+        : category_(SPI::getLogger("ZEL.API.TileWriter")), realm_(realm), options_(options) {}
 
     TileWriteResult run(const std::vector<AccessPointPosition>& input);
 
@@ -71,7 +71,7 @@ class Builder {
     std::vector<uint8_t> encodeTile(const TilePlan& tile) const;
     unsigned exponentBitsFor(const TilePlan& tile) const;
 
-    log4cpp::Category& category_;
+    SPI::Logger& category_;
     std::string realm_;
     TileWriterOptions options_;
     std::vector<Quantized> aps_;
@@ -101,10 +101,10 @@ std::string Builder::quantize(const std::vector<AccessPointPosition>& input) {
         const AccessPointPosition& ap = input[index];
         if (!(std::fabs(ap.latitude) <= 90.0) || !(std::fabs(ap.longitude) <= 180.0) ||
             !std::isfinite(ap.signalExponent)) {
-            return "access point " + macText(ap.mac) + " has an invalid position or exponent";
+            return "access point " + Core::macText(ap.mac) + " has an invalid position or exponent";
         }
         if (!seen.insert(TileFormat::plainKey(ap.mac)).second) {
-            ZEL_LOG_WARN(category_, "dropped %s: given more than once", macText(ap.mac).c_str());
+            ZEL_LOG_WARN(category_, "dropped %s: given more than once", Core::macText(ap.mac).c_str());
             ++dropped_;
             continue;
         }
@@ -261,8 +261,8 @@ TilePlan Builder::keyGroup(const std::vector<uint32_t>& members, bool count) {
                                 }
                                 if (count) {
                                     ZEL_LOG_WARN(category_, "dropped %s: its key collides with %s",
-                                                 macText(aps_[duplicate.ap].mac).c_str(),
-                                                 macText(aps_[kept.ap].mac).c_str());
+                                                 Core::macText(aps_[duplicate.ap].mac).c_str(),
+                                                 Core::macText(aps_[kept.ap].mac).c_str());
                                     ++dropped_;
                                 }
                                 return true;
@@ -386,7 +386,7 @@ TileWriteResult TileWriter::writeFile(const std::string& path,
     if (!result.ok) {
         return result;
     }
-    std::unique_ptr<SPI::File> file = SPI::createFile();
+    std::unique_ptr<SPI::File> file = SPI::platform().newFile();
     if (!file || file->open(path, SPI::File::kWrite | SPI::File::kCreate) != 0 ||
         file->write(result.bytes.data(), result.bytes.size()) != result.bytes.size() ||
         file->close() != 0) {
@@ -398,4 +398,4 @@ TileWriteResult TileWriter::writeFile(const std::string& path,
     return result;
 }
 
-}  // namespace ZEL::API
+}  // namespace ZEL::Tiles

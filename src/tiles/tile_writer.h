@@ -1,7 +1,7 @@
 // Writes tile files (tile_format.h) from access-point positions.
 //
-//   std::vector<ZEL::API::AccessPointPosition> aps = {{mac, 48.137, 11.575, 40, 0.3}, ...};
-//   auto result = ZEL::API::TileWriter::writeFile("city.zel", aps, "realm");
+//   std::vector<Tiles::AccessPointPosition> aps = {{mac, 48.137, 11.575, 40, 0.3}, ...};
+//   auto result = Tiles::TileWriter::writeFile("city.zel", aps, "realm");
 //   if (!result.ok) { ... result.error ... }
 //
 // Layout: in the plain form (empty realm) a key is the MAC itself, so tiles are
@@ -29,12 +29,12 @@
 #include <string>
 #include <vector>
 
-#include "spi/scanned_ap.h"
+#include "core/scanned_ap.h"
 
-namespace ZEL::API {
+namespace ZEL::Tiles {
 
 struct AccessPointPosition {
-    MacAddress mac{};              // stored last octet first, like every MacAddress
+    Core::MacAddress mac{};              // stored last octet first, like every Core::MacAddress
     double latitude = 0.0;         // degrees, -90..90
     double longitude = 0.0;        // degrees, -180..180
     uint32_t quality = 50;         // stored as 18..145
@@ -73,4 +73,4 @@ class TileWriter {
                                      const TileWriterOptions& options = {});
 };
 
-}  // namespace ZEL::API
+}  // namespace ZEL::Tiles

@@ -10,13 +10,13 @@ namespace ZEL::Testing {
 
 void EngineTest::SetUp() {
     scopedClock_ = std::make_unique<SPI::ScopedClock>(clock_);
-    API::resetLocationHistoriesForTesting();
+    Local::resetLocationHistoriesForTesting();
     API::locationCache().clear();
-    SPI::Wifi::setAdapterEnumerator(scriptedEnumerator(script_));
+    SPI::setAdapterEnumerator(scriptedEnumerator(script_));
 
-    std::vector<API::AccessPointPosition> positions;
+    std::vector<Tiles::AccessPointPosition> positions;
     for (size_t i = 0; i < std::size(kKnown); ++i) {
-        API::AccessPointPosition position;
+        Tiles::AccessPointPosition position;
         position.mac = ap(kKnown[i], 0).mac;
         position.latitude = 48.137 + 0.0002 * static_cast<double>(i);
         position.longitude = 11.575 + 0.0003 * static_cast<double>(i % 2);
@@ -27,7 +27,7 @@ void EngineTest::SetUp() {
     const auto* test = ::testing::UnitTest::GetInstance()->current_test_info();
     tilePath_ =
         ::testing::TempDir() + "engine_" + test->test_suite_name() + "_" + test->name() + ".zel";
-    auto written = API::TileWriter::writeFile(tilePath_, positions, kRealm);
+    auto written = Tiles::TileWriter::writeFile(tilePath_, positions, kRealm);
     ASSERT_TRUE(written.ok) << written.error;
     const char* paths[] = {tilePath_.c_str(), nullptr};
     API::localDetermination().setLocalFilesPath(paths);
@@ -39,21 +39,21 @@ void EngineTest::SetUp() {
 }
 
 void EngineTest::TearDown() {
-    SPI::Wifi::setAdapterEnumerator({});
+    SPI::setAdapterEnumerator({});
     API::localDetermination().setLocalFilesPath(nullptr);
     API::remoteDetermination().setServerUrl("");
     std::remove(tilePath_.c_str());
 }
 
-ApList EngineTest::knownScan(size_t count, int16_t rss) {
-    ApList scan;
+Core::ApList EngineTest::knownScan(size_t count, int16_t rss) {
+    Core::ApList scan;
     for (size_t i = 0; i < count; ++i) {
         scan.push_back(ap(kKnown[i], rss));
     }
     return scan;
 }
 
-void EngineTest::repeatScan(const ApList& scan, size_t count) {
+void EngineTest::repeatScan(const Core::ApList& scan, size_t count) {
     for (size_t i = 0; i < count; ++i) {
         script_->scans.push_back(scan);
     }
@@ -62,14 +62,14 @@ void EngineTest::repeatScan(const ApList& scan, size_t count) {
 std::string EngineTest::locationAnswer(int nap, const std::string& city) {
     std::string address =
         city.empty() ? "" : "<street-address><city>" + city + "</city></street-address>";
-    return "<?xml version='1.0'?><LocationRS xmlns='" + std::string(API::kRequestNamespaceUri) +
+    return "<?xml version='1.0'?><LocationRS xmlns='" + std::string(Remote::kRequestNamespaceUri) +
            "'><location nap='" + std::to_string(nap) +
            "'><latitude>52.52</latitude><longitude>13.405</longitude><hpe>42</hpe>" + address +
            "</location></LocationRS>";
 }
 
 std::string EngineTest::errorAnswer() {
-    return "<?xml version='1.0'?><LocationRS xmlns='" + std::string(API::kRequestNamespaceUri) +
+    return "<?xml version='1.0'?><LocationRS xmlns='" + std::string(Remote::kRequestNamespaceUri) +
            "'><error/></LocationRS>";
 }
 

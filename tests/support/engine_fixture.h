@@ -26,10 +26,10 @@ class EngineTest : public ::testing::Test {
     void TearDown() override;
 
     // A scan of the first `count` known APs, each at `rss` dBm.
-    static ApList knownScan(size_t count, int16_t rss = -60);
+    static Core::ApList knownScan(size_t count, int16_t rss = -60);
 
     // `count` scans of the same APs.
-    void repeatScan(const ApList& scan, size_t count);
+    void repeatScan(const Core::ApList& scan, size_t count);
 
     // A location answer of the server with `nap` APs and, optionally, a city.
     static std::string locationAnswer(int nap, const std::string& city = "");

@@ -9,10 +9,10 @@
 
 namespace ZEL::Testing {
 
-using API::BitWriter;
+using Tiles::BitWriter;
 
 std::vector<uint8_t> encodeHandTile(const HandTile& tile) {
-    BitWriter records;
+    Tiles::BitWriter records;
     std::vector<uint64_t> blockBits;
     size_t recordCount = 0;
     for (const HandBlock& block : tile.blocks) {
@@ -27,7 +27,7 @@ std::vector<uint8_t> encodeHandTile(const HandTile& tile) {
         }
         blockBits.push_back(records.bitCount() - start);
     }
-    BitWriter out;
+    Tiles::BitWriter out;
     out.write(tile.precision, 3);
     out.writeSigned(tile.latBase, tile.precision + 19);
     out.writeSigned(tile.lonBase, tile.precision + 20);
@@ -51,7 +51,7 @@ std::vector<uint8_t> encodeHandTile(const HandTile& tile) {
 
 std::vector<uint8_t> handFile(const std::vector<std::vector<uint8_t>>& tiles,
                               const std::string& realm) {
-    BitWriter out;
+    Tiles::BitWriter out;
     for (char c : std::string("ZEL2")) {
         out.write(static_cast<uint8_t>(c), 8);
     }
@@ -62,7 +62,7 @@ std::vector<uint8_t> handFile(const std::vector<std::vector<uint8_t>>& tiles,
         out.write(tile.size(), 32);
     }
     out.write(tiles.size(), 16);
-    for (uint8_t byte : API::TileFormat::realmDigest(realm)) {
+    for (uint8_t byte : Tiles::TileFormat::realmDigest(realm)) {
         out.write(byte, 8);
     }
     return out.take();

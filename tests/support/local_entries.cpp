@@ -13,16 +13,16 @@ double longitudeAt(double eastMetres) {
            eastMetres / (kMetresPerDegree * std::cos(kBaseLatitude * 0.0174532925));
 }
 
-MacAddress testMac(int number) {
-    MacAddress mac{};
+Core::MacAddress testMac(int number) {
+    Core::MacAddress mac{};
     mac[0] = static_cast<uint8_t>(number);
     mac[1] = static_cast<uint8_t>(number >> 8);
     return mac;
 }
 
-API::LocalApEntry entryAt(int number, double northMetres, double eastMetres, int32_t rss,
+Local::LocalApEntry entryAt(int number, double northMetres, double eastMetres, int32_t rss,
                           uint32_t quality, double signalExponent) {
-    API::LocalApEntry entry;
+    Local::LocalApEntry entry;
     entry.mac = testMac(number);
     entry.latitude = latitudeAt(northMetres);
     entry.longitude = longitudeAt(eastMetres);
@@ -32,12 +32,12 @@ API::LocalApEntry entryAt(int number, double northMetres, double eastMetres, int
     return entry;
 }
 
-API::LocationRecord recordAt(double northMetres, double eastMetres, uint64_t timeMs, double speed,
+Core::LocationRecord recordAt(double northMetres, double eastMetres, uint64_t timeMs, double speed,
                              double bearing) {
-    API::LocationRecord record;
+    Core::LocationRecord record;
     record.latitude = latitudeAt(northMetres);
     record.longitude = longitudeAt(eastMetres);
-    record.time = SPI::TimeStamp::fromMilliseconds(timeMs);
+    record.time = Core::TimeStamp::fromMilliseconds(timeMs);
     record.speed = speed;
     record.bearing = bearing;
     return record;

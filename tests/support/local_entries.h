@@ -5,7 +5,7 @@
 #include <cstdint>
 #include <string>
 
-#include "api/location_record.h"
+#include "core/location_record.h"
 #include "local/stored_ap_lookup.h"
 
 namespace ZEL::Testing {
@@ -20,14 +20,14 @@ double latitudeAt(double northMetres);
 double longitudeAt(double eastMetres);
 
 // The MAC 0000000000NN (printed form) for small numbers.
-MacAddress testMac(int number);
+Core::MacAddress testMac(int number);
 
 // An entry heard now at `rss`, placed `north`/`east` metres from the base point.
-API::LocalApEntry entryAt(int number, double northMetres, double eastMetres, int32_t rss = -60,
+Local::LocalApEntry entryAt(int number, double northMetres, double eastMetres, int32_t rss = -60,
                           uint32_t quality = 50, double signalExponent = 0.5);
 
 // A record at the given offset, time and speed.
-API::LocationRecord recordAt(double northMetres, double eastMetres, uint64_t timeMs,
+Core::LocationRecord recordAt(double northMetres, double eastMetres, uint64_t timeMs,
                              double speed = 0.0, double bearing = 0.0);
 
 // The point `metres` away from (latitude, longitude) in the direction `bearing`

@@ -21,8 +21,8 @@ struct TileFile {
     }
 };
 
-std::vector<API::AccessPointPosition> storedAps() {
-    std::vector<API::AccessPointPosition> aps;
+std::vector<Tiles::AccessPointPosition> storedAps() {
+    std::vector<Tiles::AccessPointPosition> aps;
     for (int i = 1; i <= 12; ++i) {
         const double north = (i % 4) * 20.0 - 30.0;
         const double east = (i / 4) * 25.0 - 30.0;
@@ -53,7 +53,7 @@ const std::string& TestLocationServer::tilePath() {
         TileFile made{(std::filesystem::temp_directory_path() /
                        ("zel-server-test-" + std::to_string(::getpid()) + ".zel"))
                           .string()};
-        const auto result = API::TileWriter::writeFile(made.path, storedAps(), kServerRealm);
+        const auto result = Tiles::TileWriter::writeFile(made.path, storedAps(), kServerRealm);
         EXPECT_TRUE(result.ok) << result.error;
         return made;
     }();

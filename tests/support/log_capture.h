@@ -1,21 +1,20 @@
 // Captures what one log category writes, for tests that check messages.
 #pragma once
 
-#include <log4cpp/AppenderSkeleton.hh>
-#include <log4cpp/Category.hh>
-
 #include <string>
 #include <vector>
+
+#include "spi/log.h"
 
 namespace ZEL::Testing {
 
 struct LoggedMessage {
-    log4cpp::Priority::Value priority;
+    SPI::LogPriority priority;
     std::string text;
 };
 
-// While alive, records every message of `category` at DEBUG and above (and keeps
-// it from reaching other appenders); restores the category's settings afterwards.
+// While alive, records every message of `category` at every priority instead of
+// writing it; the category writes to its back end again afterwards.
 class LogCapture {
   public:
     explicit LogCapture(const std::string& category);
@@ -27,15 +26,11 @@ class LogCapture {
     // The texts only, in order.
     std::vector<std::string> texts() const;
     // How many messages equal `text` at `priority`.
-    size_t count(log4cpp::Priority::Value priority, const std::string& text) const;
+    size_t count(SPI::LogPriority priority, const std::string& text) const;
     bool contains(const std::string& text) const;
 
   private:
-    class Appender;
-    log4cpp::Category& category_;
-    log4cpp::Priority::Value oldPriority_;
-    bool oldAdditivity_;
-    Appender* appender_;  // owned by the category while attached
+    SPI::Logger& logger_;
     std::vector<LoggedMessage> messages_;
 };
 

@@ -26,7 +26,7 @@ int ScriptedWifiAdapter::startScan() {
     return nextFails(script_->failStart) ? 21 : 0;
 }
 
-int ScriptedWifiAdapter::getScanResults(ApList& list) {
+int ScriptedWifiAdapter::getScanResults(Core::ApList& list) {
     script_->calls.push_back("get");
     list.clear();
     if (nextFails(script_->failGet)) {
@@ -39,20 +39,20 @@ int ScriptedWifiAdapter::getScanResults(ApList& list) {
     return 0;
 }
 
-SPI::Wifi::AdapterEnumerator scriptedEnumerator(std::shared_ptr<AdapterScript> script) {
+SPI::AdapterEnumerator scriptedEnumerator(std::shared_ptr<AdapterScript> script) {
     return [script] {
-        SPI::Wifi::AdapterList adapters;
+        SPI::AdapterList adapters;
         adapters.push_back(std::make_unique<ScriptedWifiAdapter>(script));
         return adapters;
     };
 }
 
-ScannedAP ap(const char* text, int16_t rss) {
-    auto mac = parseMacText(text);
+Core::ScannedAP ap(const char* text, int16_t rss) {
+    auto mac = Core::parseMacText(text);
     if (!mac) {
         throw std::invalid_argument(std::string("bad MAC in test: ") + text);
     }
-    ScannedAP record;
+    Core::ScannedAP record;
     record.mac = *mac;
     record.rss = rss;
     return record;

@@ -15,14 +15,14 @@ namespace ZEL::Testing {
 struct AdapterScript {
     // Results of successive getScanResults calls; a failure when `failGet` says so.
     // When the script runs out, scans return no AP.
-    std::deque<ApList> scans;
+    std::deque<Core::ApList> scans;
     std::deque<bool> failOpen;       // successive open() results: true = fail
     std::deque<bool> failStart;      // successive startScan() results
     std::deque<bool> failGet;        // successive getScanResults() results
     std::vector<std::string> calls;  // "open", "close", "start", "get", "destroy"
 };
 
-class ScriptedWifiAdapter final : public SPI::Wifi::WifiAdapter {
+class ScriptedWifiAdapter final : public SPI::WifiAdapter {
   public:
     explicit ScriptedWifiAdapter(std::shared_ptr<AdapterScript> script)
         : script_(std::move(script)) {}
@@ -32,16 +32,16 @@ class ScriptedWifiAdapter final : public SPI::Wifi::WifiAdapter {
     int open() override;
     void close() override { script_->calls.push_back("close"); }
     int startScan() override;
-    int getScanResults(ApList& list) override;
+    int getScanResults(Core::ApList& list) override;
 
   private:
     std::shared_ptr<AdapterScript> script_;
 };
 
 // An enumerator yielding one scripted adapter over `script`.
-SPI::Wifi::AdapterEnumerator scriptedEnumerator(std::shared_ptr<AdapterScript> script);
+SPI::AdapterEnumerator scriptedEnumerator(std::shared_ptr<AdapterScript> script);
 
 // A scan record for tests: MAC given as printed text, RSS in dBm.
-ScannedAP ap(const char* macText, int16_t rss);
+Core::ScannedAP ap(const char* macText, int16_t rss);
 
 }  // namespace ZEL::Testing

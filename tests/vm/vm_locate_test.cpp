@@ -15,14 +15,14 @@
 
 #include "local/location_determination_private.h"
 #include "local/location_history.h"
-#include "spi/scanned_ap.h"
+#include "core/scanned_ap.h"
 #include "tiles/tile_writer.h"
 
 namespace ZEL::API {
 namespace {
 
 struct VmAp {
-    MacAddress mac;
+    Core::MacAddress mac;
     int rss;
 };
 
@@ -35,7 +35,7 @@ std::vector<VmAp> configuredAps() {
     while (std::getline(file, line)) {
         std::istringstream fields(line);
         if (fields >> interface >> bssid >> ssid >> channel >> rss) {
-            aps.push_back({parseMacText(bssid).value(), rss});
+            aps.push_back({Core::parseMacText(bssid).value(), rss});
         }
     }
     return aps;
@@ -81,32 +81,32 @@ TEST(VmLocate, ZelLocateGivesTheEstimatorsPositionForTheHeardScan) {
     ASSERT_GE(aps.size(), 3u);
 
     // The access points about 40 m apart around 46.01 N 8.95 E.
-    std::vector<AccessPointPosition> positions;
-    ApList scan;
+    std::vector<Tiles::AccessPointPosition> positions;
+    Core::ApList scan;
     for (size_t i = 0; i < aps.size(); ++i) {
-        AccessPointPosition position;
+        Tiles::AccessPointPosition position;
         position.mac = aps[i].mac;
         position.latitude = 46.01 + 0.0003 * static_cast<double>(i);
         position.longitude = 8.95 + 0.0004 * static_cast<double>(i % 2);
         position.quality = 30;
         positions.push_back(position);
-        ScannedAP heard;
+        Core::ScannedAP heard;
         heard.mac = aps[i].mac;
         heard.rss = static_cast<int16_t>(aps[i].rss);
         scan.push_back(heard);
     }
     const std::string database = "/tmp/vm-aps.zel";
-    auto written = TileWriter::writeFile(database, positions, "");
+    auto written = Tiles::TileWriter::writeFile(database, positions, "");
     ASSERT_TRUE(written.ok) << written.error;
     chmod(database.c_str(), 0644);
 
     // What the estimator makes of that scan, on a first call with no history.
-    resetLocationHistoriesForTesting();
-    LocationDeterminationPrivate local;
+    Local::resetLocationHistoriesForTesting();
+    Local::LocationDeterminationPrivate local;
     const char* paths[] = {database.c_str(), nullptr};
     local.setLocalFilesPath(paths);
     local.prepare(ZEL_Authentication{"", ""});
-    LocationRecord expected;
+    Core::LocationRecord expected;
     ASSERT_EQ(local.determine(nullptr, scan, expected), 0);
     local.release();
     std::printf("estimator: %.9f %.9f +/-%.1f m from %u APs\n", expected.latitude, expected.longitude,

@@ -40,7 +40,7 @@ std::string configPath(const char* name) {
     return std::string(directory ? directory : "/etc/zel-vm") + "/" + name;
 }
 
-// MAC text as printed by macText -> what the station must hear there.
+// MAC text as printed by Core::macText -> what the station must hear there.
 std::map<std::string, ExpectedAp> expectedAps() {
     std::map<std::string, ExpectedAp> aps;
     std::ifstream file(configPath("aps"));
@@ -50,7 +50,7 @@ std::map<std::string, ExpectedAp> expectedAps() {
         ExpectedAp ap;
         std::string bssid;
         if (fields >> ap.interface >> bssid >> ap.ssid >> ap.channel >> ap.rss) {
-            aps[macText(parseMacText(bssid).value())] = ap;
+            aps[Core::macText(Core::parseMacText(bssid).value())] = ap;
         }
     }
     return aps;
@@ -75,14 +75,14 @@ std::unique_ptr<WifiAdapter> stationAdapter() {
 
 // Checks that `list` holds exactly the configured access points with their
 // signals, and prints what was heard.
-void expectExactlyTheAccessPoints(const ApList& list, const char* label) {
+void expectExactlyTheAccessPoints(const Core::ApList& list, const char* label) {
     auto expected = expectedAps();
     ASSERT_FALSE(expected.empty()) << "no access points configured";
-    std::map<std::string, const ScannedAP*> heard;
-    for (const ScannedAP& ap : list) {
-        std::printf("%s: heard %s %d dBm \"%s\"\n", label, macText(ap.mac).c_str(), ap.rss,
+    std::map<std::string, const Core::ScannedAP*> heard;
+    for (const Core::ScannedAP& ap : list) {
+        std::printf("%s: heard %s %d dBm \"%s\"\n", label, Core::macText(ap.mac).c_str(), ap.rss,
                     ap.ssidText().c_str());
-        EXPECT_TRUE(heard.emplace(macText(ap.mac), &ap).second) << "twice: " << macText(ap.mac);
+        EXPECT_TRUE(heard.emplace(Core::macText(ap.mac), &ap).second) << "twice: " << Core::macText(ap.mac);
     }
     for (const auto& [mac, ap] : expected) {
         auto found = heard.find(mac);
@@ -117,13 +117,13 @@ TEST(VmScan, HearsExactlyTheAccessPointsWithTheirSignals) {
     ASSERT_TRUE(adapter);
     ASSERT_EQ(adapter->open(), 0);
     Testing::LogCapture log(kCategory);
-    TimeStamp before = currentTime();
+    Core::TimeStamp before = currentTime();
     ASSERT_EQ(adapter->startScan(), 0);
-    ApList list;
+    Core::ApList list;
     ASSERT_EQ(adapter->getScanResults(list), 0);
-    TimeStamp after = currentTime();
+    Core::TimeStamp after = currentTime();
     expectExactlyTheAccessPoints(list, "scan");
-    for (const ScannedAP& ap : list) {
+    for (const Core::ScannedAP& ap : list) {
         // Heard in this scan or one of the VM's set-up scans: the kernel keeps a
         // BSS for 30 s, and its age places it in that window, never in the future.
         EXPECT_GE(ap.time.totalMilliseconds() + 30000, before.totalMilliseconds());
@@ -151,8 +151,8 @@ TEST(VmScan, SecondStartBeforeResultsIsAlreadyInProgress) {
     ASSERT_EQ(adapter->startScan(), 0);
     EXPECT_EQ(adapter->startScan(), 0);
     EXPECT_EQ(
-        log.count(log4cpp::Priority::DEBUG, adapter->name() + ": scan already in progress..."), 1u);
-    ApList list;
+        log.count(SPI::LogPriority::kDebug, adapter->name() + ": scan already in progress..."), 1u);
+    Core::ApList list;
     ASSERT_EQ(adapter->getScanResults(list), 0);
     expectExactlyTheAccessPoints(list, "repeated start");
     // Reading the results gave the scan lock back.
@@ -170,10 +170,10 @@ TEST(VmScan, SecondAdapterWaitsForTheScanUnderWay) {
     ASSERT_EQ(first->startScan(), 0);
     ASSERT_EQ(second->startScan(), 0);
     EXPECT_TRUE(log.contains(second->name() + ": another process is scanning"));
-    ApList secondList, firstList;
+    Core::ApList secondList, firstList;
     ASSERT_EQ(second->getScanResults(secondList), 0);
     ASSERT_EQ(first->getScanResults(firstList), 0);
-    EXPECT_EQ(log.count(log4cpp::Priority::DEBUG, first->name() + ": scan finished"), 2u);
+    EXPECT_EQ(log.count(SPI::LogPriority::kDebug, first->name() + ": scan finished"), 2u);
     expectExactlyTheAccessPoints(secondList, "waiting adapter");
     expectExactlyTheAccessPoints(firstList, "scanning adapter");
 }
@@ -192,7 +192,7 @@ TEST(VmScan, WithoutPrivilegeReadsTheKernelsCachedResults) {
         if (setgid(65534) == 0 && setuid(65534) == 0) {
             Testing::LogCapture log(kCategory);
             auto adapter = stationAdapter();
-            ApList list;
+            Core::ApList list;
             bool scanned = adapter && adapter->open() == 0;
             for (int round = 0; scanned && round < 2; ++round) {
                 scanned = adapter->startScan() == 0 && adapter->getScanResults(list) == 0;
@@ -205,8 +205,8 @@ TEST(VmScan, WithoutPrivilegeReadsTheKernelsCachedResults) {
             report = std::to_string(scanned) + " " + std::to_string(refusals) + " " +
                      ScanLock::defaultPath();
             std::map<std::string, int> heard;  // sorted, as expectedAps() is
-            for (const ScannedAP& ap : list) {
-                heard[macText(ap.mac)] = ap.rss;
+            for (const Core::ScannedAP& ap : list) {
+                heard[Core::macText(ap.mac)] = ap.rss;
             }
             for (const auto& [mac, rss] : heard) {
                 report += " " + mac + "=" + std::to_string(rss);
@@ -242,8 +242,8 @@ TEST(VmScan, ScanLoopDeliversTheScan) {
     API::ScanLoop loop;
     int calls = 0;
     int result = loop.run(500, 2,
-                          [&](const API::ScanLoopState&, int code, const API::RecentApList&,
-                              const ApList& fresh, const ApList&) {
+                          [&](const API::ScanLoopState&, int code, const Core::RecentApList&,
+                              const Core::ApList& fresh, const Core::ApList&) {
                               ++calls;
                               EXPECT_EQ(code, 0);
                               expectExactlyTheAccessPoints(fresh, "scan loop");

@@ -3,8 +3,6 @@
 //
 // Runs until SIGTERM or SIGINT, then finishes the exchanges under way and exits 0.
 // Exit status 2: bad options or data that cannot be loaded.
-#include <log4cpp/OstreamAppender.hh>
-#include <log4cpp/PatternLayout.hh>
 
 #include <CLI/CLI.hpp>
 #include <csignal>
@@ -73,25 +71,17 @@ void addOptions(CLI::App& app, Arguments& a) {
 
 // Diagnostics go to standard error unless a log4cpp.properties file set them up.
 void setUpLogging(bool verbose) {
-    log4cpp::Category& server = ZEL::SPI::getCategory("ZEL.Server");
-    log4cpp::Category& root = log4cpp::Category::getRoot();
-    if (!root.getAllAppenders().empty()) {
+    using ZEL::SPI::LogPriority;
+    if (!ZEL::SPI::logToStandardError(LogPriority::kWarn)) {
         return;
     }
-    auto* appender = new log4cpp::OstreamAppender("stderr", &std::cerr);
-    auto* layout = new log4cpp::PatternLayout();
-    layout->setConversionPattern("%d{%Y-%m-%d %H:%M:%S} %p %c: %m%n");
-    appender->setLayout(layout);
-    root.addAppender(appender);
-    root.setPriority(log4cpp::Priority::WARN);
-    server.setPriority(verbose ? log4cpp::Priority::DEBUG : log4cpp::Priority::INFO);
+    ZEL::SPI::getLogger("ZEL.Server").setPriority(verbose ? LogPriority::kDebug : LogPriority::kInfo);
     // The estimator's per-request complaints about implausible signals would
     // flood the log; they are shown only when asked for.
     // Likewise the XML parser's line for every malformed request, which the
     // service reports itself.
     for (const char* noisy : {"ZEL.Server.LocationService.Estimate", "ZEL.SPI.XML"}) {
-        ZEL::SPI::getCategory(noisy).setPriority(verbose ? log4cpp::Priority::DEBUG
-                                                         : log4cpp::Priority::FATAL);
+        ZEL::SPI::getLogger(noisy).setPriority(verbose ? LogPriority::kDebug : LogPriority::kFatal);
     }
 }
 

@@ -11,8 +11,8 @@
 #include "local/location_determination_private.h"
 #include "local/position_estimate.h"
 #include "local/scan_recording.h"
-#include "local/sim/accuracy.h"
-#include "local/sim/simulated_walk.h"
+#include "sim/accuracy.h"
+#include "sim/simulated_walk.h"
 #include "spi/time/manual_clock.h"
 
 namespace {
@@ -27,17 +27,17 @@ struct Arguments {
     bool json = false;
 };
 
-void printApList(const char* name, const ApList& aps) {
+void printApList(const char* name, const Core::ApList& aps) {
     std::printf(",\"%s\":[", name);
     for (size_t i = 0; i < aps.size(); ++i) {
-        std::printf("%s{\"mac\":\"%s\",\"rss\":%d}", i == 0 ? "" : ",", macText(aps[i].mac).c_str(),
+        std::printf("%s{\"mac\":\"%s\",\"rss\":%d}", i == 0 ? "" : ",", Core::macText(aps[i].mac).c_str(),
                     aps[i].rss);
     }
     std::printf("]");
 }
 
 void printResult(const Arguments& arguments, uint64_t timeMs, int code,
-                 const API::LocationRecord& record, const double* errorMetres) {
+                 const Core::LocationRecord& record, const double* errorMetres) {
     const auto time = static_cast<unsigned long long>(timeMs);
     if (arguments.json) {
         std::printf(
@@ -107,7 +107,7 @@ std::map<uint64_t, Sim::TruthPoint> readTruth(const std::string& path, bool& ok)
 size_t checkDatabases(const Arguments& arguments) {
     size_t usable = 0;
     for (const std::string& path : arguments.databases) {
-        auto reader = API::LocalCompressedFileReader::create();
+        auto reader = Tiles::LocalCompressedFileReader::create();
         if (reader != nullptr && reader->open(path, arguments.realm)) {
             ++usable;
         } else {
@@ -136,18 +136,12 @@ int run(const Arguments& arguments) {
 
     SPI::ManualClock clock;
     SPI::ScopedClock scopedClock(clock);
-    API::LocationDeterminationPrivate determination;
-    std::vector<const char*> paths;
-    for (const std::string& path : arguments.databases) {
-        paths.push_back(path.c_str());
-    }
-    paths.push_back(nullptr);
-    determination.setLocalFilesPath(paths.data());
-    const ZEL_Authentication authentication{nullptr, arguments.realm.c_str()};
-    determination.prepare(authentication);
+    Local::LocationDeterminationPrivate determination;
+    determination.setLocalFilesPath(arguments.databases);
+    determination.prepare(arguments.realm);
 
     Sim::AccuracyTally tally;
-    API::ScanRecordingReader reader(in);
+    Local::ScanRecordingReader reader(in);
     while (auto item = reader.next()) {
         if (!item->scan) {
             std::fprintf(stderr, "%s:%zu: %s (skipped)\n", arguments.scans.c_str(), item->line,
@@ -155,13 +149,13 @@ int run(const Arguments& arguments) {
             continue;
         }
         clock.set(item->scan->timeMs);
-        API::LocationRecord record;
-        const int code = determination.determine(nullptr, item->scan->aps, record);
+        Core::LocationRecord record;
+        const int code = Core::toInt(determination.determine(nullptr, item->scan->aps, record));
         auto known = truth.find(item->scan->timeMs);
         double error = 0.0;
         if (known != truth.end()) {
             if (code == 0) {
-                error = API::greatCircleDistance(record.latitude, record.longitude,
+                error = Local::greatCircleDistance(record.latitude, record.longitude,
                                                  known->second.latitude, known->second.longitude);
                 tally.addFix(error, record.hpe);
             } else {
@@ -178,7 +172,7 @@ int run(const Arguments& arguments) {
     return 0;
 }
 
-const zel::cli::Registrar registrar{
+const ZEL::Cli::Registrar registrar{
     "determine", [](CLI::App& app) {
         auto arguments = std::make_shared<Arguments>();
         CLI::App* command = app.add_subcommand(
@@ -191,7 +185,7 @@ const zel::cli::Registrar registrar{
         command->add_option("--truth", arguments->truth,
                             "True positions (CSV from zel sim walk): adds errors and a summary");
         command->add_flag("--json", arguments->json, "One JSON object per line");
-        command->callback([arguments] { zel::cli::setExitStatus(run(*arguments)); });
+        command->callback([arguments] { ZEL::Cli::setExitStatus(run(*arguments)); });
     }};
 
 }  // namespace

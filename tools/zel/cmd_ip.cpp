@@ -4,7 +4,7 @@
 #include "location_output.h"
 #include "service_options.h"
 
-namespace zel::cli {
+namespace ZEL::Cli {
 namespace {
 
 const Registrar registrar{
@@ -25,4 +25,4 @@ const Registrar registrar{
     }};
 
 }  // namespace
-}  // namespace zel::cli
+}  // namespace ZEL::Cli

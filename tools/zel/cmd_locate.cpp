@@ -6,7 +6,7 @@
 #include "replay_source.h"
 #include "service_options.h"
 
-namespace zel::cli {
+namespace ZEL::Cli {
 namespace {
 
 struct LocateOptions : ServiceOptions {
@@ -39,4 +39,4 @@ const Registrar registrar{
     }};
 
 }  // namespace
-}  // namespace zel::cli
+}  // namespace ZEL::Cli

@@ -5,7 +5,7 @@
 #include "location_output.h"
 #include "service_options.h"
 
-namespace zel::cli {
+namespace ZEL::Cli {
 namespace {
 
 struct RegisterOptions : ServiceOptions {
@@ -40,4 +40,4 @@ const Registrar registrar{
     }};
 
 }  // namespace
-}  // namespace zel::cli
+}  // namespace ZEL::Cli

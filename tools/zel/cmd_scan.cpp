@@ -4,7 +4,7 @@
 #include <cstdio>
 
 #include "command.h"
-#include "spi/clock.h"
+#include "spi/platform.h"
 #include "spi/wifi_adapter.h"
 
 namespace {
@@ -14,13 +14,13 @@ constexpr int kAdapterFailure = 2;
 
 int scanOnce(bool json) {
     using namespace ZEL;
-    SPI::Wifi::AdapterList adapters = SPI::Wifi::enumerateAdapters();
+    SPI::AdapterList adapters = SPI::platform().wifiAdapters();
     if (adapters.empty()) {
         std::fprintf(stderr, "zel scan: couldn't find any Wi-Fi adapters\n");
         return kAdapterFailure;
     }
-    SPI::Wifi::WifiAdapter& adapter = *adapters.front();
-    ApList list;
+    SPI::WifiAdapter& adapter = *adapters.front();
+    Core::ApList list;
     int error = adapter.open();
     if (error == 0 && (error = adapter.startScan()) == 0) {
         error = adapter.getScanResults(list);
@@ -34,8 +34,8 @@ int scanOnce(bool json) {
     if (json) {
         // The scan-recording line: the scan's time and its APs.
         nlohmann::json aps = nlohmann::json::array();
-        for (const ScannedAP& ap : list) {
-            aps.push_back({{"mac", macText(ap.mac)}, {"rss", ap.rss}, {"ssid", ap.ssidText()}});
+        for (const Core::ScannedAP& ap : list) {
+            aps.push_back({{"mac", Core::macText(ap.mac)}, {"rss", ap.rss}, {"ssid", ap.ssidText()}});
         }
         nlohmann::json line = {{"adapter", adapter.name()},
                                {"t_ms", SPI::currentTime().totalMilliseconds()},
@@ -45,20 +45,20 @@ int scanOnce(bool json) {
         return 0;
     }
     std::printf("%s: %zu APs\n", adapter.name().c_str(), list.size());
-    for (const ScannedAP& ap : list) {
-        std::printf("%s %4d %s\n", macText(ap.mac).c_str(), ap.rss, ap.ssidText().c_str());
+    for (const Core::ScannedAP& ap : list) {
+        std::printf("%s %4d %s\n", Core::macText(ap.mac).c_str(), ap.rss, ap.ssidText().c_str());
     }
     return 0;
 }
 
-const zel::cli::Registrar registrar{
+const ZEL::Cli::Registrar registrar{
     "scan", [](CLI::App& app) {
         CLI::App* command =
             app.add_subcommand("scan", "Scan with the first Wi-Fi adapter and print what it hears");
         auto json = std::make_shared<bool>(false);
         command->add_flag("--json", *json,
                           "One JSON line: the adapter, the time and the APs heard");
-        command->callback([json] { zel::cli::setExitStatus(scanOnce(*json)); });
+        command->callback([json] { ZEL::Cli::setExitStatus(scanOnce(*json)); });
     }};
 
 }  // namespace

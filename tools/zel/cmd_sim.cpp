@@ -6,8 +6,8 @@
 
 #include "command.h"
 #include "local/scan_recording.h"
-#include "local/sim/simulated_city.h"
-#include "local/sim/simulated_walk.h"
+#include "sim/simulated_city.h"
+#include "sim/simulated_walk.h"
 #include "tiles/tile_writer.h"
 
 namespace {
@@ -44,13 +44,13 @@ int writeCity(const CityArguments& arguments) {
     if (arguments.tiles.empty()) {
         return 0;
     }
-    std::vector<API::AccessPointPosition> positions;
+    std::vector<Tiles::AccessPointPosition> positions;
     positions.reserve(city.size());
     for (const Sim::CityAp& ap : city) {
         positions.push_back({ap.mac, ap.latitude, ap.longitude, ap.quality, ap.signalExponent});
     }
-    const API::TileWriteResult result =
-        API::TileWriter::writeFile(arguments.tiles, positions, arguments.realm);
+    const Tiles::TileWriteResult result =
+        Tiles::TileWriter::writeFile(arguments.tiles, positions, arguments.realm);
     if (!result.ok) {
         std::fprintf(stderr, "zel sim city: %s: %s\n", arguments.tiles.c_str(),
                      result.error.c_str());
@@ -86,8 +86,8 @@ int writeWalk(const WalkArguments& arguments) {
                      arguments.truth.c_str());
         return 1;
     }
-    for (const API::RecordedScan& scan : walk.scans) {
-        scans << API::formatRecordedScan(scan) << '\n';
+    for (const Local::RecordedScan& scan : walk.scans) {
+        scans << Local::formatRecordedScan(scan) << '\n';
     }
     Sim::writeTruthCsv(truth, walk.truth);
     if (!scans.flush() || !truth.flush()) {
@@ -113,7 +113,7 @@ void addCity(CLI::App& sim) {
     city->add_option("-o,--output", arguments->output, "CSV file to write")->required();
     city->add_option("--tiles", arguments->tiles, "Also write the city as a tile file");
     city->add_option("--realm", arguments->realm, "Realm of that tile file")->default_val("");
-    city->callback([arguments] { zel::cli::setExitStatus(writeCity(*arguments)); });
+    city->callback([arguments] { ZEL::Cli::setExitStatus(writeCity(*arguments)); });
 }
 
 void addWalk(CLI::App& sim) {
@@ -137,10 +137,10 @@ void addWalk(CLI::App& sim) {
     walk->add_option("-o,--output", arguments->output, "Recording to write (JSON Lines)")
         ->required();
     walk->add_option("--truth", arguments->truth, "True positions to write (CSV)")->required();
-    walk->callback([arguments] { zel::cli::setExitStatus(writeWalk(*arguments)); });
+    walk->callback([arguments] { ZEL::Cli::setExitStatus(writeWalk(*arguments)); });
 }
 
-const zel::cli::Registrar registrar{
+const ZEL::Cli::Registrar registrar{
     "sim", [](CLI::App& app) {
         CLI::App* sim = app.add_subcommand("sim", "Simulated cities and walks for demos and tests");
         sim->require_subcommand(1);

@@ -3,13 +3,13 @@
 
 namespace {
 
-const zel::cli::Registrar registrar{"tiles", [](CLI::App& app) {
+const ZEL::Cli::Registrar registrar{"tiles", [](CLI::App& app) {
                                         CLI::App* tiles = app.add_subcommand(
                                             "tiles", "Build, inspect and query tile files");
                                         tiles->require_subcommand(1);
-                                        zel::cli::tiles::addBuild(*tiles);
-                                        zel::cli::tiles::addInfo(*tiles);
-                                        zel::cli::tiles::addLookup(*tiles);
+                                        ZEL::Cli::addBuild(*tiles);
+                                        ZEL::Cli::addInfo(*tiles);
+                                        ZEL::Cli::addLookup(*tiles);
                                     }};
 
 }  // namespace

@@ -8,7 +8,7 @@
 #include "replay_source.h"
 #include "service_options.h"
 
-namespace zel::cli {
+namespace ZEL::Cli {
 namespace {
 
 struct TrackOptions : ServiceOptions {
@@ -71,4 +71,4 @@ const Registrar registrar{
     }};
 
 }  // namespace
-}  // namespace zel::cli
+}  // namespace ZEL::Cli

@@ -4,7 +4,7 @@
 
 namespace {
 
-const zel::cli::Registrar registrar{
+const ZEL::Cli::Registrar registrar{
     "version", [](CLI::App& app) {
         CLI::App* command = app.add_subcommand("version", "Print the version of the zel tools");
         command->callback([] { std::printf("zel %s\n", ZEL_VERSION); });

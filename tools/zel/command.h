@@ -1,14 +1,14 @@
 // Subcommands of `zel`. Each lives in its own source file and registers itself
 // with a static registrar, so adding one touches no shared file:
 //
-//   static const zel::cli::Registrar registrar{"tiles", [](CLI::App& app) { ... }};
+//   static const ZEL::Cli::Registrar registrar{"tiles", [](CLI::App& app) { ... }};
 #pragma once
 
 #include <CLI/CLI.hpp>
 
 #include <functional>
 
-namespace zel::cli {
+namespace ZEL::Cli {
 
 // Adds the subcommand to `app` and sets its callback; the callback reports its
 // outcome through setExitStatus.
@@ -22,4 +22,4 @@ struct Registrar {
 // for a usage or input error the library never saw).
 void setExitStatus(int status);
 
-}  // namespace zel::cli
+}  // namespace ZEL::Cli

@@ -2,17 +2,17 @@
 
 #include <cstdio>
 
-#include "spi/scanned_ap.h"
+#include "core/scanned_ap.h"
 
-namespace zel::cli {
+namespace ZEL::Cli {
 namespace {
 
 nlohmann::json apTableJson(const ZEL_APTable& table) {
     nlohmann::json list = nlohmann::json::array();
     for (unsigned i = 0; i < table.count; ++i) {
-        ZEL::MacAddress mac;
+        ZEL::Core::MacAddress mac;
         std::copy_n(table.aps[i].mac, 6, mac.begin());
-        list.push_back({{"mac", ZEL::macText(mac)}, {"rss", table.aps[i].rss}});
+        list.push_back({{"mac", ZEL::Core::macText(mac)}, {"rss", table.aps[i].rss}});
     }
     return list;
 }
@@ -68,9 +68,9 @@ std::string streetAddressText(const ZEL_StreetAddress* address) {
 void printApTable(const char* title, const ZEL_APTable& table) {
     std::printf("%-10s %u", title, table.count);
     for (unsigned i = 0; i < table.count; ++i) {
-        ZEL::MacAddress mac;
+        ZEL::Core::MacAddress mac;
         std::copy_n(table.aps[i].mac, 6, mac.begin());
-        std::printf("%s%s %d dBm", i == 0 ? ": " : ", ", ZEL::macText(mac).c_str(),
+        std::printf("%s%s %d dBm", i == 0 ? ": " : ", ", ZEL::Core::macText(mac).c_str(),
                     table.aps[i].rss);
     }
     std::printf("\n");
@@ -194,4 +194,4 @@ void printIpLocation(int code, const ZEL_IPLocation* location, bool json) {
     std::printf("map        %s\n", geoUri(location->latitude, location->longitude, 0).c_str());
 }
 
-}  // namespace zel::cli
+}  // namespace ZEL::Cli

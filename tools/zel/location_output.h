@@ -7,7 +7,7 @@
 
 #include "zelapi.h"
 
-namespace zel::cli {
+namespace ZEL::Cli {
 
 nlohmann::json locationJson(int code, const ZEL_Location* location);
 nlohmann::json ipLocationJson(int code, const ZEL_IPLocation* location);
@@ -23,4 +23,4 @@ void printIpLocation(int code, const ZEL_IPLocation* location, bool json);
 // The result code in words, for messages.
 const char* describeCode(int code);
 
-}  // namespace zel::cli
+}  // namespace ZEL::Cli

@@ -3,7 +3,7 @@
 
 #include "command.h"
 
-namespace zel::cli {
+namespace ZEL::Cli {
 namespace {
 
 std::map<std::string, CommandSetup>& registry() {
@@ -23,15 +23,15 @@ void setExitStatus(int status) {
     exitStatus = status;
 }
 
-}  // namespace zel::cli
+}  // namespace ZEL::Cli
 
 int main(int argc, char** argv) {
     CLI::App app{
         "zel: locate this device from the Wi-Fi access points it hears, and tools for its data"};
     app.require_subcommand(1);
-    for (auto& [name, setup] : zel::cli::registry()) {
+    for (auto& [name, setup] : ZEL::Cli::registry()) {
         setup(app);
     }
     CLI11_PARSE(app, argc, argv);
-    return zel::cli::exitStatus;
+    return ZEL::Cli::exitStatus;
 }

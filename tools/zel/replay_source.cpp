@@ -6,9 +6,9 @@
 #include <fstream>
 
 #include "local/scan_recording.h"
-#include "spi/wifi_adapter.h"
+#include "spi/platform.h"
 
-namespace zel::cli {
+namespace ZEL::Cli {
 
 bool ReplaySource::load(const std::string& path) {
     std::ifstream file(path);
@@ -16,7 +16,7 @@ bool ReplaySource::load(const std::string& path) {
         std::fprintf(stderr, "zel: can't read the recording %s\n", path.c_str());
         return false;
     }
-    ZEL::API::ScanRecordingReader reader(file);
+    Local::ScanRecordingReader reader(file);
     while (auto item = reader.next()) {
         if (item->scan) {
             scans_.push_back(std::move(item->scan->aps));
@@ -52,8 +52,8 @@ int ReplaySource::nextScan(void* self, ZEL_APEntry* aps, unsigned int capacity,
         ++source->next_;
         return 0;  // past the end of the recording nothing more is heard
     }
-    const ZEL::ApList& scan = source->scans_[source->next_++];
-    for (const ZEL::ScannedAP& ap : scan) {
+    const ZEL::Core::ApList& scan = source->scans_[source->next_++];
+    for (const ZEL::Core::ScannedAP& ap : scan) {
         if (*count == capacity) {
             break;
         }
@@ -72,7 +72,7 @@ int chooseScanSource(const std::string& replayPath, ReplaySource& replay) {
         replay.install();
         return 0;
     }
-    if (ZEL::SPI::Wifi::enumerateSystemAdapters().empty()) {
+    if (ZEL::SPI::systemPlatform().wifiAdapters().empty()) {
         std::fprintf(
             stderr,
             "zel: this machine has no Wi-Fi adapter to scan with; to use the bundled sample "
@@ -83,4 +83,4 @@ int chooseScanSource(const std::string& replayPath, ReplaySource& replay) {
     return 0;
 }
 
-}  // namespace zel::cli
+}  // namespace ZEL::Cli

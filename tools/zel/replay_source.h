@@ -5,10 +5,10 @@
 #include <string>
 #include <vector>
 
-#include "spi/scanned_ap.h"
+#include "core/scanned_ap.h"
 #include "zelapi_ext.h"
 
-namespace zel::cli {
+namespace ZEL::Cli {
 
 class ReplaySource {
   public:
@@ -29,7 +29,7 @@ class ReplaySource {
   private:
     static int nextScan(void* self, ZEL_APEntry* aps, unsigned int capacity, unsigned int* count);
 
-    std::vector<ZEL::ApList> scans_;
+    std::vector<ZEL::Core::ApList> scans_;
     size_t next_ = 0;
     bool installed_ = false;
 };
@@ -39,4 +39,4 @@ class ReplaySource {
 // status to stop with (after saying why on stderr), or 0 to go on.
 int chooseScanSource(const std::string& replayPath, ReplaySource& replay);
 
-}  // namespace zel::cli
+}  // namespace ZEL::Cli

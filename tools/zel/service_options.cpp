@@ -1,6 +1,6 @@
 #include "service_options.h"
 
-namespace zel::cli {
+namespace ZEL::Cli {
 
 void ServiceOptions::addTo(CLI::App* command, bool withDatabases) {
     if (withDatabases) {
@@ -48,4 +48,4 @@ ZEL_StreetAddressLookup ServiceOptions::lookupLevel() const {
     return ZEL_NO_STREET_ADDRESS_LOOKUP;
 }
 
-}  // namespace zel::cli
+}  // namespace ZEL::Cli

@@ -9,7 +9,7 @@
 
 #include "zelapi.h"
 
-namespace zel::cli {
+namespace ZEL::Cli {
 
 struct ServiceOptions {
     std::vector<std::string> databases;
@@ -32,4 +32,4 @@ struct ServiceOptions {
     ZEL_StreetAddressLookup lookupLevel() const;
 };
 
-}  // namespace zel::cli
+}  // namespace ZEL::Cli

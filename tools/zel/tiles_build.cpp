@@ -10,14 +10,14 @@
 #include "tiles/tile_writer.h"
 #include "tiles_commands.h"
 
-namespace zel::cli::tiles {
+namespace ZEL::Cli {
 namespace {
 
 struct BuildArguments {
     std::string realm;
     std::string output;
     std::string input;
-    ZEL::API::TileWriterOptions options;
+    Tiles::TileWriterOptions options;
     bool json = false;
 };
 
@@ -29,16 +29,16 @@ int build(const BuildArguments& arguments) {
     }
     std::stringstream text;
     text << in.rdbuf();
-    ZEL::API::ApCsvResult csv = ZEL::API::parseAccessPointCsv(text.str());
+    Tiles::ApCsvResult csv = Tiles::parseAccessPointCsv(text.str());
     if (!csv.error.empty()) {
         std::fprintf(stderr, "%s: %s\n", arguments.input.c_str(), csv.error.c_str());
         return 1;
     }
-    for (const ZEL::API::CsvIssue& issue : csv.issues) {
+    for (const Tiles::CsvIssue& issue : csv.issues) {
         std::fprintf(stderr, "%s:%zu: %s (line skipped)\n", arguments.input.c_str(), issue.line,
                      issue.message.c_str());
     }
-    ZEL::API::TileWriteResult result = ZEL::API::TileWriter::writeFile(
+    Tiles::TileWriteResult result = Tiles::TileWriter::writeFile(
         arguments.output, csv.accessPoints, arguments.realm, arguments.options);
     if (!result.ok) {
         std::fprintf(stderr, "zel tiles build: %s\n", result.error.c_str());
@@ -94,4 +94,4 @@ void addBuild(CLI::App& tiles) {
     command->callback([arguments] { setExitStatus(build(*arguments)); });
 }
 
-}  // namespace zel::cli::tiles
+}  // namespace ZEL::Cli

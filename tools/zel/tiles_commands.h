@@ -3,10 +3,10 @@
 
 #include <CLI/CLI.hpp>
 
-namespace zel::cli::tiles {
+namespace ZEL::Cli {
 
 void addBuild(CLI::App& tiles);
 void addInfo(CLI::App& tiles);
 void addLookup(CLI::App& tiles);
 
-}  // namespace zel::cli::tiles
+}  // namespace ZEL::Cli

@@ -6,13 +6,13 @@
 #include <nlohmann/json.hpp>
 
 #include "command.h"
-#include "spi/file.h"
+#include "spi/platform.h"
 #include "tiles/local_compressed_file_reader.h"
 #include "tiles/tile.h"
 #include "tiles/tile_directory.h"
 #include "tiles_commands.h"
 
-namespace zel::cli::tiles {
+namespace ZEL::Cli {
 namespace {
 
 struct InfoArguments {
@@ -22,10 +22,10 @@ struct InfoArguments {
 };
 
 // What the records of one tile hold, decoded one after the other.
-nlohmann::json describeTile(const ZEL::API::Tile& tile, const ZEL::API::TileSpan& span) {
+nlohmann::json describeTile(const ZEL::Tiles::Tile& tile, const Tiles::TileSpan& span) {
     double south = std::numeric_limits<double>::infinity(), north = -south;
     double west = south, east = -south;
-    uint32_t decoded = tile.forEachRecord([&](uint64_t, const ZEL::API::StoredApData& data) {
+    uint32_t decoded = tile.forEachRecord([&](uint64_t, const Tiles::StoredApData& data) {
         south = std::min(south, data.latitude);
         north = std::max(north, data.latitude);
         west = std::min(west, data.longitude);
@@ -84,10 +84,10 @@ void printLine(const nlohmann::json& line, bool json) {
 
 int info(const InfoArguments& arguments) {
     nlohmann::json summary = {{"file", arguments.file}, {"realm", arguments.realm}};
-    auto reader = ZEL::API::LocalCompressedFileReader::create();
+    auto reader = Tiles::LocalCompressedFileReader::create();
     bool valid = reader && reader->open(arguments.file, arguments.realm);
     summary["valid"] = valid;
-    auto file = ZEL::SPI::createFile();
+    auto file = ZEL::SPI::platform().newFile();
     std::unique_ptr<ZEL::SPI::FileMapping> mapping;
     if (valid && file && file->open(arguments.file, ZEL::SPI::File::kRead) == 0) {
         mapping = file->map(0, file->size());
@@ -97,12 +97,12 @@ int info(const InfoArguments& arguments) {
         printLine(summary, arguments.json);
         return 1;
     }
-    auto spans = ZEL::API::readTileDirectory(mapping->data(), mapping->length(), arguments.realm);
-    ZEL::API::BitReader bits(mapping->data(), static_cast<uint32_t>(mapping->length()));
+    auto spans = Tiles::readTileDirectory(mapping->data(), mapping->length(), arguments.realm);
+    Tiles::BitReader bits(mapping->data(), static_cast<uint32_t>(mapping->length()));
     std::vector<nlohmann::json> tiles;
     uint64_t records = 0;
     for (uint32_t i = 0; spans && i < spans->size(); ++i) {
-        ZEL::API::Tile tile;
+        ZEL::Tiles::Tile tile;
         tile.parse((*spans)[i].start, arguments.realm, &bits, i);
         records += tile.recordCount();
         tiles.push_back(describeTile(tile, (*spans)[i]));
@@ -131,4 +131,4 @@ void addInfo(CLI::App& tiles) {
     command->callback([arguments] { setExitStatus(info(*arguments)); });
 }
 
-}  // namespace zel::cli::tiles
+}  // namespace ZEL::Cli

@@ -7,7 +7,7 @@
 #include "tiles/local_compressed_file_reader.h"
 #include "tiles_commands.h"
 
-namespace zel::cli::tiles {
+namespace ZEL::Cli {
 namespace {
 
 struct LookupArguments {
@@ -17,10 +17,10 @@ struct LookupArguments {
     bool json = false;
 };
 
-void print(const std::string& asked, const ZEL::MacAddress& mac, const ZEL::API::ApRecord& record,
+void print(const std::string& asked, const ZEL::Core::MacAddress& mac, const Tiles::ApRecord& record,
            bool json) {
     bool found = record.mac == mac;
-    nlohmann::json line = {{"mac", ZEL::macText(mac)}, {"found", found}};
+    nlohmann::json line = {{"mac", ZEL::Core::macText(mac)}, {"found", found}};
     if (found) {
         line["latitude"] = record.data.latitude;
         line["longitude"] = record.data.longitude;
@@ -39,7 +39,7 @@ void print(const std::string& asked, const ZEL::MacAddress& mac, const ZEL::API:
 }
 
 int lookup(const LookupArguments& arguments) {
-    auto reader = ZEL::API::LocalCompressedFileReader::create();
+    auto reader = Tiles::LocalCompressedFileReader::create();
     if (!reader || !reader->open(arguments.file, arguments.realm)) {
         std::fprintf(stderr, "zel tiles lookup: %s is not a valid tile file for realm '%s'\n",
                      arguments.file.c_str(), arguments.realm.c_str());
@@ -47,7 +47,7 @@ int lookup(const LookupArguments& arguments) {
     }
     int status = 0;
     for (const std::string& text : arguments.macs) {
-        auto mac = ZEL::parseMacText(text);
+        auto mac = ZEL::Core::parseMacText(text);
         if (!mac) {
             std::fprintf(stderr, "zel tiles lookup: '%s' is not a MAC address\n", text.c_str());
             status = 1;
@@ -71,4 +71,4 @@ void addLookup(CLI::App& tiles) {
     command->callback([arguments] { setExitStatus(lookup(*arguments)); });
 }
 
-}  // namespace zel::cli::tiles
+}  // namespace ZEL::Cli

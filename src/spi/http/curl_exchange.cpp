@@ -8,7 +8,7 @@
 
 #include "spi/log.h"
 
-namespace ZEL::SPI::Http {
+namespace ZEL::SPI {
 namespace {
 
 using EasyHandle = std::unique_ptr<CURL, void (*)(CURL*)>;
@@ -199,7 +199,7 @@ CURLcode attempt(CURL* curl, Transfer& transfer) {
 // and resets the connection before reading the body), are answers like any other:
 // only their status and headers matter.
 int finish(CURL* curl, CURLcode code, Transfer& transfer, const char* errorText,
-           log4cpp::Category& category) {
+           Logger& category) {
     ExchangeResponse& response = *transfer.response;
     long status = 0;
     curl_easy_getinfo(curl, CURLINFO_RESPONSE_CODE, &status);
@@ -246,7 +246,7 @@ int mapCurlError(int curlCode) {
 }
 
 int runExchange(const ExchangeRequest& request, ExchangeResponse& response,
-                const std::atomic<bool>& abort, log4cpp::Category& category) {
+                const std::atomic<bool>& abort, Logger& category) {
     EasyHandle curl(curl_easy_init(), curl_easy_cleanup);
     if (!curl) {
         ZEL_LOG_ERROR(category, "curl_easy_init failed");
@@ -277,4 +277,4 @@ int runExchange(const ExchangeRequest& request, ExchangeResponse& response,
     return finish(curl.get(), code, transfer, errorText, category);
 }
 
-}  // namespace ZEL::SPI::Http
+}  // namespace ZEL::SPI

@@ -7,11 +7,11 @@
 #include <map>
 #include <string>
 
-namespace log4cpp {
-class Category;
+namespace ZEL::SPI {
+class Logger;
 }
 
-namespace ZEL::SPI::Http {
+namespace ZEL::SPI {
 
 // Every connect, receive and send waits at most this long (ms).
 inline constexpr long kTimeoutMs = 30000;
@@ -42,10 +42,10 @@ struct ExchangeResponse {
 // maps curl's error to the transport's numbers. `abort` ends a running transfer at
 // its next progress report.
 int runExchange(const ExchangeRequest& request, ExchangeResponse& response,
-                const std::atomic<bool>& abort, log4cpp::Category& category);
+                const std::atomic<bool>& abort, Logger& category);
 
 // curl's error mapped to the transport's numbers (0, 10060, 10065, 10043, 1, 10061,
 // 10054, else -1).
 int mapCurlError(int curlCode);
 
-}  // namespace ZEL::SPI::Http
+}  // namespace ZEL::SPI

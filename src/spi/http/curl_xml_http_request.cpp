@@ -12,7 +12,7 @@
 #include <thread>
 
 #include "spi/http/curl_exchange.h"
-#include "spi/http_request.h"
+#include "spi/http/curl_xml_http_request.h"
 #include "spi/log.h"
 
 namespace ZEL::SPI {
@@ -35,7 +35,7 @@ std::string urlPart(CURLU* url, CURLUPart part, unsigned flags = 0) {
 
 class CurlXmlHttpRequest final : public XmlHttpRequest {
   public:
-    CurlXmlHttpRequest() : category_(getCategory("ZEL.SPI.HTTP.CurlXmlHttpRequest")) {}
+    CurlXmlHttpRequest() : category_(getLogger("ZEL.SPI.HTTP.CurlXmlHttpRequest")) {}
     ~CurlXmlHttpRequest() override { abort(); }
 
     void setCompletionCallback(CompletionCallback callback, void* context) override {
@@ -66,9 +66,9 @@ class CurlXmlHttpRequest final : public XmlHttpRequest {
     bool crackUrl(int method, const std::string& url);
     int exchange();
 
-    log4cpp::Category& category_;
-    Http::ExchangeRequest request_;
-    Http::ExchangeResponse response_;
+    Logger& category_;
+    ExchangeRequest request_;
+    ExchangeResponse response_;
     bool async_ = false;
     bool opened_ = false;
     bool cracked_ = false;
@@ -139,7 +139,7 @@ int CurlXmlHttpRequest::exchange() {
     if (!opened_ || !cracked_) {
         ZEL_LOG_ERROR(category_, "connect failed, no usable url");
     } else {
-        result = Http::runExchange(request_, response_, abortFlag_, category_);
+        result = runExchange(request_, response_, abortFlag_, category_);
     }
     if (async_ && callback_) {
         callback_(result, context_);
@@ -177,7 +177,7 @@ void CurlXmlHttpRequest::abort() {
     abortFlag_ = false;
     request_.headers.clear();
     request_.body.clear();
-    response_ = Http::ExchangeResponse{};
+    response_ = ExchangeResponse{};
     opened_ = false;
 }
 
@@ -191,10 +191,10 @@ std::string CurlXmlHttpRequest::getAllResponseHeaders() const {
 
 }  // namespace
 
-std::unique_ptr<XmlHttpRequest> makeXmlHttpRequest() {
+std::unique_ptr<XmlHttpRequest> newCurlXmlHttpRequest() {
     static const bool initialised = curl_global_init(CURL_GLOBAL_DEFAULT) == CURLE_OK;
     if (!initialised) {
-        ZEL_LOG_ERROR(getCategory("ZEL.SPI.HTTP.CurlXmlHttpRequest"), "curl_global_init failed");
+        ZEL_LOG_ERROR(getLogger("ZEL.SPI.HTTP.CurlXmlHttpRequest"), "curl_global_init failed");
         return nullptr;
     }
     return std::unique_ptr<XmlHttpRequest>(new (std::nothrow) CurlXmlHttpRequest());

@@ -12,7 +12,7 @@
 #include <cerrno>
 #include <new>
 
-#include "spi/file.h"
+#include "spi/io/posix_file.h"
 #include "spi/log.h"
 
 namespace ZEL::SPI {
@@ -53,7 +53,7 @@ int openFlags(uint32_t mode) {
 
 class PosixFile final : public File {
   public:
-    PosixFile() : category_(getCategory("ZEL.SPI.IO.PosixFile")) {}
+    PosixFile() : category_(getLogger("ZEL.SPI.IO.PosixFile")) {}
     ~PosixFile() override { close(); }
     PosixFile(const PosixFile&) = delete;
     PosixFile& operator=(const PosixFile&) = delete;
@@ -166,14 +166,14 @@ class PosixFile final : public File {
     }
 
   private:
-    log4cpp::Category& category_;
+    Logger& category_;
     std::string path_;
     int descriptor_ = -1;
 };
 
 }  // namespace
 
-std::unique_ptr<File> createFile() {
+std::unique_ptr<File> newPosixFile() {
     return std::unique_ptr<File>(new (std::nothrow) PosixFile());
 }
 

@@ -1,7 +1,7 @@
 // A clock whose time moves only when told to: tests and replay tools set it.
 #pragma once
 
-#include "spi/clock.h"
+#include "spi/platform.h"
 
 namespace ZEL::SPI {
 
@@ -13,7 +13,7 @@ class ManualClock final : public Clock {
     explicit ManualClock(uint64_t epochMs = 1'700'000'000'000ull, uint32_t startTick = 1000)
         : nowMs_(epochMs), startTick_(startTick), epochAtStart_(epochMs) {}
 
-    TimeStamp now() override { return TimeStamp::fromMilliseconds(nowMs_); }
+    Core::TimeStamp now() override { return Core::TimeStamp::fromMilliseconds(nowMs_); }
     uint32_t tickCount() override {
         return startTick_ + static_cast<uint32_t>(nowMs_ - epochAtStart_);
     }
@@ -37,16 +37,24 @@ class ManualClock final : public Clock {
     uint64_t sleptMs_ = 0;
 };
 
-// Installs a clock for the lifetime of this object and restores the previous one.
+// Installs a platform that is the one in force but for its clock, for the lifetime
+// of this object, then restores the previous one.
 class ScopedClock {
   public:
-    explicit ScopedClock(Clock& replacement) : previous_(setClock(&replacement)) {}
-    ~ScopedClock() { setClock(previous_); }
-    ScopedClock(const ScopedClock&) = delete;
-    ScopedClock& operator=(const ScopedClock&) = delete;
+    explicit ScopedClock(Clock& replacement)
+        : withClock_(platform(), replacement), scoped_(withClock_) {}
 
   private:
-    Clock* previous_;
+    class WithClock final : public PlatformWrapper {
+      public:
+        WithClock(Platform& target, Clock& clock) : PlatformWrapper(target), clock_(clock) {}
+        Clock& clock() override { return clock_; }
+
+      private:
+        Clock& clock_;
+    };
+    WithClock withClock_;
+    ScopedPlatform scoped_;
 };
 
 }  // namespace ZEL::SPI

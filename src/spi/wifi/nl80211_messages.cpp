@@ -8,7 +8,7 @@
 #include <array>
 #include <cstdint>
 
-namespace ZEL::SPI::Wifi {
+namespace ZEL::SPI {
 namespace {
 
 using AttributeTable = std::array<nlattr*, NL80211_ATTR_MAX + 1>;
@@ -135,7 +135,7 @@ ScanEvent scanEventFor(const nlmsghdr* message, uint32_t ifindex) {
     }
 }
 
-std::optional<BssEntry> parseBss(const nlmsghdr* message, SPI::TimeStamp now) {
+std::optional<BssEntry> parseBss(const nlmsghdr* message, Core::TimeStamp now) {
     AttributeTable attributes;
     if (!parseAttributes(message, attributes) || !attributes[NL80211_ATTR_BSS]) {
         return std::nullopt;
@@ -155,11 +155,11 @@ std::optional<BssEntry> parseBss(const nlmsghdr* message, SPI::TimeStamp now) {
     entry.ap.rss = signalOf(bss);
     uint64_t ageMs = bss[NL80211_BSS_SEEN_MS_AGO] ? nla_get_u32(bss[NL80211_BSS_SEEN_MS_AGO]) : 0;
     uint64_t nowMs = now.totalMilliseconds();
-    entry.ap.time = SPI::TimeStamp::fromMilliseconds(ageMs < nowMs ? nowMs - ageMs : 0);
+    entry.ap.time = Core::TimeStamp::fromMilliseconds(ageMs < nowMs ? nowMs - ageMs : 0);
     if (bss[NL80211_BSS_CAPABILITY]) {
         entry.capability = nla_get_u16(bss[NL80211_BSS_CAPABILITY]);
     }
     return entry;
 }
 
-}  // namespace ZEL::SPI::Wifi
+}  // namespace ZEL::SPI

@@ -14,9 +14,9 @@
 #include <optional>
 #include <string>
 
-#include "spi/scanned_ap.h"
+#include "core/scanned_ap.h"
 
-namespace ZEL::SPI::Wifi {
+namespace ZEL::SPI {
 
 // A driver's signal value as dBm. Values below -100000 are scaled by 1/100000
 // (truncating toward zero); then negative values are dBm as they stand, 1..99 is a
@@ -44,13 +44,13 @@ ScanEvent scanEventFor(const nlmsghdr* message, uint32_t ifindex);
 // entry's age; its signal comes from NL80211_BSS_SIGNAL_MBM (mBm / 100), else from
 // NL80211_BSS_SIGNAL_UNSPEC (0..100) through rssToDbm, else it is unknown (-255).
 struct BssEntry {
-    ScannedAP ap;
+    Core::ScannedAP ap;
     uint16_t capability = 0;  // 802.11 capability information field
 
     // The ESS bit: an access point of an infrastructure network. Ad-hoc (IBSS)
     // and mesh stations do not set it.
     bool infrastructure() const { return (capability & 0x0001) != 0; }
 };
-std::optional<BssEntry> parseBss(const nlmsghdr* message, SPI::TimeStamp now);
+std::optional<BssEntry> parseBss(const nlmsghdr* message, Core::TimeStamp now);
 
-}  // namespace ZEL::SPI::Wifi
+}  // namespace ZEL::SPI

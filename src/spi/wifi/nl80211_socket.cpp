@@ -8,7 +8,7 @@
 
 #include <cerrno>
 
-namespace ZEL::SPI::Wifi {
+namespace ZEL::SPI {
 namespace {
 
 // The kernel answers a request at once; a silence this long means it never will.
@@ -173,4 +173,4 @@ void Nl80211Socket::drainEvents() {
     }
 }
 
-}  // namespace ZEL::SPI::Wifi
+}  // namespace ZEL::SPI

@@ -11,7 +11,7 @@
 struct nl_msg;
 struct nl_sock;
 
-namespace ZEL::SPI::Wifi {
+namespace ZEL::SPI {
 
 struct MessageDeleter {
     void operator()(nl_msg* message) const;
@@ -57,4 +57,4 @@ class Nl80211Socket final {
     int family_;
 };
 
-}  // namespace ZEL::SPI::Wifi
+}  // namespace ZEL::SPI

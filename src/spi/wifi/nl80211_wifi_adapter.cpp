@@ -1,5 +1,7 @@
 #include "spi/wifi/nl80211_wifi_adapter.h"
 
+#include "spi/time/posix_clock.h"
+
 #include <linux/nl80211.h>
 #include <net/if.h>
 #include <netlink/attr.h>
@@ -14,7 +16,7 @@
 #include "spi/log.h"
 #include "spi/wifi/scan_results.h"
 
-namespace ZEL::SPI::Wifi {
+namespace ZEL::SPI {
 namespace {
 
 const char kCategory[] = "ZEL.SPI.WifiAdapter.Nl80211WifiAdapter";
@@ -34,7 +36,7 @@ bool interfaceIsUp(const std::string& name) {
     return up;
 }
 
-std::unique_ptr<Nl80211Socket> connectOrLog(log4cpp::Category& log, const std::string& name,
+std::unique_ptr<Nl80211Socket> connectOrLog(Logger& log, const std::string& name,
                                             int& error) {
     std::string reason;
     auto socket = Nl80211Socket::connect(error, reason);
@@ -47,7 +49,7 @@ std::unique_ptr<Nl80211Socket> connectOrLog(log4cpp::Category& log, const std::s
 }  // namespace
 
 AdapterList enumerateNl80211Adapters(const Nl80211Options& options) {
-    log4cpp::Category& log = getCategory(kCategory);
+    Logger& log = getLogger(kCategory);
     int error = 0;
     std::string reason;
     auto socket = Nl80211Socket::connect(error, reason);
@@ -82,9 +84,10 @@ AdapterList enumerateNl80211Adapters(const Nl80211Options& options) {
 }
 
 Nl80211WifiAdapter::Nl80211WifiAdapter(InterfaceInfo interface, const Nl80211Options& options)
-    : log_(getCategory(kCategory)),
+    : log_(getLogger(kCategory)),
       interface_(std::move(interface)),
       scanTimeoutMs_(options.scanTimeoutMs),
+      clock_(options.clock != nullptr ? *options.clock : posixClock()),
       lock_(options.lockPath, log_) {}
 
 Nl80211WifiAdapter::~Nl80211WifiAdapter() {
@@ -187,9 +190,9 @@ int Nl80211WifiAdapter::finishTrigger(int error) {
 }
 
 void Nl80211WifiAdapter::waitForScanEnd() {
-    uint32_t start = tickCount();
+    uint32_t start = clock_.tickCount();
     for (int read = 0; read < kMaxEventReads; ++read) {
-        uint32_t elapsed = tickCount() - start;
+        uint32_t elapsed = clock_.tickCount() - start;
         if (elapsed >= scanTimeoutMs_) {
             break;
         }
@@ -222,7 +225,7 @@ int Nl80211WifiAdapter::dumpScan(std::vector<BssEntry>& entries) {
     if (!dump || nla_put_u32(dump.get(), NL80211_ATTR_IFINDEX, interface_.index) != 0) {
         return ENOMEM;
     }
-    TimeStamp now = currentTime();
+    Core::TimeStamp now = clock_.now();
     return commands_->request(dump, [&](const nlmsghdr* reply) {
         if (auto entry = parseBss(reply, now)) {
             entries.push_back(*entry);
@@ -230,7 +233,7 @@ int Nl80211WifiAdapter::dumpScan(std::vector<BssEntry>& entries) {
     });
 }
 
-int Nl80211WifiAdapter::getScanResults(ApList& list) {
+int Nl80211WifiAdapter::getScanResults(Core::ApList& list) {
     if (!commands_) {
         ZEL_LOG_ERROR(log_, "%s: getScanResults on a closed adapter", name().c_str());
         return ENOTCONN;
@@ -251,4 +254,4 @@ int Nl80211WifiAdapter::getScanResults(ApList& list) {
     return 0;
 }
 
-}  // namespace ZEL::SPI::Wifi
+}  // namespace ZEL::SPI

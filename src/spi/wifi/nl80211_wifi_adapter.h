@@ -5,12 +5,13 @@
 #include <memory>
 #include <string>
 
+#include "spi/clock.h"
 #include "spi/wifi/nl80211_messages.h"
 #include "spi/wifi/nl80211_socket.h"
 #include "spi/wifi/scan_lock.h"
 #include "spi/wifi_adapter.h"
 
-namespace ZEL::SPI::Wifi {
+namespace ZEL::SPI {
 
 struct Nl80211Options {
     // The system-wide scan lock file.
@@ -19,6 +20,8 @@ struct Nl80211Options {
     // few seconds on real hardware (passive channels dominate); after the wait the
     // kernel's results are read as they stand.
     uint32_t scanTimeoutMs = 10000;
+    // Times the waits and stamps the results; the system clock when null.
+    Clock* clock = nullptr;
 };
 
 // The station-mode wireless interfaces that are up, in the kernel's order. Other
@@ -37,7 +40,7 @@ class Nl80211WifiAdapter final : public WifiAdapter {
     int open() override;
     void close() override;
     int startScan() override;
-    int getScanResults(ApList& list) override;
+    int getScanResults(Core::ApList& list) override;
 
   private:
     int finishTrigger(int error);
@@ -45,9 +48,10 @@ class Nl80211WifiAdapter final : public WifiAdapter {
     void waitForScanEnd();
     int dumpScan(std::vector<BssEntry>& entries);
 
-    log4cpp::Category& log_;
+    Logger& log_;
     InterfaceInfo interface_;
     uint32_t scanTimeoutMs_;
+    Clock& clock_;
     ScanLock lock_;
     std::unique_ptr<Nl80211Socket> commands_;
     std::unique_ptr<Nl80211Socket> events_;  // the "scan" multicast group
@@ -55,4 +59,4 @@ class Nl80211WifiAdapter final : public WifiAdapter {
     bool permissionLogged_ = false;
 };
 
-}  // namespace ZEL::SPI::Wifi
+}  // namespace ZEL::SPI

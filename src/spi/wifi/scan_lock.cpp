@@ -8,7 +8,7 @@
 
 #include "spi/log.h"
 
-namespace ZEL::SPI::Wifi {
+namespace ZEL::SPI {
 
 std::string ScanLock::defaultPath() {
     static const char kName[] = "ZEL.SPI.WifiAdapter.NDISWifiAdapter.GlobalMutex";
@@ -18,7 +18,7 @@ std::string ScanLock::defaultPath() {
     return std::string(directory) + "/" + kName;
 }
 
-ScanLock::ScanLock(std::string path, log4cpp::Category& log) : path_(std::move(path)), log_(log) {
+ScanLock::ScanLock(std::string path, Logger& log) : path_(std::move(path)), log_(log) {
     // Read-only is enough for flock, and lets every user open a file another
     // user created with a 0644 umask.
     fd_ = open(path_.c_str(), O_RDONLY | O_CREAT | O_CLOEXEC, 0666);
@@ -77,4 +77,4 @@ void ScanLock::release() {
     ZEL_LOG_DEBUG(log_, "mutex released");
 }
 
-}  // namespace ZEL::SPI::Wifi
+}  // namespace ZEL::SPI

@@ -2,11 +2,11 @@
 // adapters in one process) from triggering scans over each other.
 #pragma once
 
-#include <log4cpp/Category.hh>
+#include "spi/log.h"
 
 #include <string>
 
-namespace ZEL::SPI::Wifi {
+namespace ZEL::SPI {
 
 // An exclusive flock on a lock file. The file is opened when the lock is made and
 // closed with it; acquiring never waits. flock locks belong to the open file, so
@@ -16,7 +16,7 @@ class ScanLock final {
   public:
     enum class Outcome { Acquired, AlreadyHeld, HeldElsewhere, Failed };
 
-    ScanLock(std::string path, log4cpp::Category& log);
+    ScanLock(std::string path, Logger& log);
     ~ScanLock();
     ScanLock(const ScanLock&) = delete;
     ScanLock& operator=(const ScanLock&) = delete;
@@ -34,9 +34,9 @@ class ScanLock final {
 
   private:
     std::string path_;
-    log4cpp::Category& log_;
+    Logger& log_;
     int fd_ = -1;
     bool acquired_ = false;
 };
 
-}  // namespace ZEL::SPI::Wifi
+}  // namespace ZEL::SPI

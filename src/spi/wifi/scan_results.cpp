@@ -2,14 +2,14 @@
 
 #include "spi/log.h"
 
-namespace ZEL::SPI::Wifi {
+namespace ZEL::SPI {
 
-void collectScanResults(const std::vector<BssEntry>& entries, ApList& list,
-                        log4cpp::Category& log) {
+void collectScanResults(const std::vector<BssEntry>& entries, Core::ApList& list,
+                        Logger& log) {
     list.clear();
     ZEL_LOG_DEBUG(log, "scanned %d APs", static_cast<int>(entries.size()));
     for (const BssEntry& entry : entries) {
-        std::string mac = macText(entry.ap.mac);
+        std::string mac = Core::macText(entry.ap.mac);
         std::string ssid = entry.ap.ssidText();
         if (!entry.infrastructure()) {
             // The capability field stands where a driver's network mode would.
@@ -18,7 +18,7 @@ void collectScanResults(const std::vector<BssEntry>& entries, ApList& list,
             continue;
         }
         list.push_back(entry.ap);
-        if (log.isDebugEnabled()) {
+        if (log.isEnabled(LogPriority::kDebug)) {
             ZEL_LOG_DEBUG(log, "scanned AP %s (%s) %d", mac.c_str(), ssid.c_str(), entry.ap.rss);
         } else {
             ZEL_LOG_INFO(log, "scanned AP %s %d", mac.c_str(), entry.ap.rss);
@@ -26,4 +26,4 @@ void collectScanResults(const std::vector<BssEntry>& entries, ApList& list,
     }
 }
 
-}  // namespace ZEL::SPI::Wifi
+}  // namespace ZEL::SPI

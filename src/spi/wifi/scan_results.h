@@ -1,16 +1,16 @@
 // From a scan dump's BSS entries to the scan list the scan loop reads.
 #pragma once
 
-#include <log4cpp/Category.hh>
+#include "spi/log.h"
 
 #include <vector>
 
 #include "spi/wifi/nl80211_messages.h"
 
-namespace ZEL::SPI::Wifi {
+namespace ZEL::SPI {
 
 // Replaces `list` with the infrastructure access points of `entries`, in their
 // order; ad-hoc and mesh entries are left out with a debug line each.
-void collectScanResults(const std::vector<BssEntry>& entries, ApList& list, log4cpp::Category& log);
+void collectScanResults(const std::vector<BssEntry>& entries, Core::ApList& list, Logger& log);
 
-}  // namespace ZEL::SPI::Wifi
+}  // namespace ZEL::SPI

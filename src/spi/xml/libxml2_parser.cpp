@@ -14,7 +14,7 @@
 #include <mutex>
 
 #include "spi/log.h"
-#include "spi/xml_parser.h"
+#include "spi/xml/libxml2_parser.h"
 
 namespace ZEL::SPI {
 namespace {
@@ -129,11 +129,11 @@ class LibXml2Document final : public XmlDocument {
 
 class LibXml2Parser final : public XmlParser {
   public:
-    LibXml2Parser() : category_(getCategory("ZEL.SPI.XML.LibXml2Parser")) {}
+    LibXml2Parser() : category_(getLogger("ZEL.SPI.XML.LibXml2Parser")) {}
     std::unique_ptr<XmlDocument> parse(const char* bytes, size_t length) override;
 
   private:
-    log4cpp::Category& category_;
+    Logger& category_;
 };
 
 // No network, no DTD loading, no entity substitution, no messages on stderr.
@@ -187,7 +187,7 @@ std::unique_ptr<XmlDocument> LibXml2Parser::parse(const char* bytes, size_t leng
 
 }  // namespace
 
-std::unique_ptr<XmlParser> makeXmlParser() {
+std::unique_ptr<XmlParser> newLibXml2Parser() {
     static std::once_flag initialised;
     std::call_once(initialised, [] { xmlInitParser(); });
     return std::make_unique<LibXml2Parser>();

@@ -1,4 +1,4 @@
-#include "local/sim/csv_fields.h"
+#include "sim/csv_fields.h"
 
 namespace ZEL::Sim {
 namespace {

@@ -17,7 +17,7 @@
 #include <vector>
 
 #include "local/scan_recording.h"
-#include "local/sim/simulated_city.h"
+#include "sim/simulated_city.h"
 
 namespace ZEL::Sim {
 
@@ -38,7 +38,7 @@ struct TruthPoint {
 };
 
 struct SimulatedWalk {
-    std::vector<API::RecordedScan> scans;
+    std::vector<Local::RecordedScan> scans;
     std::vector<TruthPoint> truth;  // one per scan, same order
     std::string error;              // why there is no walk (a city without a street)
 };

@@ -11,7 +11,7 @@
 
 #include "spi/clock.h"
 
-namespace ZEL {
+namespace ZEL::Core {
 
 // The MAC is stored last octet first: mac[5] is the first octet of the printed
 // address, mac[0] the last. Every consumer (request text, tile keys, caller
@@ -33,7 +33,7 @@ inline bool sameMac(const MacAddress& a, const MacAddress& b) {
 struct ScannedAP {
     MacAddress mac{};
     int16_t rss = 0;         // received signal strength, dBm
-    SPI::TimeStamp time{};   // when the adapter heard it
+    Core::TimeStamp time{};   // when the adapter heard it
     uint8_t ssidLength = 0;  // SSID as the adapter reported it, up to 32 bytes
     std::array<char, 32> ssid{};
 
@@ -51,4 +51,4 @@ std::string macText(const MacAddress& mac);
 // stored (last octet first) order. Empty on anything else.
 std::optional<MacAddress> parseMacText(std::string_view text);
 
-}  // namespace ZEL
+}  // namespace ZEL::Core

@@ -1,4 +1,4 @@
-#include "local/sim/accuracy.h"
+#include "sim/accuracy.h"
 
 #include <algorithm>
 #include <cmath>

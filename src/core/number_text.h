@@ -8,7 +8,7 @@
 #include <string_view>
 #include <type_traits>
 
-namespace ZEL::SPI {
+namespace ZEL::Core {
 
 // A finite decimal number (no infinity, no NaN) filling all of `text`.
 inline std::optional<double> parseFiniteDouble(std::string_view text) {
@@ -46,4 +46,4 @@ bool parseUnsigned(std::string_view text, T& value) {
     return true;
 }
 
-}  // namespace ZEL::SPI
+}  // namespace ZEL::Core

@@ -5,9 +5,9 @@
 #include <deque>
 #include <string>
 
-#include "spi/scanned_ap.h"
+#include "core/scanned_ap.h"
 
-namespace ZEL::API {
+namespace ZEL::Core {
 
 // Access points heard recently, each with the time it was heard, oldest first, and
 // none older than the maximum age after a merge.
@@ -15,15 +15,15 @@ class RecentApList {
   public:
     struct Entry {
         ScannedAP ap;
-        SPI::TimeStamp heard;
+        Core::TimeStamp heard;
     };
 
     explicit RecentApList(uint32_t maxAgeMs = 30000) : maxAgeMs_(maxAgeMs) {}
 
-    // Stamps each AP of `fresh` with the current time, inserts it at its place in
+    // Stamps each AP of `fresh` with `now`, inserts it at its place in
     // time order (after entries of an earlier time, before those of a later one),
     // then drops the entries older than the maximum age.
-    void merge(const ApList& fresh);
+    void merge(const ApList& fresh, TimeStamp now);
 
     // The APs in time order, each carrying the time it was heard.
     ApList aps() const;
@@ -42,10 +42,10 @@ class RecentApList {
 // MAC order; which of two equal MACs survives is not fixed.
 void unique(ApList& list);
 
-// Moves from `fresh` into `cached` every AP that `recent` holds with an age of at
-// most 5000 ms. The walk over `recent` goes from the newest entry and stops at the
+// Moves from `fresh` into `cached` every AP that `recent` holds with an age at `now`
+// of at most 5000 ms. The walk over `recent` goes from the newest entry and stops at the
 // first one older than that.
-void filter(const RecentApList& recent, ApList& fresh, ApList& cached);
+void filter(const RecentApList& recent, TimeStamp now, ApList& fresh, ApList& cached);
 
 // "MAC, rss" per AP, joined by "; ".
 std::string toText(const ApList& list);
@@ -54,4 +54,4 @@ std::string toText(const RecentApList& list);
 // The age (ms) up to which an AP heard before counts as already known in a cycle.
 inline constexpr int32_t kRecentlyHeardMs = 5000;
 
-}  // namespace ZEL::API
+}  // namespace ZEL::Core

@@ -1,19 +1,19 @@
-#include "spi/clock.h"
+#include "spi/time/posix_clock.h"
 
-#include <atomic>
 #include <cerrno>
 #include <ctime>
 
 namespace ZEL::SPI {
 namespace {
 
-class SystemClock final : public Clock {
+// CLOCK_REALTIME for time stamps, CLOCK_MONOTONIC for the tick count.
+class PosixClock final : public Clock {
   public:
-    TimeStamp now() override {
+    Core::TimeStamp now() override {
         timespec ts{};
         clock_gettime(CLOCK_REALTIME, &ts);
         uint64_t ms = uint64_t(ts.tv_sec) * 1000 + uint64_t(ts.tv_nsec) / 1'000'000;
-        return TimeStamp::fromMilliseconds(ms);
+        return Core::TimeStamp::fromMilliseconds(ms);
     }
 
     uint32_t tickCount() override {
@@ -29,23 +29,11 @@ class SystemClock final : public Clock {
     }
 };
 
-std::atomic<Clock*> installed{nullptr};
-
 }  // namespace
 
-Clock& systemClock() {
-    static SystemClock instance;
+Clock& posixClock() {
+    static PosixClock instance;
     return instance;
-}
-
-Clock& clock() {
-    Clock* current = installed.load(std::memory_order_acquire);
-    return current ? *current : systemClock();
-}
-
-Clock* setClock(Clock* replacement) {
-    Clock* previous = installed.exchange(replacement, std::memory_order_acq_rel);
-    return previous;
 }
 
 }  // namespace ZEL::SPI

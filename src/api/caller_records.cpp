@@ -1,4 +1,4 @@
-#include "api/location_record.h"
+#include "api/caller_records.h"
 
 #include <algorithm>
 #include <cstdlib>
@@ -24,7 +24,7 @@ void copyCode(char (&field)[4], const std::string& code) {
     field[length] = '\0';
 }
 
-ZEL_APTable makeApTable(const ApList& aps, bool& ok) {
+ZEL_APTable makeApTable(const Core::ApList& aps, bool& ok) {
     ZEL_APTable table{0, nullptr};
     size_t count = std::min<size_t>(aps.size(), std::numeric_limits<unsigned short>::max());
     if (count == 0) {
@@ -45,17 +45,12 @@ ZEL_APTable makeApTable(const ApList& aps, bool& ok) {
 
 }  // namespace
 
-bool StreetAddress::empty() const {
-    return streetNumber.empty() && addressLines.empty() && city.empty() && postalCode.empty() &&
-           county.empty() && province.empty() && region.empty() && stateCode.empty() &&
-           state.empty() && country.empty() && countryCode.empty();
-}
 
 // The record's strings share one block that starts at street_number: the street
 // number, padding to pointer alignment, the null-terminated address-line array, the
 // address lines, then city, postal code, county, province, region, state and
 // country. The 8 spare bytes cover the padding.
-ZEL_StreetAddress* makeCallerStreetAddress(const StreetAddress& address) {
+ZEL_StreetAddress* makeCallerStreetAddress(const Core::StreetAddress& address) {
     if (address.empty()) {
         return nullptr;
     }
@@ -100,7 +95,7 @@ ZEL_StreetAddress* makeCallerStreetAddress(const StreetAddress& address) {
     return record;
 }
 
-ZEL_Location* makeCallerLocation(const LocationRecord& source) {
+ZEL_Location* makeCallerLocation(const Core::LocationRecord& source) {
     auto* location = static_cast<ZEL_Location*>(std::calloc(1, sizeof(ZEL_Location)));
     if (location == nullptr) {
         return nullptr;
@@ -125,7 +120,7 @@ ZEL_Location* makeCallerLocation(const LocationRecord& source) {
     return location;
 }
 
-ZEL_IPLocation* makeCallerIpLocation(const IpLocationRecord& source) {
+ZEL_IPLocation* makeCallerIpLocation(const Core::IpLocationRecord& source) {
     auto* location = static_cast<ZEL_IPLocation*>(std::calloc(1, sizeof(ZEL_IPLocation)));
     if (location == nullptr) {
         return nullptr;

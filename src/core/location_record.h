@@ -5,11 +5,16 @@
 #include <string>
 #include <vector>
 
-#include "spi/clock.h"
-#include "spi/scanned_ap.h"
-#include "zelapi.h"
+#include "core/time_stamp.h"
+#include "core/scanned_ap.h"
 
-namespace ZEL::API {
+namespace ZEL::Core {
+
+// Street-address lookup levels as the caller asks for them; any other value is
+// passed to the server unchecked.
+inline constexpr int kNoStreetAddress = 0;
+inline constexpr int kLimitedStreetAddress = 1;
+inline constexpr int kFullStreetAddress = 2;
 
 struct StreetAddress {
     std::string streetNumber;
@@ -37,7 +42,7 @@ struct LocationRecord {
     uint16_t nap = 0;        // access points used
     double speed = 0.0;      // km/h; -1.0 when unknown (a server's answer)
     double bearing = 0.0;    // degrees; 0 when unknown
-    SPI::TimeStamp time{};   // when the position was determined
+    Core::TimeStamp time{};   // when the position was determined
     StreetAddress streetAddress;
     ApList knownAps;    // scanned APs the determination could place
     ApList unknownAps;  // scanned APs it could not place
@@ -51,16 +56,4 @@ struct IpLocationRecord {
     StreetAddress streetAddress;
 };
 
-// Caller records are allocated with malloc and released only by the free functions
-// below (behind ZEL_free_location / ZEL_free_ip_location). Each returns null when
-// memory runs out, having freed whatever it had allocated.
-ZEL_Location* makeCallerLocation(const LocationRecord& record);
-ZEL_IPLocation* makeCallerIpLocation(const IpLocationRecord& record);
-// Null when every field of `address` is empty.
-ZEL_StreetAddress* makeCallerStreetAddress(const StreetAddress& address);
-
-void freeCallerLocation(ZEL_Location* location);
-void freeCallerIpLocation(ZEL_IPLocation* location);
-void freeCallerStreetAddress(ZEL_StreetAddress* address);
-
-}  // namespace ZEL::API
+}  // namespace ZEL::Core

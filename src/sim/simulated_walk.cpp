@@ -1,12 +1,12 @@
-#include "local/sim/simulated_walk.h"
+#include "sim/simulated_walk.h"
 
 #include <algorithm>
 #include <cmath>
 #include <cstdio>
 #include <unordered_map>
 
-#include "local/sim/csv_fields.h"
-#include "spi/number_text.h"
+#include "sim/csv_fields.h"
+#include "core/number_text.h"
 
 namespace ZEL::Sim {
 namespace {
@@ -20,7 +20,7 @@ constexpr int kReachBuckets = 2;  // APs up to 200-300 m away are considered
 constexpr double kStopChance = 0.2;
 
 struct Transmitter {
-    MacAddress mac;
+    Core::MacAddress mac;
     ApRadio radio;
 };
 
@@ -38,8 +38,8 @@ class Air {
         transmitters_.push_back(transmitter);
     }
 
-    ApList scan(double north, double east, uint64_t timeMs, Random& random) const {
-        ApList heard;
+    Core::ApList scan(double north, double east, uint64_t timeMs, Random& random) const {
+        Core::ApList heard;
         for (int dn = -kReachBuckets; dn <= kReachBuckets; ++dn) {
             for (int de = -kReachBuckets; de <= kReachBuckets; ++de) {
                 auto it =
@@ -60,7 +60,7 @@ class Air {
 
   private:
     static void listen(const Transmitter& transmitter, double north, double east, uint64_t timeMs,
-                       Random& random, ApList& heard) {
+                       Random& random, Core::ApList& heard) {
         const ApRadio& radio = transmitter.radio;
         const double metres =
             std::max(1.0, std::hypot(radio.northMetres - north, radio.eastMetres - east));
@@ -70,10 +70,10 @@ class Air {
         if (rss < kDetectionDbm || missed) {
             return;
         }
-        ScannedAP ap;
+        Core::ScannedAP ap;
         ap.mac = transmitter.mac;
         ap.rss = static_cast<int16_t>(std::lround(rss));
-        ap.time = SPI::TimeStamp::fromMilliseconds(timeMs);
+        ap.time = Core::TimeStamp::fromMilliseconds(timeMs);
         heard.push_back(ap);
     }
 
@@ -259,10 +259,10 @@ std::vector<TruthPoint> readTruthCsv(std::istream& in, std::vector<std::string>&
             continue;
         }
         TruthPoint point;
-        if (fields.size() != 4 || !SPI::parseUnsigned(fields[0], point.timeMs) ||
-            !SPI::parseDoubleIn(fields[1], -90.0, 90.0, point.latitude) ||
-            !SPI::parseDoubleIn(fields[2], -180.0, 180.0, point.longitude) ||
-            !SPI::parseDoubleIn(fields[3], 0.0, 1e6, point.speedKmh)) {
+        if (fields.size() != 4 || !Core::parseUnsigned(fields[0], point.timeMs) ||
+            !Core::parseDoubleIn(fields[1], -90.0, 90.0, point.latitude) ||
+            !Core::parseDoubleIn(fields[2], -180.0, 180.0, point.longitude) ||
+            !Core::parseDoubleIn(fields[3], 0.0, 1e6, point.speedKmh)) {
             errors.push_back("line " + std::to_string(number) +
                              ": expected t_ms,latitude,longitude,speed_kmh");
             continue;

@@ -1,11 +1,11 @@
-#include "local/sim/simulated_city.h"
+#include "sim/simulated_city.h"
 
 #include <cmath>
 #include <cstdio>
 #include <set>
 
-#include "local/sim/csv_fields.h"
-#include "spi/number_text.h"
+#include "sim/csv_fields.h"
+#include "core/number_text.h"
 
 namespace ZEL::Sim {
 namespace {
@@ -24,7 +24,7 @@ uint64_t mix(uint64_t value) {
     return value ^ (value >> 31);
 }
 
-uint64_t macBits(const MacAddress& mac) {
+uint64_t macBits(const Core::MacAddress& mac) {
     uint64_t bits = 0;
     for (uint8_t octet : mac) {
         bits = bits << 8 | octet;
@@ -33,7 +33,7 @@ uint64_t macBits(const MacAddress& mac) {
 }
 
 // A value in [0, 1) from `mac` and a salt.
-double macUniform(const MacAddress& mac, uint64_t salt) {
+double macUniform(const Core::MacAddress& mac, uint64_t salt) {
     return static_cast<double>(mix(macBits(mac) ^ mix(salt)) >> 11) * 0x1.0p-53;
 }
 
@@ -47,9 +47,9 @@ void surveyError(const CityAp& ap, double& north, double& east) {
     east = metres * std::sin(angle);
 }
 
-MacAddress randomMac(Random& random) {
+Core::MacAddress randomMac(Random& random) {
     uint64_t bits = random.bits();
-    MacAddress mac{};
+    Core::MacAddress mac{};
     for (auto& octet : mac) {
         octet = static_cast<uint8_t>(bits);
         bits >>= 8;
@@ -115,7 +115,7 @@ std::vector<CityAp> generateCity(const CityOptions& options) {
     // centre, where a walk expects them.
     const int blocks = 2 * std::max(1, static_cast<int>(std::lround(options.sizeKm * 1000.0 /
                                                                     kStreetPitchMetres / 2.0)));
-    std::set<MacAddress> used;
+    std::set<Core::MacAddress> used;
     std::vector<CityAp> city;
     city.reserve(options.aps);
     while (city.size() < options.aps) {
@@ -162,7 +162,7 @@ void writeCityCsv(std::ostream& out, const std::vector<CityAp>& aps) {
     out << "mac,latitude,longitude,quality,signal_exponent\n";
     char line[128];
     for (const CityAp& ap : aps) {
-        std::snprintf(line, sizeof line, "%s,%.8f,%.8f,%u,%.4f\n", macText(ap.mac).c_str(),
+        std::snprintf(line, sizeof line, "%s,%.8f,%.8f,%u,%.4f\n", Core::macText(ap.mac).c_str(),
                       ap.latitude, ap.longitude, ap.quality, ap.signalExponent);
         out << line;
     }
@@ -180,18 +180,18 @@ std::vector<CityAp> readCityCsv(std::istream& in, std::vector<std::string>& erro
         }
         CityAp ap;
         std::string why;
-        auto mac = fields.size() >= 3 ? parseMacText(fields[0]) : std::nullopt;
+        auto mac = fields.size() >= 3 ? Core::parseMacText(fields[0]) : std::nullopt;
         if (fields.size() < 3 || fields.size() > 5) {
             why = "expected 3 to 5 fields";
         } else if (!mac) {
             why = "mac is not 12 hex digits";
-        } else if (!SPI::parseDoubleIn(fields[1], -90.0, 90.0, ap.latitude) ||
-                   !SPI::parseDoubleIn(fields[2], -180.0, 180.0, ap.longitude)) {
+        } else if (!Core::parseDoubleIn(fields[1], -90.0, 90.0, ap.latitude) ||
+                   !Core::parseDoubleIn(fields[2], -180.0, 180.0, ap.longitude)) {
             why = "latitude or longitude is not a number in range";
-        } else if (fields.size() >= 4 && !SPI::parseUnsigned(fields[3], ap.quality)) {
+        } else if (fields.size() >= 4 && !Core::parseUnsigned(fields[3], ap.quality)) {
             why = "quality is not an unsigned integer";
         } else if (fields.size() >= 5 &&
-                   !SPI::parseDoubleIn(fields[4], 0.0, 10.0, ap.signalExponent)) {
+                   !Core::parseDoubleIn(fields[4], 0.0, 10.0, ap.signalExponent)) {
             why = "signal_exponent is not a number in 0..10";
         }
         if (!why.empty()) {

@@ -16,7 +16,7 @@
 #include <string>
 #include <vector>
 
-#include "spi/scanned_ap.h"
+#include "core/scanned_ap.h"
 
 namespace ZEL::Sim {
 
@@ -27,7 +27,7 @@ inline constexpr double kStreetPitchMetres = 100.0;
 
 // One access point as the database knows it (a row of the city CSV).
 struct CityAp {
-    MacAddress mac{};
+    Core::MacAddress mac{};
     double latitude = 0.0;  // degrees
     double longitude = 0.0;
     uint32_t quality = 50;

@@ -1,9 +1,9 @@
-#include "spi/scanned_ap.h"
+#include "core/scanned_ap.h"
 
 #include <algorithm>
 #include <cstdio>
 
-namespace ZEL {
+namespace ZEL::Core {
 
 void ScannedAP::setSsid(std::string_view text) {
     ssidLength = static_cast<uint8_t>(std::min(text.size(), ssid.size()));
@@ -53,4 +53,4 @@ std::optional<MacAddress> parseMacText(std::string_view text) {
     return mac;
 }
 
-}  // namespace ZEL
+}  // namespace ZEL::Core

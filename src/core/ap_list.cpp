@@ -1,9 +1,9 @@
-#include "api/ap_list.h"
+#include "core/ap_list.h"
 
 #include <algorithm>
 #include <cstring>
 
-namespace ZEL::API {
+namespace ZEL::Core {
 namespace {
 
 // Printed order: mac[5] is the first printed octet, so compare from byte 5 down.
@@ -16,7 +16,7 @@ bool macLess(const ScannedAP& a, const ScannedAP& b) {
     return false;
 }
 
-bool timeLess(const SPI::TimeStamp& a, const SPI::TimeStamp& b) {
+bool timeLess(const TimeStamp& a, const TimeStamp& b) {
     return a.seconds != b.seconds ? a.seconds < b.seconds : a.milliseconds < b.milliseconds;
 }
 
@@ -31,17 +31,16 @@ void appendText(std::string& text, const ScannedAP& ap) {
 
 }  // namespace
 
-void RecentApList::merge(const ApList& fresh) {
-    SPI::TimeStamp now = SPI::currentTime();
+void RecentApList::merge(const ApList& fresh, TimeStamp now) {
     for (const ScannedAP& ap : fresh) {
         auto at = std::lower_bound(
             entries_.begin(), entries_.end(), now,
-            [](const Entry& e, const SPI::TimeStamp& t) { return timeLess(e.heard, t); });
+            [](const Entry& e, const TimeStamp& t) { return timeLess(e.heard, t); });
         entries_.insert(at, Entry{ap, now});
     }
     // Oldest first: drop from the front while too old.
     while (!entries_.empty() &&
-           SPI::ageMs(now, entries_.front().heard) > static_cast<int32_t>(maxAgeMs_)) {
+           ageMs(now, entries_.front().heard) > static_cast<int32_t>(maxAgeMs_)) {
         entries_.pop_front();
     }
 }
@@ -62,11 +61,10 @@ void unique(ApList& list) {
     list.erase(last, list.end());
 }
 
-void filter(const RecentApList& recent, ApList& fresh, ApList& cached) {
-    SPI::TimeStamp now = SPI::currentTime();
+void filter(const RecentApList& recent, TimeStamp now, ApList& fresh, ApList& cached) {
     const auto& entries = recent.entries();
     for (auto entry = entries.rbegin(); entry != entries.rend(); ++entry) {
-        if (SPI::ageMs(now, entry->heard) > kRecentlyHeardMs) {
+        if (ageMs(now, entry->heard) > kRecentlyHeardMs) {
             break;
         }
         auto match = std::find_if(fresh.begin(), fresh.end(),
@@ -94,4 +92,4 @@ std::string toText(const RecentApList& list) {
     return text;
 }
 
-}  // namespace ZEL::API
+}  // namespace ZEL::Core
