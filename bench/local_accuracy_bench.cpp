@@ -110,10 +110,9 @@ void BM_CentroidAccuracy(benchmark::State& state) {
             double longitude = 0.0;
             int known = 0;
             for (const Core::ScannedAP& ap : walk.scans[i].aps) {
-                const Tiles::ApRecord record = reader->lookup(ap.mac);
-                if (record.mac == ap.mac) {
-                    latitude += record.data.latitude;
-                    longitude += record.data.longitude;
+                if (std::optional<Tiles::StoredApData> found = reader->lookup(ap.mac)) {
+                    latitude += found->latitude;
+                    longitude += found->longitude;
                     ++known;
                 }
             }

@@ -204,8 +204,8 @@ void lookups(benchmark::State& state, const std::string& path, const std::string
     }
     size_t i = 0, found = 0;
     for (auto _ : state) {
-        Tiles::ApRecord record = reader->lookup(queries[i++ % queries.size()]);
-        found += record.data.quality != 0;
+        std::optional<Tiles::StoredApData> record = reader->lookup(queries[i++ % queries.size()]);
+        found += record.has_value();
         benchmark::DoNotOptimize(record);
     }
     state.counters["found_share"] = static_cast<double>(found) / state.iterations();

@@ -7,30 +7,34 @@
 #include <cstring>
 #include <vector>
 
-#include "memory_file.h"
+#include "support/test_platform.h"
+#include "tiles/in_place_search.h"
 #include "tiles/local_compressed_file_reader.h"
 #include "tiles/tile.h"
 #include "tiles/tile_directory.h"
 #include "tiles/tile_format.h"
 
 using namespace ZEL;
-using namespace ZEL::API;
+using namespace ZEL::Tiles;
 
 namespace {
 
 void lookUp(Tiles::LocalCompressedFileReader& reader, const Core::MacAddress& mac) {
-    Tiles::ApRecord record = reader.lookup(mac);
-    if (record.mac != mac && record.mac != Core::MacAddress{}) {
-        abort();  // a record is either the one asked for or empty
+    std::optional<Tiles::StoredApData> found = reader.lookup(mac);
+    if (found && (found->quality < Tiles::TileFormat::kQualityOffset ||
+                  !(found->signalExponent >= Tiles::TileFormat::kExponentFloor))) {
+        abort();  // every decoded value lies in the range the format can express
     }
 }
 
-// The fast search, which reads the mapping directly where it can, must answer
-// exactly as the search that checks every read.
-void compareSearches(const Tile& tile, uint64_t key) {
+// The in-place search, which reads the mapping directly where it can, must answer
+// exactly as the tile's own search, which checks every read.
+void compareSearches(const Tile& tile, const std::vector<uint8_t>& file, uint64_t key) {
+    const auto byteCount = static_cast<uint32_t>(file.size());
     Tiles::StoredApData fast, checked;
-    bool foundFast = tile.findKey(key, fast);
-    bool foundChecked = tile.findKeyChecked(key, checked);
+    bool foundFast = decodeInPlace(tile, file.data(), byteCount,
+                                   locateInPlace(tile, file.data(), byteCount, key), key, fast);
+    bool foundChecked = tile.findKey(key, checked);
     if (foundFast != foundChecked ||
         (foundFast &&
          (fast.latitude != checked.latitude || fast.longitude != checked.longitude ||
@@ -57,7 +61,7 @@ void decodeAll(const std::vector<uint8_t>& file, const std::string& realm) {
                 }
             });
             for (uint64_t key : keys) {
-                compareSearches(tile, key);
+                compareSearches(tile, file, key);
             }
         }
     }
@@ -77,9 +81,10 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
         Tiles::TileFormat::Digest digest = Tiles::TileFormat::realmDigest(realm);
         file.insert(file.end(), digest.begin(), digest.end());
     }
-    static MemoryFile memory;
+    static Testing::TestPlatform platform;
     static auto reader = Tiles::LocalCompressedFileReader::create();
-    if (file.empty() || !reader->open(memory.set(file.data(), file.size()), realm)) {
+    platform.addFile("fuzz.zel", file);
+    if (file.empty() || !reader->open("fuzz.zel", realm)) {
         return 0;
     }
     // MACs from the file itself (index keys are plain MACs in the plain form),

@@ -11,14 +11,14 @@ namespace {
 constexpr uint32_t kUnknownQuality = 50;
 constexpr double kUnknownSignalExponent = 0.25;
 
-const Tiles::ApRecord* findInReaders(ReaderList& readers, const Core::MacAddress& mac, Tiles::ApRecord& found) {
+// The first answer in reader order.
+std::optional<Tiles::StoredApData> findInReaders(ReaderList& readers, const Core::MacAddress& mac) {
     for (auto& reader : readers) {
-        found = reader->lookup(mac);
-        if (Core::sameMac(found.mac, mac)) {
-            return &found;
+        if (std::optional<Tiles::StoredApData> found = reader->lookup(mac)) {
+            return found;
         }
     }
-    return nullptr;
+    return std::nullopt;
 }
 
 const LocalApEntry* findEntry(const std::vector<LocalApEntry>& entries, const Core::MacAddress& mac) {
@@ -59,13 +59,13 @@ StoredApMap lookupStoredAps(ReaderList& readers, const Core::ApList& aps, SPI::L
         return known;
     }
     for (const Core::ScannedAP& ap : aps) {
-        Tiles::ApRecord record;
-        if (findInReaders(readers, ap.mac, record) == nullptr) {
+        std::optional<Tiles::StoredApData> found = findInReaders(readers, ap.mac);
+        if (!found) {
             ZEL_LOG_DEBUG(log, "MAC %s not found", Core::macText(ap.mac).c_str());
             continue;
         }
-        known.emplace(ap.mac, record.data);
-        const Tiles::StoredApData& data = record.data;
+        known.emplace(ap.mac, *found);
+        const Tiles::StoredApData& data = *found;
         ZEL_LOG_DEBUG(log, "MAC %s extracted successfully: %f %f %u %f", Core::macText(ap.mac).c_str(),
                       data.latitude, data.longitude, data.quality, data.signalExponent);
     }

@@ -42,8 +42,7 @@ using StoredApMap = std::map<Core::MacAddress, Tiles::StoredApData>;
 using ReaderList = std::vector<std::unique_ptr<Tiles::LocalCompressedFileReader>>;
 
 // What the readers store for each AP of `aps`, asked in reader order: the first
-// answer that carries the MAC asked for wins (a neighbouring record is "not
-// found"). A MAC heard twice keeps its first data. Logs one debug line per scan
+// reader that holds the MAC answers. A MAC heard twice keeps its first data. Logs one debug line per scan
 // record, none at all when `readers` is empty.
 StoredApMap lookupStoredAps(ReaderList& readers, const Core::ApList& aps, SPI::Logger& log);
 

@@ -23,6 +23,8 @@ class BitReader {
     // The stream's bytes, for decoders that check bounds once for a whole run.
     const uint8_t* data() const { return data_; }
     uint32_t byteCount() const { return byteCount_; }
+    // Whether `n` more bits lie in the stream.
+    bool has(unsigned n) const { return uint64_t{bitPos_} + n <= bitLength_; }
     // Any position is accepted; reads beyond the end then fail.
     void setPosition(uint32_t bitPosition) { bitPos_ = bitPosition; }
 
@@ -63,12 +65,12 @@ class BitReader {
                 bitPos_ += 8;
                 return ones == 0 ? word & 0x7F : 0;
             }
-            uint64_t value = word & (0x7Fu >> ones);
-            for (unsigned i = 1; i <= ones; ++i) {
-                value = (value << 8) | ((word >> (8 * i)) & 0xFF);
-            }
-            bitPos_ += 8 * (ones + 1);
-            return value + TileFormat::kVarintOffset[ones + 1];
+            // The varint's bytes, first byte most significant, without its length bits.
+            const unsigned length = ones + 1;
+            uint64_t value = (__builtin_bswap64(word) >> (64 - 8 * length)) &
+                             ((uint64_t{1} << (7 * length)) - 1);
+            bitPos_ += 8 * length;
+            return value + TileFormat::kVarintOffset[length];
         }
         uint64_t lead = read(8);
         unsigned ones = 0;

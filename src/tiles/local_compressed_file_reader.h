@@ -6,6 +6,7 @@
 
 #include <cstdint>
 #include <memory>
+#include <optional>
 #include <string>
 
 #include "core/scanned_ap.h"
@@ -20,12 +21,6 @@ struct StoredApData {
     double signalExponent = 0.0;  // exponent applied to the received power in mW
 };
 
-// A lookup result: the MAC it was found under (all zero when not found) and its data.
-struct ApRecord {
-    Core::MacAddress mac{};
-    StoredApData data;
-};
-
 class LocalCompressedFileReader {
   public:
     // A new, closed reader; null only when memory runs out.
@@ -33,10 +28,10 @@ class LocalCompressedFileReader {
 
     virtual ~LocalCompressedFileReader() = default;
 
-    // The record of the first tile holding `mac`, with `mac` set to the one asked
-    // for; otherwise (also when not open) the empty record. Not thread-safe: all
-    // lookups share one bit cursor.
-    virtual ApRecord lookup(const Core::MacAddress& mac) = 0;
+    // What the first tile holding `mac` stores for it (tiles in the order of
+    // tile_search.h); nothing when no tile holds it or the reader is not open. Not
+    // thread-safe: all lookups share one bit cursor.
+    virtual std::optional<StoredApData> lookup(const Core::MacAddress& mac) = 0;
 
     // Opens, maps and checks the file at `path` for `realm` (the realm decides the
     // digest the file must carry and the key form). Logs and returns false on any

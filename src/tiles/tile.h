@@ -5,12 +5,29 @@
 
 #include <cstdint>
 #include <functional>
+#include <optional>
 #include <string>
 
 #include "tiles/bit_reader.h"
 #include "tiles/local_compressed_file_reader.h"
 
 namespace ZEL::Tiles {
+
+// How a search goes on after one record: it applies the record's key delta (the
+// `count`-th record decoded, in a block whose key is `blockKey`) to `running`.
+enum class Step { kAbsent, kFound, kOn };
+inline Step advanceSearch(uint64_t delta, uint32_t count, uint64_t blockKey, uint64_t key,
+                          uint64_t& running) {
+    if (delta == 0) {
+        if (count > 0) {
+            return Step::kAbsent;  // a new block began before the key: malformed or absent
+        }
+        running = blockKey;
+    } else {
+        running += delta;
+    }
+    return running > key ? Step::kAbsent : running == key ? Step::kFound : Step::kOn;
+}
 
 class Tile {
   public:
@@ -25,13 +42,10 @@ class Tile {
     // The 48-bit key of `mac` in this tile: hashed with the bases when the realm
     // is not empty.
     uint64_t keyFor(const Core::MacAddress& mac) const;
-    // Looks `mac` up; on success fills `record` (with `mac`) and returns true.
-    bool find(const Core::MacAddress& mac, ApRecord& record) const;
+    // What the tile stores for `mac`, if anything.
+    std::optional<StoredApData> find(const Core::MacAddress& mac) const;
     // The same for a key already computed by keyFor().
     bool findKey(uint64_t key, StoredApData& data) const { return decode(locate(key), key, data); }
-    // The same, reading every field through the bounds-checked BitReader even where
-    // the whole run lies inside the stream; the reference findKey must agree with.
-    bool findKeyChecked(uint64_t key, StoredApData& data) const;
 
     // Where `key` can lie: the key and the bit position of the last block whose
     // key does not exceed it.
@@ -42,6 +56,12 @@ class Tile {
     Block locate(uint64_t key) const;
     // Decodes the records from `block` on, looking for `key`.
     bool decode(const Block& block, uint64_t key, StoredApData& data) const;
+    // The same, continuing at bit `position` with `count` records decoded and the
+    // running key `running`.
+    bool decodeFrom(uint32_t position, uint32_t count, uint64_t running, const Block& block,
+                    uint64_t key, StoredApData& data) const;
+    // The four value fields of the record whose values start at bit `position`.
+    StoredApData valuesAt(uint32_t position) const;
 
     // Decodes the records one after the other from the start of the record area,
     // stopping after recordCount records or at the first one whose key does not
@@ -63,17 +83,15 @@ class Tile {
     uint32_t indexStart() const { return indexStart_; }
 
     // The bit position of the record area (the end of the block index).
-    uint32_t recordBase() const { return (indexStart_ + 6 + 8 * (indexCount_ - 1)) * 8; }
+    uint32_t recordBase() const {
+        return (indexStart_ + TileFormat::recordAreaOffset(indexCount_)) * 8;
+    }
 
-  private:
+    // Bits of a record's value fields.
     unsigned recordBits() const { return latBits_ + lonBits_ + qualityBits_ + exponentBits_; }
+  private:
     // Reads the four value fields at the current position.
     StoredApData decodeValues() const;
-    Block locateChecked(uint64_t key) const;
-    // Continues a decode at bit `position` with `count` records behind and the
-    // running key `running`.
-    bool decodeChecked(uint32_t position, uint32_t count, uint64_t running, const Block& block,
-                       uint64_t key, StoredApData& data) const;
 
     BitReader* bitReader_ = nullptr;
     uint32_t indexStart_ = 0;
@@ -90,7 +108,6 @@ class Tile {
     uint32_t indexCount_ = 0;
     uint64_t firstKey_ = 0;
     uint64_t lastKey_ = 0;
-    bool indexInside_ = false;  // every index entry can be loaded as 8 bytes
     std::string realm_;
     uint32_t tileIndex_ = 0;
 };

@@ -89,6 +89,17 @@ constexpr unsigned kCodeWidthBits = 3;
 constexpr unsigned kKeyBits = 48;
 constexpr unsigned kIndexKeyBytes = 6;
 constexpr unsigned kIndexEntryBytes = 8;  // key + bitDelta for every entry after the first
+constexpr unsigned kBitDeltaBits = 16;
+// Where index entry `i` starts, in bytes from the start of the index.
+constexpr uint32_t indexEntryOffset(uint32_t i) {
+    return i == 0 ? 0 : kIndexKeyBytes + kIndexEntryBytes * (i - 1);
+}
+// Where the records begin, in bytes from the start of the index, computed in 32-bit
+// arithmetic as the format defines it: with an index count of 0 the record area
+// starts two bytes before the index, over the count's own bytes.
+constexpr uint32_t recordAreaOffset(uint32_t indexCount) {
+    return kIndexKeyBytes + kIndexEntryBytes * (indexCount - 1);
+}
 constexpr uint32_t kQualityOffset = 18;
 constexpr double kExponentFloor = 0.16666666666666666;
 constexpr unsigned kMaxVarintBytes = 7;

@@ -17,22 +17,20 @@ struct LookupArguments {
     bool json = false;
 };
 
-void print(const std::string& asked, const ZEL::Core::MacAddress& mac, const Tiles::ApRecord& record,
-           bool json) {
-    bool found = record.mac == mac;
-    nlohmann::json line = {{"mac", ZEL::Core::macText(mac)}, {"found", found}};
+void print(const std::string& asked, const ZEL::Core::MacAddress& mac,
+           const std::optional<Tiles::StoredApData>& found, bool json) {
+    nlohmann::json line = {{"mac", ZEL::Core::macText(mac)}, {"found", found.has_value()}};
     if (found) {
-        line["latitude"] = record.data.latitude;
-        line["longitude"] = record.data.longitude;
-        line["quality"] = record.data.quality;
-        line["signal_exponent"] = record.data.signalExponent;
+        line["latitude"] = found->latitude;
+        line["longitude"] = found->longitude;
+        line["quality"] = found->quality;
+        line["signal_exponent"] = found->signalExponent;
     }
     if (json) {
         std::printf("%s\n", line.dump().c_str());
     } else if (found) {
-        std::printf("%s %.17g %.17g quality %u exponent %.17g\n", asked.c_str(),
-                    record.data.latitude, record.data.longitude, record.data.quality,
-                    record.data.signalExponent);
+        std::printf("%s %.17g %.17g quality %u exponent %.17g\n", asked.c_str(), found->latitude,
+                    found->longitude, found->quality, found->signalExponent);
     } else {
         std::printf("%s not found\n", asked.c_str());
     }
