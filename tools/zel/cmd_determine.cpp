@@ -30,8 +30,8 @@ struct Arguments {
 void printApList(const char* name, const Core::ApList& aps) {
     std::printf(",\"%s\":[", name);
     for (size_t i = 0; i < aps.size(); ++i) {
-        std::printf("%s{\"mac\":\"%s\",\"rss\":%d}", i == 0 ? "" : ",", Core::macText(aps[i].mac).c_str(),
-                    aps[i].rss);
+        std::printf("%s{\"mac\":\"%s\",\"rss\":%d}", i == 0 ? "" : ",",
+                    Core::macText(aps[i].mac).c_str(), aps[i].rss);
     }
     std::printf("]");
 }
@@ -156,7 +156,7 @@ int run(const Arguments& arguments) {
         if (known != truth.end()) {
             if (code == 0) {
                 error = Local::greatCircleDistance(record.latitude, record.longitude,
-                                                 known->second.latitude, known->second.longitude);
+                                                   known->second.latitude, known->second.longitude);
                 tally.addFix(error, record.hpe);
             } else {
                 tally.addMiss();
@@ -172,20 +172,22 @@ int run(const Arguments& arguments) {
     return 0;
 }
 
-const ZEL::Cli::Registrar registrar{
-    "determine", [](CLI::App& app) {
-        auto arguments = std::make_shared<Arguments>();
-        CLI::App* command = app.add_subcommand(
-            "determine", "Replay recorded scans through the on-device determination");
-        command->add_option("--db", arguments->databases, "Tile file (repeat for several)")
-            ->required();
-        command->add_option("--realm", arguments->realm, "Realm the tile files belong to")
-            ->default_val("");
-        command->add_option("--scans", arguments->scans, "Recording (JSON Lines)")->required();
-        command->add_option("--truth", arguments->truth,
-                            "True positions (CSV from zel sim walk): adds errors and a summary");
-        command->add_flag("--json", arguments->json, "One JSON object per line");
-        command->callback([arguments] { ZEL::Cli::setExitStatus(run(*arguments)); });
-    }};
-
 }  // namespace
+
+namespace ZEL::Cli {
+
+void addDetermineCommand(CLI::App& app) {
+    auto arguments = std::make_shared<Arguments>();
+    CLI::App* command = app.add_subcommand(
+        "determine", "Replay recorded scans through the on-device determination");
+    command->add_option("--db", arguments->databases, "Tile file (repeat for several)")->required();
+    command->add_option("--realm", arguments->realm, "Realm the tile files belong to")
+        ->default_val("");
+    command->add_option("--scans", arguments->scans, "Recording (JSON Lines)")->required();
+    command->add_option("--truth", arguments->truth,
+                        "True positions (CSV from zel sim walk): adds errors and a summary");
+    command->add_flag("--json", arguments->json, "One JSON object per line");
+    command->callback([arguments] { ZEL::Cli::setExitStatus(run(*arguments)); });
+}
+
+}  // namespace ZEL::Cli

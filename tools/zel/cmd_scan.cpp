@@ -35,7 +35,8 @@ int scanOnce(bool json) {
         // The scan-recording line: the scan's time and its APs.
         nlohmann::json aps = nlohmann::json::array();
         for (const Core::ScannedAP& ap : list) {
-            aps.push_back({{"mac", Core::macText(ap.mac)}, {"rss", ap.rss}, {"ssid", ap.ssidText()}});
+            aps.push_back(
+                {{"mac", Core::macText(ap.mac)}, {"rss", ap.rss}, {"ssid", ap.ssidText()}});
         }
         nlohmann::json line = {{"adapter", adapter.name()},
                                {"t_ms", SPI::currentTime().totalMilliseconds()},
@@ -51,14 +52,16 @@ int scanOnce(bool json) {
     return 0;
 }
 
-const ZEL::Cli::Registrar registrar{
-    "scan", [](CLI::App& app) {
-        CLI::App* command =
-            app.add_subcommand("scan", "Scan with the first Wi-Fi adapter and print what it hears");
-        auto json = std::make_shared<bool>(false);
-        command->add_flag("--json", *json,
-                          "One JSON line: the adapter, the time and the APs heard");
-        command->callback([json] { ZEL::Cli::setExitStatus(scanOnce(*json)); });
-    }};
-
 }  // namespace
+
+namespace ZEL::Cli {
+
+void addScanCommand(CLI::App& app) {
+    CLI::App* command =
+        app.add_subcommand("scan", "Scan with the first Wi-Fi adapter and print what it hears");
+    auto json = std::make_shared<bool>(false);
+    command->add_flag("--json", *json, "One JSON line: the adapter, the time and the APs heard");
+    command->callback([json] { ZEL::Cli::setExitStatus(scanOnce(*json)); });
+}
+
+}  // namespace ZEL::Cli

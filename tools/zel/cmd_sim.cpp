@@ -140,12 +140,15 @@ void addWalk(CLI::App& sim) {
     walk->callback([arguments] { ZEL::Cli::setExitStatus(writeWalk(*arguments)); });
 }
 
-const ZEL::Cli::Registrar registrar{
-    "sim", [](CLI::App& app) {
-        CLI::App* sim = app.add_subcommand("sim", "Simulated cities and walks for demos and tests");
-        sim->require_subcommand(1);
-        addCity(*sim);
-        addWalk(*sim);
-    }};
-
 }  // namespace
+
+namespace ZEL::Cli {
+
+void addSimCommand(CLI::App& app) {
+    CLI::App* sim = app.add_subcommand("sim", "Simulated cities and walks for demos and tests");
+    sim->require_subcommand(1);
+    addCity(*sim);
+    addWalk(*sim);
+}
+
+}  // namespace ZEL::Cli

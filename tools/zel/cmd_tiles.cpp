@@ -1,15 +1,14 @@
 #include "command.h"
 #include "tiles_commands.h"
 
-namespace {
+namespace ZEL::Cli {
 
-const ZEL::Cli::Registrar registrar{"tiles", [](CLI::App& app) {
-                                        CLI::App* tiles = app.add_subcommand(
-                                            "tiles", "Build, inspect and query tile files");
-                                        tiles->require_subcommand(1);
-                                        ZEL::Cli::addBuild(*tiles);
-                                        ZEL::Cli::addInfo(*tiles);
-                                        ZEL::Cli::addLookup(*tiles);
-                                    }};
+void addTilesCommand(CLI::App& app) {
+    CLI::App* tiles = app.add_subcommand("tiles", "Build, inspect and query tile files");
+    tiles->require_subcommand(1);
+    ZEL::Cli::addBuild(*tiles);
+    ZEL::Cli::addInfo(*tiles);
+    ZEL::Cli::addLookup(*tiles);
+}
 
-}  // namespace
+}  // namespace ZEL::Cli

@@ -40,35 +40,32 @@ int onLocation(void* argument, int code, const ZEL_Location* location) {
     return 1;
 }
 
-const Registrar registrar{
-    "track", [](CLI::App& app) {
-        auto options = std::make_shared<TrackOptions>();
-        CLI::App* command = app.add_subcommand(
-            "track", "Positions every period, one line per fix, until the count or Ctrl-C");
-        options->addTo(command, true);
-        command->add_option("--period", options->periodMs, "Scan period in milliseconds");
-        command->add_option("--count", options->count,
-                            "Stop after this many fixes (0: until Ctrl-C)");
-        command->add_option("--replay", options->replay,
-                            "Recorded scans (JSON Lines), one per period");
-        command->callback([options] {
-            ReplaySource replay;
-            if (int status = chooseScanSource(options->replay, replay); status != 0) {
-                setExitStatus(status);
-                return;
-            }
-            options->apply();
-            std::signal(SIGINT, [](int) { interrupted = true; });
-            Tracker tracker{options->json, options->count,
-                            options->replay.empty() ? nullptr : &replay};
-            ZEL_Authentication auth = options->authentication();
-            int code = ZEL_periodic_location(&auth, options->lookupLevel(), options->periodMs, 0,
-                                             onLocation, &tracker);
-            setExitStatus(tracker.fixes > 0
-                              ? ZEL_OK
-                              : (code != ZEL_OK ? code : ZEL_ERROR_LOCATION_CANNOT_BE_DETERMINED));
-        });
-    }};
-
 }  // namespace
+
+void addTrackCommand(CLI::App& app) {
+    auto options = std::make_shared<TrackOptions>();
+    CLI::App* command = app.add_subcommand(
+        "track", "Positions every period, one line per fix, until the count or Ctrl-C");
+    options->addTo(command, true);
+    command->add_option("--period", options->periodMs, "Scan period in milliseconds");
+    command->add_option("--count", options->count, "Stop after this many fixes (0: until Ctrl-C)");
+    command->add_option("--replay", options->replay, "Recorded scans (JSON Lines), one per period");
+    command->callback([options] {
+        ReplaySource replay;
+        if (int status = chooseScanSource(options->replay, replay); status != 0) {
+            setExitStatus(status);
+            return;
+        }
+        options->apply();
+        std::signal(SIGINT, [](int) { interrupted = true; });
+        Tracker tracker{options->json, options->count, options->replay.empty() ? nullptr : &replay};
+        ZEL_Authentication auth = options->authentication();
+        int code = ZEL_periodic_location(&auth, options->lookupLevel(), options->periodMs, 0,
+                                         onLocation, &tracker);
+        setExitStatus(tracker.fixes > 0
+                          ? ZEL_OK
+                          : (code != ZEL_OK ? code : ZEL_ERROR_LOCATION_CANNOT_BE_DETERMINED));
+    });
+}
+
 }  // namespace ZEL::Cli

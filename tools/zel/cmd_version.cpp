@@ -2,12 +2,11 @@
 
 #include "command.h"
 
-namespace {
+namespace ZEL::Cli {
 
-const ZEL::Cli::Registrar registrar{
-    "version", [](CLI::App& app) {
-        CLI::App* command = app.add_subcommand("version", "Print the version of the zel tools");
-        command->callback([] { std::printf("zel %s\n", ZEL_VERSION); });
-    }};
+void addVersionCommand(CLI::App& app) {
+    CLI::App* command = app.add_subcommand("version", "Print the version of the zel tools");
+    command->callback([] { std::printf("zel %s\n", ZEL_VERSION); });
+}
 
-}  // namespace
+}  // namespace ZEL::Cli

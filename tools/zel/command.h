@@ -1,22 +1,22 @@
-// Subcommands of `zel`. Each lives in its own source file and registers itself
-// with a static registrar, so adding one touches no shared file:
-//
-//   static const ZEL::Cli::Registrar registrar{"tiles", [](CLI::App& app) { ... }};
+// Subcommands of `zel`: each lives in its own source file and adds itself to the
+// program through one of these functions, listed in main.cpp's table.
 #pragma once
 
 #include <CLI/CLI.hpp>
 
-#include <functional>
-
 namespace ZEL::Cli {
 
-// Adds the subcommand to `app` and sets its callback; the callback reports its
+// Each adds its subcommand to `app` and sets its callback; the callback reports its
 // outcome through setExitStatus.
-using CommandSetup = std::function<void(CLI::App& app)>;
-
-struct Registrar {
-    Registrar(const char* name, CommandSetup setup);
-};
+void addLocateCommand(CLI::App& app);
+void addTrackCommand(CLI::App& app);
+void addIpCommand(CLI::App& app);
+void addRegisterCommand(CLI::App& app);
+void addScanCommand(CLI::App& app);
+void addTilesCommand(CLI::App& app);
+void addDetermineCommand(CLI::App& app);
+void addSimCommand(CLI::App& app);
+void addVersionCommand(CLI::App& app);
 
 // The exit status of the program: 0 on success, otherwise the library's code (or 1
 // for a usage or input error the library never saw).

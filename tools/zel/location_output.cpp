@@ -171,8 +171,9 @@ void printLocationLine(int code, const ZEL_Location* location, bool json) {
     } else if (location == nullptr) {
         std::printf("no position: %s (code %d)\n", describeCode(code), code);
     } else {
-        std::printf("%.6f, %.6f  +/- %.0f m  %u APs  %.1f km/h  bearing %.1f  %s\n", location->latitude,
-                    location->longitude, location->hpe, location->nap, location->speed, location->bearing,
+        std::printf("%.6f, %.6f  +/- %.0f m  %u APs  %.1f km/h  bearing %.1f  %s\n",
+                    location->latitude, location->longitude, location->hpe, location->nap,
+                    location->speed, location->bearing,
                     geoUri(location->latitude, location->longitude, location->hpe).c_str());
     }
 }

@@ -1,23 +1,17 @@
-#include <map>
-#include <string>
-
 #include "command.h"
 
 namespace ZEL::Cli {
 namespace {
 
-std::map<std::string, CommandSetup>& registry() {
-    static std::map<std::string, CommandSetup> commands;
-    return commands;
-}
-
 int exitStatus = 0;
 
-}  // namespace
+// The subcommands in the order `zel --help` lists them.
+void (*const kSubcommands[])(CLI::App&) = {
+    addLocateCommand, addTrackCommand,     addIpCommand,  addRegisterCommand, addScanCommand,
+    addTilesCommand,  addDetermineCommand, addSimCommand, addVersionCommand,
+};
 
-Registrar::Registrar(const char* name, CommandSetup setup) {
-    registry().emplace(name, std::move(setup));
-}
+}  // namespace
 
 void setExitStatus(int status) {
     exitStatus = status;
@@ -29,8 +23,8 @@ int main(int argc, char** argv) {
     CLI::App app{
         "zel: locate this device from the Wi-Fi access points it hears, and tools for its data"};
     app.require_subcommand(1);
-    for (auto& [name, setup] : ZEL::Cli::registry()) {
-        setup(app);
+    for (auto add : ZEL::Cli::kSubcommands) {
+        add(app);
     }
     CLI11_PARSE(app, argc, argv);
     return ZEL::Cli::exitStatus;
