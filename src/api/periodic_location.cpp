@@ -12,7 +12,8 @@ int LocationSmoother::smooth(uint64_t timeMs, const Core::LocationRecord& locati
         history_.push_front(Sample{timeMs, location.latitude, location.longitude, location.hpe,
                                    location.nap, location.speed, location.bearing});
     }
-    // Deliberately emptied: periodic results are the raw per-period determinations.
+    // Kept on purpose, as the library has always behaved: the history is emptied, so
+    // periodic results are the raw per-period determinations.
     history_.clear();
     return 0;
 }
@@ -26,8 +27,8 @@ PeriodicLocationState::PeriodicLocationState(uint32_t periodMs, LocationCallback
       local_(local),
       smoother_(smoother) {}
 
-int PeriodicLocationState::onScan(const ScanLoopState& loop, Core::ResultCode code, const Core::ApList& fresh,
-                                  const Core::ApList& cached) {
+int PeriodicLocationState::onScan(const ScanLoopState& loop, Core::ResultCode code,
+                                  const Core::ApList& fresh, const Core::ApList& cached) {
     if (code != Core::ResultCode::kOk) {
         return callback_(code, nullptr);
     }

@@ -58,8 +58,9 @@ void LocalDeterminationBase::release() {
 LocationDeterminationPrivate::LocationDeterminationPrivate()
     : LocalDeterminationBase("ZEL.API.LocationDeterminationPrivate") {}
 
-ResultCode LocationDeterminationPrivate::determine(const Core::LocationRecord*, const Core::ApList& aps,
-                                            Core::LocationRecord& out) {
+ResultCode LocationDeterminationPrivate::determine(const Core::LocationRecord*,
+                                                   const Core::ApList& aps,
+                                                   Core::LocationRecord& out) {
     const Core::TimeStamp now = SPI::currentTime();
     Core::LocationRecord raw;
     raw.time = now;
@@ -118,7 +119,8 @@ std::vector<LocalApEntry> LocationDeterminationPrivate::splitScan(const Core::Ap
     return entries;
 }
 
-void LocationDeterminationPrivate::estimateMotion(Core::LocationRecord& raw, Core::LocationRecord& out) const {
+void LocationDeterminationPrivate::estimateMotion(Core::LocationRecord& raw,
+                                                  Core::LocationRecord& out) const {
     raw.speed = estimateSpeed(raw, resultHistory(), trackedAps_);
     out.speed = raw.speed;
     if (raw.speed == 0.0 && !rawHistory().empty()) {
@@ -164,7 +166,8 @@ void LocationDeterminationPrivate::smoothPosition(const Core::LocationRecord& ra
     }
 }
 
-void LocationDeterminationPrivate::smoothBearing(Core::LocationRecord& raw, Core::LocationRecord& out) const {
+void LocationDeterminationPrivate::smoothBearing(Core::LocationRecord& raw,
+                                                 Core::LocationRecord& out) const {
     raw.bearing = estimateBearing(raw, resultHistory());
     if (raw.bearing == 0.0) {
         out.bearing = 0.0;
@@ -206,7 +209,7 @@ void LocationDeterminationPrivate::smoothBearing(Core::LocationRecord& raw, Core
     for (size_t k = 0; k < 5; ++k) {
         out.bearing += kBearingWeights[k] * bearings[k];
     }
-    // 360.01, not 360: the smoothed bearing has always been lifted by this much.
+    // Kept on purpose: 360.01, not 360; the smoothed bearing has always been lifted by this much.
     if (out.bearing < 0.0) {
         out.bearing += 360.01;
     }

@@ -18,7 +18,8 @@ bool hasPosition(const Core::LocationRecord& record) {
 
 // `raw`, then the records of `results` with a position, newest first, up to `limit`.
 std::vector<const Core::LocationRecord*> positionSamples(const Core::LocationRecord& raw,
-                                                   const LocationHistory& results, size_t limit) {
+                                                         const LocationHistory& results,
+                                                         size_t limit) {
     std::vector<const Core::LocationRecord*> samples{&raw};
     for (const Core::LocationRecord& record : results) {
         if (samples.size() >= limit) {
@@ -205,7 +206,7 @@ double estimateBearing(const Core::LocationRecord& raw, const LocationHistory& r
     std::sort(angles.begin(), angles.begin() + static_cast<std::ptrdiff_t>(pooled));
     double bearing = angles[(pooled + 1) / 2] * kDegreesPerRadian;
     if (bearing < 0.0) {
-        bearing += 360.01;
+        bearing += 360.01;  // kept on purpose, as for the smoothed bearing: 360.01, not 360
     }
     return bearing;
 }

@@ -12,8 +12,8 @@
 #include <memory>
 #include <string>
 
-#include "core/location_record.h"
 #include "core/credentials.h"
+#include "core/location_record.h"
 #include "core/result_code.h"
 #include "spi/http_request.h"
 
@@ -55,7 +55,8 @@ class LocationDeterminationRemote {
 
   private:
     // One exchange: posts `request` to serverUrl + path; on 0 `response` holds the body.
-    Core::ResultCode postRequest(const std::string& path, const std::string& request, std::string& response);
+    Core::ResultCode postRequest(const std::string& path, const std::string& request,
+                                 std::string& response);
     int openRequest(SPI::XmlHttpRequest& request, const std::string& url);
     Core::ResultCode readResponse(SPI::XmlHttpRequest& request, std::string& response);
 
@@ -63,8 +64,8 @@ class LocationDeterminationRemote {
     std::string serverUrl_ = kDefaultServerUrl;
     std::string userAgent_ = kUserAgent;
     std::string proxy_;
-    // Handed to the transport unchanged; nothing writes it, so only the port text
-    // that setProxy appended to proxy_ is used.
+    // Kept on purpose: the transport takes a separate port, but nothing writes this
+    // one; the port travels as the text setProxy appended to proxy_.
     int proxyPort_ = 0;
     std::string proxyUser_;
     std::string proxyPassword_;

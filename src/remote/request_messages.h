@@ -1,14 +1,15 @@
 // The three request documents sent to the location server, byte for byte.
 //
 // Documents are built by concatenation: single-quoted attributes, no whitespace
-// between elements, and no XML escaping of the caller's strings (a username holding
-// "<" gives ill-formed XML; that is the caller's business).
+// between elements, and no XML escaping of the caller's strings: the protocol's
+// documents are byte for byte these (a username holding "<" gives ill-formed XML;
+// that is the caller's business).
 #pragma once
 
 #include <string>
 
-#include "core/scanned_ap.h"
 #include "core/credentials.h"
+#include "core/scanned_ap.h"
 
 namespace ZEL::Remote {
 
@@ -23,10 +24,8 @@ const std::string& namespaceAndVersion();
 std::string makeAuthentication(Core::Credentials credentials);
 // " street-address-lookup='none|limited|full'", with an empty value for any other level.
 std::string makeStreetAddressLookup(int level);
-std::string makeLocationRequest(Core::Credentials credentials, int level,
-                                const Core::ApList& aps);
+std::string makeLocationRequest(Core::Credentials credentials, int level, const Core::ApList& aps);
 std::string makeIPLocationRequest(Core::Credentials credentials, int level);
-std::string makeRegistrationRequest(Core::Credentials credentials,
-                                    Core::Credentials newUser);
+std::string makeRegistrationRequest(Core::Credentials credentials, Core::Credentials newUser);
 
 }  // namespace ZEL::Remote

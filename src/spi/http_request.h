@@ -10,7 +10,8 @@
 // Threading: a synchronous send runs on the caller's thread. An asynchronous send
 // runs on a thread of its own and writes the response fields; read them only after
 // the completion callback ran. abort() (also run by open() and the destructor) stops
-// a running send and waits for its thread.
+// a running send and waits for its thread. Kept on purpose: the location client
+// never sends asynchronously, but the exchange offers it as the transport always did.
 #pragma once
 
 #include <cstddef>

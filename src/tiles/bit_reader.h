@@ -1,7 +1,8 @@
 // A cursor over a memory-mapped tile file, reading the LSB-first bit stream of
 // tile_format.h. Every read is bounds-checked against the stream length: a read
-// that would pass the end yields 0 and leaves the position where it was, so a
-// truncated or hostile file decodes zeros instead of reading outside the mapping.
+// that would pass the end yields 0 and leaves the position where it was, as the
+// format requires: a truncated or hostile file decodes zeros instead of reading
+// outside the mapping.
 #pragma once
 
 #include <bit>
