@@ -30,7 +30,7 @@ constexpr const char* kRealm = "bench";
 
 struct Fixture {
     std::string path;
-    std::string plainPath;          // the same APs in the empty realm (plain keys)
+    std::string plainPath;                // the same APs in the empty realm (plain keys)
     Core::ApList scan;                    // 24 known APs near one spot, 6 unknown, interleaved
     std::vector<Core::ApList> elsewhere;  // the same at 16 spots far apart
 };

@@ -84,13 +84,15 @@ void BM_DetermineAccuracy(benchmark::State& state) {
         for (size_t i = 0; i < walk.scans.size(); ++i) {
             clock.set(walk.scans[i].timeMs);
             Core::LocationRecord record;
-            if (determination.determine(nullptr, walk.scans[i].aps, record) != Core::ResultCode::kOk) {
+            if (determination.determine(nullptr, walk.scans[i].aps, record) !=
+                Core::ResultCode::kOk) {
                 tally.addMiss();
                 continue;
             }
-            tally.addFix(Local::greatCircleDistance(record.latitude, record.longitude,
-                                                  walk.truth[i].latitude, walk.truth[i].longitude),
-                         record.hpe);
+            tally.addFix(
+                Local::greatCircleDistance(record.latitude, record.longitude,
+                                           walk.truth[i].latitude, walk.truth[i].longitude),
+                record.hpe);
         }
         summary = tally.summary();
     }
@@ -120,9 +122,10 @@ void BM_CentroidAccuracy(benchmark::State& state) {
                 tally.addMiss();
                 continue;
             }
-            tally.addFix(Local::greatCircleDistance(latitude / known, longitude / known,
-                                                  walk.truth[i].latitude, walk.truth[i].longitude),
-                         0.0);
+            tally.addFix(
+                Local::greatCircleDistance(latitude / known, longitude / known,
+                                           walk.truth[i].latitude, walk.truth[i].longitude),
+                0.0);
         }
         summary = tally.summary();
     }

@@ -27,7 +27,8 @@ std::vector<ZEL::Core::ApList> loadWalk() {
     Local::ScanRecordingReader reader(file);
     std::vector<ZEL::Core::ApList> scans;
     while (auto item = reader.next()) {
-        if (item->scan) scans.push_back(item->scan->aps);
+        if (item->scan)
+            scans.push_back(item->scan->aps);
     }
     return scans;
 }
@@ -42,7 +43,8 @@ int replay(void* argument, ZEL_APEntry* aps, unsigned int capacity, unsigned int
     const ZEL::Core::ApList& scan = walk->scans[walk->next++ % walk->scans.size()];
     *count = 0;
     for (const ZEL::Core::ScannedAP& ap : scan) {
-        if (*count == capacity) break;
+        if (*count == capacity)
+            break;
         std::copy(ap.mac.begin(), ap.mac.end(), aps[*count].mac);
         aps[*count].rss = ap.rss;
         ++*count;
@@ -60,7 +62,8 @@ void runLocate(benchmark::State& state, ZEL_StreetAddressLookup lookup) {
     int failures = 0;
     for (auto _ : state) {
         ZEL_Location* location = nullptr;
-        if (ZEL_location(&auth, lookup, &location) != ZEL_OK) ++failures;
+        if (ZEL_location(&auth, lookup, &location) != ZEL_OK)
+            ++failures;
         benchmark::DoNotOptimize(location);
         ZEL_free_location(location);
     }
@@ -68,14 +71,17 @@ void runLocate(benchmark::State& state, ZEL_StreetAddressLookup lookup) {
     ZEL_set_scan_source(nullptr, nullptr);
 }
 
-void BM_LocateOnDevice(benchmark::State& state) { runLocate(state, ZEL_NO_STREET_ADDRESS_LOOKUP); }
+void BM_LocateOnDevice(benchmark::State& state) {
+    runLocate(state, ZEL_NO_STREET_ADDRESS_LOOKUP);
+}
 
 void BM_LocateLoopbackServer(benchmark::State& state) {
     httplib::Server server;
-    const std::string answer = "<?xml version='1.0'?><LocationRS xmlns='" + std::string(Remote::kRequestNamespaceUri) +
-                               "'><location nap='12'><latitude>46.0043</latitude><longitude>8.9934</longitude>"
-                               "<hpe>25</hpe><street-address><city>Sample City</city></street-address></location>"
-                               "</LocationRS>";
+    const std::string answer =
+        "<?xml version='1.0'?><LocationRS xmlns='" + std::string(Remote::kRequestNamespaceUri) +
+        "'><location nap='12'><latitude>46.0043</latitude><longitude>8.9934</longitude>"
+        "<hpe>25</hpe><street-address><city>Sample City</city></street-address></location>"
+        "</LocationRS>";
     server.Post("/zel2/location", [&](const httplib::Request&, httplib::Response& response) {
         response.set_content(answer, "text/xml");
     });

@@ -82,7 +82,8 @@ City makeCity(bool uniformMacs) {
 }
 
 // Half present (random access points), half absent (vendor-like MACs not stored).
-std::vector<Core::MacAddress> makeQueries(const City& city, const std::vector<size_t>& presentPool) {
+std::vector<Core::MacAddress> makeQueries(const City& city,
+                                          const std::vector<size_t>& presentPool) {
     std::mt19937_64 random(99);
     std::unordered_set<uint64_t> stored;
     for (const auto& ap : city.aps) {
@@ -176,7 +177,8 @@ struct Fixture {
         sqlite3_stmt* insert = nullptr;
         sqlite3_prepare_v2(db, "INSERT INTO ap VALUES(?,?,?,?,?)", -1, &insert, nullptr);
         for (const auto& ap : city.aps) {
-            sqlite3_bind_int64(insert, 1, static_cast<int64_t>(Tiles::TileFormat::plainKey(ap.mac)));
+            sqlite3_bind_int64(insert, 1,
+                               static_cast<int64_t>(Tiles::TileFormat::plainKey(ap.mac)));
             sqlite3_bind_double(insert, 2, ap.latitude);
             sqlite3_bind_double(insert, 3, ap.longitude);
             sqlite3_bind_int(insert, 4, static_cast<int>(ap.quality));
@@ -248,7 +250,8 @@ void BM_SqliteLookup_HalfAbsent(benchmark::State& state) {
     size_t i = 0;
     for (auto _ : state) {
         sqlite3_bind_int64(
-            select, 1, static_cast<int64_t>(Tiles::TileFormat::plainKey(queries[i++ % queries.size()])));
+            select, 1,
+            static_cast<int64_t>(Tiles::TileFormat::plainKey(queries[i++ % queries.size()])));
         Tiles::StoredApData data;
         if (sqlite3_step(select) == SQLITE_ROW) {
             data = {sqlite3_column_double(select, 0), sqlite3_column_double(select, 1),

@@ -16,8 +16,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
             continue;
         }
         std::string error;
-        const auto again =
-            Local::parseRecordedScan(Local::formatRecordedScan(*item->scan), error);
+        const auto again = Local::parseRecordedScan(Local::formatRecordedScan(*item->scan), error);
         if (!again || again->timeMs != item->scan->timeMs ||
             again->aps.size() != item->scan->aps.size()) {
             std::abort();

@@ -25,7 +25,8 @@ extern "C" {
  * The source runs on the calling thread with the library's lock held and must not
  * call back into the library.
  */
-typedef int (*ZEL_ScanSource)(void* arg, ZEL_APEntry* aps, unsigned int capacity, unsigned int* count);
+typedef int (*ZEL_ScanSource)(void* arg, ZEL_APEntry* aps, unsigned int capacity,
+                              unsigned int* count);
 
 /*
  * While a source is set, the engine sees exactly one Wi-Fi adapter, backed by it

@@ -45,7 +45,6 @@ ZEL_APTable makeApTable(const Core::ApList& aps, bool& ok) {
 
 }  // namespace
 
-
 // The record's strings share one block that starts at street_number: the street
 // number, padding to pointer alignment, the null-terminated address-line array, the
 // address lines, then city, postal code, county, province, region, state and

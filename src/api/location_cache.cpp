@@ -25,7 +25,8 @@ bool LocationCache::matches(const Core::ApList& query, const Core::ApList& entry
     return difference <= tolerance;
 }
 
-std::deque<LocationCache::Entry>::const_iterator LocationCache::findMatch(const Core::ApList& aps) const {
+std::deque<LocationCache::Entry>::const_iterator LocationCache::findMatch(
+    const Core::ApList& aps) const {
     return std::find_if(entries_.begin(), entries_.end(),
                         [&](const Entry& entry) { return matches(aps, entry.aps); });
 }

@@ -6,15 +6,17 @@ namespace ZEL::API {
 
 using Core::ResultCode;
 
-OneShotLocationState::OneShotLocationState(int streetAddressLookup, Core::LocationDetermination& local,
-                                           RemoteLocator remote, const LocationCache& cache)
+OneShotLocationState::OneShotLocationState(int streetAddressLookup,
+                                           Core::LocationDetermination& local, RemoteLocator remote,
+                                           const LocationCache& cache)
     : log_(SPI::getLogger("ZEL_location")),
       streetAddressLookup_(streetAddressLookup),
       local_(local),
       remote_(std::move(remote)),
       cache_(cache) {}
 
-int OneShotLocationState::onScan(const ScanLoopState& loop, ResultCode code, const Core::ApList& fresh) {
+int OneShotLocationState::onScan(const ScanLoopState& loop, ResultCode code,
+                                 const Core::ApList& fresh) {
     if (code != ResultCode::kOk) {
         result_ = code;
         return 0;

@@ -6,8 +6,8 @@
 #include <optional>
 
 #include "api/location_cache.h"
-#include "core/location_determination.h"
 #include "api/scan_loop.h"
+#include "core/location_determination.h"
 #include "spi/log.h"
 
 namespace ZEL::API {
@@ -27,7 +27,8 @@ class OneShotLocationState {
     int onScan(const ScanLoopState& loop, Core::ResultCode code, const Core::ApList& fresh);
 
     ScanCallback callback() {
-        return [this](const ScanLoopState& loop, Core::ResultCode code, const Core::RecentApList&, const Core::ApList& fresh,
+        return [this](const ScanLoopState& loop, Core::ResultCode code, const Core::RecentApList&,
+                      const Core::ApList& fresh,
                       const Core::ApList&) { return onScan(loop, code, fresh); };
     }
 

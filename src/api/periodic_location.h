@@ -6,8 +6,8 @@
 #include <functional>
 #include <memory>
 
-#include "core/location_determination.h"
 #include "api/scan_loop.h"
+#include "core/location_determination.h"
 #include "spi/log.h"
 
 namespace ZEL::API {
@@ -51,7 +51,8 @@ class PeriodicLocationState {
                const Core::ApList& cached);
 
     ScanCallback callback() {
-        return [this](const ScanLoopState& loop, Core::ResultCode code, const Core::RecentApList&, const Core::ApList& fresh,
+        return [this](const ScanLoopState& loop, Core::ResultCode code, const Core::RecentApList&,
+                      const Core::ApList& fresh,
                       const Core::ApList& cached) { return onScan(loop, code, fresh, cached); };
     }
 

@@ -24,7 +24,8 @@ class LoopRun {
     // Reports an adapter failure to the callback. Returns true when the loop goes on
     // with a freshly re-opened adapter, false when it must return ResultCode::kWifiFailure.
     bool recover() {
-        if (callback_(state_, ResultCode::kWifiFailure, recent_, Core::ApList{}, Core::ApList{}) == 0) {
+        if (callback_(state_, ResultCode::kWifiFailure, recent_, Core::ApList{}, Core::ApList{}) ==
+            0) {
             ZEL_LOG_DEBUG(log_, "stopping");
             return false;
         }
@@ -41,7 +42,8 @@ class LoopRun {
         const uint32_t duration = periodMs * periods;
         if (adapter_->startScan() != 0) {
             ZEL_LOG_ERROR(log_, "couldn't start scanning");
-            if (callback_(state_, ResultCode::kWifiFailure, recent_, Core::ApList{}, Core::ApList{}) == 0) {
+            if (callback_(state_, ResultCode::kWifiFailure, recent_, Core::ApList{},
+                          Core::ApList{}) == 0) {
                 ZEL_LOG_DEBUG(log_, "stopping");
                 return ResultCode::kWifiFailure;
             }

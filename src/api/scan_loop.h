@@ -20,13 +20,12 @@ struct ScanLoopState {
 // this cycle's merge), the APs new in this cycle and those of this cycle already heard
 // in the last 5000 ms. `code` kWifiFailure: the adapter failed and both lists are empty.
 // Return non-zero to go on, 0 to stop.
-using ScanCallback =
-    std::function<int(const ScanLoopState& state, Core::ResultCode code, const Core::RecentApList& recent,
-                      const Core::ApList& fresh, const Core::ApList& cached)>;
+using ScanCallback = std::function<int(const ScanLoopState& state, Core::ResultCode code,
+                                       const Core::RecentApList& recent, const Core::ApList& fresh,
+                                       const Core::ApList& cached)>;
 
 class ScanLoop {
   public:
-
     // Runs until the callback returns 0, the adapter fails for good, or — when
     // `periods` is not 0 — more than periodMs * periods ms have elapsed.
     // Uses the platform's first Wi-Fi adapter. Returns kOk, or kWifiFailure when the

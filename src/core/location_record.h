@@ -5,8 +5,8 @@
 #include <string>
 #include <vector>
 
-#include "core/time_stamp.h"
 #include "core/scanned_ap.h"
+#include "core/time_stamp.h"
 
 namespace ZEL::Core {
 
@@ -42,7 +42,7 @@ struct LocationRecord {
     uint16_t nap = 0;        // access points used
     double speed = 0.0;      // km/h; -1.0 when unknown (a server's answer)
     double bearing = 0.0;    // degrees; 0 when unknown
-    Core::TimeStamp time{};   // when the position was determined
+    Core::TimeStamp time{};  // when the position was determined
     StreetAddress streetAddress;
     ApList knownAps;    // scanned APs the determination could place
     ApList unknownAps;  // scanned APs it could not place

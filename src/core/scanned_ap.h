@@ -33,7 +33,7 @@ inline bool sameMac(const MacAddress& a, const MacAddress& b) {
 struct ScannedAP {
     MacAddress mac{};
     int16_t rss = 0;         // received signal strength, dBm
-    Core::TimeStamp time{};   // when the adapter heard it
+    Core::TimeStamp time{};  // when the adapter heard it
     uint8_t ssidLength = 0;  // SSID as the adapter reported it, up to 32 bytes
     std::array<char, 32> ssid{};
 

@@ -48,7 +48,8 @@ class LocationDeterminationPrivate final : public LocalDeterminationBase {
     // initialised: the smoothed position and bearing are added onto what it holds.
     // `previous` is not read. Calls must not overlap: the histories are
     // process-wide and unlocked.
-    Core::ResultCode determine(const Core::LocationRecord* previous, const Core::ApList& aps, Core::LocationRecord& out) override;
+    Core::ResultCode determine(const Core::LocationRecord* previous, const Core::ApList& aps,
+                               Core::LocationRecord& out) override;
 
     // The APs heard in the last 21 calls, in order of first appearance.
     const std::vector<LocalApEntry>& trackedAps() const { return trackedAps_; }

@@ -21,7 +21,8 @@ bool hasPosition(const Core::LocationRecord& record) {
 }
 
 // The newest history record younger than 20000 ms with a position, or null.
-const Core::LocationRecord* recentPosition(const LocationHistory& history, const Core::TimeStamp& now) {
+const Core::LocationRecord* recentPosition(const LocationHistory& history,
+                                           const Core::TimeStamp& now) {
     for (const Core::LocationRecord& record : history) {
         if (Core::ageMs(now, record.time) < kRecentMs && hasPosition(record)) {
             return &record;

@@ -22,7 +22,7 @@ namespace ZEL::Local {
 
 struct RecordedScan {
     uint64_t timeMs = 0;  // ms since the epoch
-    Core::ApList aps;           // each AP's time is timeMs
+    Core::ApList aps;     // each AP's time is timeMs
 };
 
 // Lines longer than this are malformed (a real scan line is a few kilobytes).

@@ -21,9 +21,11 @@ std::optional<Tiles::StoredApData> findInReaders(ReaderList& readers, const Core
     return std::nullopt;
 }
 
-const LocalApEntry* findEntry(const std::vector<LocalApEntry>& entries, const Core::MacAddress& mac) {
-    auto it = std::find_if(entries.begin(), entries.end(),
-                           [&](const LocalApEntry& entry) { return Core::sameMac(entry.mac, mac); });
+const LocalApEntry* findEntry(const std::vector<LocalApEntry>& entries,
+                              const Core::MacAddress& mac) {
+    auto it = std::find_if(entries.begin(), entries.end(), [&](const LocalApEntry& entry) {
+        return Core::sameMac(entry.mac, mac);
+    });
     return it == entries.end() ? nullptr : &*it;
 }
 
@@ -66,13 +68,15 @@ StoredApMap lookupStoredAps(ReaderList& readers, const Core::ApList& aps, SPI::L
         }
         known.emplace(ap.mac, *found);
         const Tiles::StoredApData& data = *found;
-        ZEL_LOG_DEBUG(log, "MAC %s extracted successfully: %f %f %u %f", Core::macText(ap.mac).c_str(),
-                      data.latitude, data.longitude, data.quality, data.signalExponent);
+        ZEL_LOG_DEBUG(log, "MAC %s extracted successfully: %f %f %u %f",
+                      Core::macText(ap.mac).c_str(), data.latitude, data.longitude, data.quality,
+                      data.signalExponent);
     }
     return known;
 }
 
-const LocalApEntry* findTracked(const std::vector<LocalApEntry>& tracked, const Core::MacAddress& mac) {
+const LocalApEntry* findTracked(const std::vector<LocalApEntry>& tracked,
+                                const Core::MacAddress& mac) {
     return findEntry(tracked, mac);
 }
 

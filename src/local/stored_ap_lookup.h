@@ -28,7 +28,7 @@ struct LocalApEntry {
     double longitude = 0.0;  // degrees
     uint32_t quality = 0;
     double signalExponent = 0.0;
-    std::array<int32_t, kTrackedScans> rss{};          // dBm; 0 = not heard in that scan
+    std::array<int32_t, kTrackedScans> rss{};           // dBm; 0 = not heard in that scan
     std::array<Core::TimeStamp, kTrackedScans> time{};  // the scan record's time; 0 = none
 
     // An entry heard once, now, with the stored values of `data`.
@@ -42,8 +42,8 @@ using StoredApMap = std::map<Core::MacAddress, Tiles::StoredApData>;
 using ReaderList = std::vector<std::unique_ptr<Tiles::LocalCompressedFileReader>>;
 
 // What the readers store for each AP of `aps`, asked in reader order: the first
-// reader that holds the MAC answers. A MAC heard twice keeps its first data. Logs one debug line per scan
-// record, none at all when `readers` is empty.
+// reader that holds the MAC answers. A MAC heard twice keeps its first data. Logs one debug line
+// per scan record, none at all when `readers` is empty.
 StoredApMap lookupStoredAps(ReaderList& readers, const Core::ApList& aps, SPI::Logger& log);
 
 // Ages every tracked entry by one call, records this call's RSS and time of each
@@ -54,6 +54,7 @@ void updateTrackedAps(std::vector<LocalApEntry>& tracked, const std::vector<Loca
                       const Core::ApList& aps);
 
 // The tracked entry for `mac`, or null.
-const LocalApEntry* findTracked(const std::vector<LocalApEntry>& tracked, const Core::MacAddress& mac);
+const LocalApEntry* findTracked(const std::vector<LocalApEntry>& tracked,
+                                const Core::MacAddress& mac);
 
 }  // namespace ZEL::Local

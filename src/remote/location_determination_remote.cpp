@@ -38,7 +38,8 @@ int LocationDeterminationRemote::openRequest(SPI::XmlHttpRequest& request, const
     return request.open(SPI::XmlHttpRequest::kPost, url, false);
 }
 
-ResultCode LocationDeterminationRemote::readResponse(SPI::XmlHttpRequest& request, std::string& response) {
+ResultCode LocationDeterminationRemote::readResponse(SPI::XmlHttpRequest& request,
+                                                     std::string& response) {
     std::string statusText = request.statusText();
     int status = request.status();
     ZEL_LOG_INFO(category_, "status code: %d status text: %s", status, statusText.c_str());
@@ -64,8 +65,9 @@ ResultCode LocationDeterminationRemote::readResponse(SPI::XmlHttpRequest& reques
     return ResultCode::kOk;
 }
 
-ResultCode LocationDeterminationRemote::postRequest(const std::string& path, const std::string& request,
-                                             std::string& response) {
+ResultCode LocationDeterminationRemote::postRequest(const std::string& path,
+                                                    const std::string& request,
+                                                    std::string& response) {
     ZEL_LOG_DEBUG(category_, "initializing request object");
     std::unique_ptr<SPI::XmlHttpRequest> exchange = SPI::platform().newHttpRequest();
     if (!exchange) {

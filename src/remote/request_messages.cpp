@@ -83,8 +83,7 @@ std::string makeStreetAddressLookup(int level) {
     return out;
 }
 
-std::string makeLocationRequest(Core::Credentials credentials, int level,
-                                const Core::ApList& aps) {
+std::string makeLocationRequest(Core::Credentials credentials, int level, const Core::ApList& aps) {
     std::string out = openDocument("LocationRQ");
     out += makeStreetAddressLookup(level);
     out += '>';
@@ -105,8 +104,7 @@ std::string makeIPLocationRequest(Core::Credentials credentials, int level) {
     return out;
 }
 
-std::string makeRegistrationRequest(Core::Credentials credentials,
-                                    Core::Credentials newUser) {
+std::string makeRegistrationRequest(Core::Credentials credentials, Core::Credentials newUser) {
     std::string out = openDocument("RegistrationRQ");
     out += '>';
     out += makeAuthentication(credentials);

@@ -118,7 +118,7 @@ ResultCode parseRegistrationResponse(std::string_view text) {
 }
 
 ResultCode parseLocationResponse(std::string_view text, int streetAddressLookup,
-                          Core::LocationRecord& location) {
+                                 Core::LocationRecord& location) {
     ParsedAnswer answer = parseAnswer(text);
     std::unique_ptr<SPI::XmlElement> element = payload(answer, "location");
     if (!element) {
@@ -137,7 +137,7 @@ ResultCode parseLocationResponse(std::string_view text, int streetAddressLookup,
 }
 
 ResultCode parseIPLocationResponse(std::string_view text, int streetAddressLookup,
-                            Core::IpLocationRecord& ipLocation) {
+                                   Core::IpLocationRecord& ipLocation) {
     ParsedAnswer answer = parseAnswer(text);
     std::unique_ptr<SPI::XmlElement> element = payload(answer, "ip-location");
     if (!element) {

@@ -20,9 +20,10 @@ namespace ZEL::Remote {
 Core::ResultCode parseRegistrationResponse(std::string_view text);
 // Fills `location` (which the caller passes freshly reset); sets speed -1.0 and
 // bearing 0.0. The street address is read only when `streetAddressLookup` is not 0.
-Core::ResultCode parseLocationResponse(std::string_view text, int streetAddressLookup, Core::LocationRecord& location);
+Core::ResultCode parseLocationResponse(std::string_view text, int streetAddressLookup,
+                                       Core::LocationRecord& location);
 Core::ResultCode parseIPLocationResponse(std::string_view text, int streetAddressLookup,
-                            Core::IpLocationRecord& ipLocation);
+                                         Core::IpLocationRecord& ipLocation);
 
 // Tree helpers, exposed for their own tests.
 std::unique_ptr<SPI::XmlElement> findChild(const SPI::XmlElement& element, const std::string& name);

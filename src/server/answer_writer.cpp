@@ -184,7 +184,8 @@ std::string formatDouble(double value) {
     return std::string(digits, end);
 }
 
-std::string locationAnswer(const Core::LocationRecord& location, const Core::StreetAddress& address) {
+std::string locationAnswer(const Core::LocationRecord& location,
+                           const Core::StreetAddress& address) {
     const char* root = answerRoot(Question::Location);
     std::string out = openAnswer(root);
     out += "<location nap='" + std::to_string(location.nap) + "'>";

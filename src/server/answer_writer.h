@@ -30,7 +30,8 @@ std::string formatDouble(double value);
 
 // `location` with attribute nap and latitude, longitude, hpe; a street-address
 // element when `address` is not empty.
-std::string locationAnswer(const Core::LocationRecord& location, const Core::StreetAddress& address);
+std::string locationAnswer(const Core::LocationRecord& location,
+                           const Core::StreetAddress& address);
 // `ip-location` with ip, latitude, longitude and the address when not empty.
 std::string ipLocationAnswer(const std::string& ip, double latitude, double longitude,
                              const Core::StreetAddress& address);

@@ -5,8 +5,8 @@
 #include <chrono>
 #include <ctime>
 
-#include "spi/platform.h"
 #include "spi/log.h"
+#include "spi/platform.h"
 
 namespace ZEL::Server {
 namespace {

@@ -83,7 +83,7 @@ bool LocationService::authorised(Question question, const Credentials& user, Rep
 }
 
 Core::StreetAddress LocationService::addressNear(double latitude, double longitude,
-                                                int level) const {
+                                                 int level) const {
     if (level == 0 || !data_.addresses) {
         return {};
     }

@@ -6,7 +6,6 @@
 #include "remote/request_messages.h"
 #include "remote/response_parser.h"
 #include "spi/platform.h"
-#include "spi/platform.h"
 
 namespace ZEL::Server {
 namespace {
@@ -69,7 +68,8 @@ bool readSignal(const std::string& text, int16_t& rss) {
 }
 
 // Every access-point child, in document order.
-std::string readAccessPoints(const SPI::XmlElement& root, size_t maxAccessPoints, Core::ApList& out) {
+std::string readAccessPoints(const SPI::XmlElement& root, size_t maxAccessPoints,
+                             Core::ApList& out) {
     std::unique_ptr<SPI::XmlNodeList> children = root.childNodes();
     const Core::TimeStamp now = SPI::currentTime();
     for (size_t i = 0; children && i < children->length(); ++i) {
@@ -83,7 +83,8 @@ std::string readAccessPoints(const SPI::XmlElement& root, size_t maxAccessPoints
         }
         Core::ScannedAP ap;
         const std::string macText = Remote::childText(*child, "mac");
-        std::optional<Core::MacAddress> mac = macText.size() == 12 ? Core::parseMacText(macText) : std::nullopt;
+        std::optional<Core::MacAddress> mac =
+            macText.size() == 12 ? Core::parseMacText(macText) : std::nullopt;
         if (!mac || !readSignal(Remote::childText(*child, "signal-strength"), ap.rss)) {
             return "access point without a valid mac and signal-strength";
         }

@@ -10,8 +10,8 @@
 #include <string>
 #include <string_view>
 
-#include "server/answer_writer.h"
 #include "core/scanned_ap.h"
+#include "server/answer_writer.h"
 
 namespace ZEL::Server {
 
@@ -26,7 +26,7 @@ struct ClientRequest {
     // 0 none, 1 limited, 2 full; any other word (or none) reads as 0.
     int streetAddressLookup = 0;
     Core::ApList accessPoints;  // Location only; time stamps are the time of reading
-    Credentials newUser;  // Registration only
+    Credentials newUser;        // Registration only
 };
 
 struct ReadResult {

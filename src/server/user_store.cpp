@@ -2,8 +2,8 @@
 
 #include <sqlite3.h>
 
-#include "spi/platform.h"
 #include "spi/log.h"
+#include "spi/platform.h"
 
 namespace ZEL::Server {
 namespace {

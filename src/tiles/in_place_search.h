@@ -14,8 +14,7 @@
 namespace ZEL::Tiles {
 
 // The block of `tile` where `key` can lie, as Tile::locate.
-Tile::Block locateInPlace(const Tile& tile, const uint8_t* bytes, uint32_t byteCount,
-                          uint64_t key);
+Tile::Block locateInPlace(const Tile& tile, const uint8_t* bytes, uint32_t byteCount, uint64_t key);
 
 // Decodes from `block` on looking for `key`, as Tile::decode.
 bool decodeInPlace(const Tile& tile, const uint8_t* bytes, uint32_t byteCount,

@@ -118,8 +118,8 @@ void CompressedFileReader::prefetchLine(uint64_t byte) const {
 void CompressedFileReader::prefetchIndex(uint32_t tile) const {
     const Tile& header = tiles_[tile];
     uint64_t first = header.indexStart() & ~(kLine - 1);
-    uint64_t lines = std::min<uint64_t>(
-        (header.recordBase() / 8 - first + kLine - 1) / kLine, kMaxIndexLines);
+    uint64_t lines =
+        std::min<uint64_t>((header.recordBase() / 8 - first + kLine - 1) / kLine, kMaxIndexLines);
     for (uint64_t line = 0; line < lines; ++line) {
         prefetchLine(first + line * kLine);
     }

@@ -40,7 +40,8 @@ bool Tile::parse(uint32_t startByte, const std::string& realm, BitReader* bitRea
     // indexCount 1 this offset lies two bytes before the index, which the format
     // allows and a writer avoids by always writing two entries.
     in.setPosition((indexStart_ + TileFormat::kIndexKeyBytes +
-                    (indexCount_ - 2) * TileFormat::kIndexEntryBytes) * 8);
+                    (indexCount_ - 2) * TileFormat::kIndexEntryBytes) *
+                   8);
     lastKey_ = in.read(TileFormat::kKeyBits);
     return true;
 }
@@ -57,7 +58,6 @@ std::optional<StoredApData> Tile::find(const Core::MacAddress& mac) const {
     }
     return data;
 }
-
 
 Tile::Block Tile::locate(uint64_t key) const {
     BitReader& in = *bitReader_;

@@ -89,6 +89,7 @@ class Tile {
 
     // Bits of a record's value fields.
     unsigned recordBits() const { return latBits_ + lonBits_ + qualityBits_ + exponentBits_; }
+
   private:
     // Reads the four value fields at the current position.
     StoredApData decodeValues() const;

@@ -121,7 +121,8 @@ Digest realmDigest(std::string_view realm);
 
 uint64_t plainKey(const Core::MacAddress& mac);
 // Allocates nothing: the digest text is built on the stack.
-uint64_t hashedKey(const Core::MacAddress& mac, int32_t latBase, int32_t lonBase, std::string_view realm);
+uint64_t hashedKey(const Core::MacAddress& mac, int32_t latBase, int32_t lonBase,
+                   std::string_view realm);
 // The key of `mac` in a tile with these bases: plain when `realm` is empty.
 inline uint64_t keyFor(const Core::MacAddress& mac, int32_t latBase, int32_t lonBase,
                        std::string_view realm) {

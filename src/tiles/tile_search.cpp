@@ -80,7 +80,8 @@ void TileSearch::reset(const std::vector<TileRange>& tiles, const std::string& r
         return bases(a) != bases(b) ? bases(a) < bases(b) : tiles[a].firstKey < tiles[b].firstKey;
     });
     for (uint32_t i : order) {
-        if (groups_.empty() || bases(i) != std::pair(groups_.back().latBase, groups_.back().lonBase)) {
+        if (groups_.empty() ||
+            bases(i) != std::pair(groups_.back().latBase, groups_.back().lonBase)) {
             Group& group = groups_.emplace_back();
             std::tie(group.latBase, group.lonBase) = bases(i);
         }

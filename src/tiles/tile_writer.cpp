@@ -5,8 +5,8 @@
 #include <map>
 #include <unordered_set>
 
-#include "spi/platform.h"
 #include "spi/log.h"
+#include "spi/platform.h"
 #include "tiles/bit_writer.h"
 #include "tiles/tile_format.h"
 
@@ -104,7 +104,8 @@ std::string Builder::quantize(const std::vector<AccessPointPosition>& input) {
             return "access point " + Core::macText(ap.mac) + " has an invalid position or exponent";
         }
         if (!seen.insert(TileFormat::plainKey(ap.mac)).second) {
-            ZEL_LOG_WARN(category_, "dropped %s: given more than once", Core::macText(ap.mac).c_str());
+            ZEL_LOG_WARN(category_, "dropped %s: given more than once",
+                         Core::macText(ap.mac).c_str());
             ++dropped_;
             continue;
         }

@@ -34,7 +34,7 @@
 namespace ZEL::Tiles {
 
 struct AccessPointPosition {
-    Core::MacAddress mac{};              // stored last octet first, like every Core::MacAddress
+    Core::MacAddress mac{};        // stored last octet first, like every Core::MacAddress
     double latitude = 0.0;         // degrees, -90..90
     double longitude = 0.0;        // degrees, -180..180
     uint32_t quality = 50;         // stored as 18..145

@@ -75,7 +75,8 @@ void setUpLogging(bool verbose) {
     if (!ZEL::SPI::logToStandardError(LogPriority::kWarn)) {
         return;
     }
-    ZEL::SPI::getLogger("ZEL.Server").setPriority(verbose ? LogPriority::kDebug : LogPriority::kInfo);
+    ZEL::SPI::getLogger("ZEL.Server")
+        .setPriority(verbose ? LogPriority::kDebug : LogPriority::kInfo);
     // The estimator's per-request complaints about implausible signals would
     // flood the log; they are shown only when asked for.
     // Likewise the XML parser's line for every malformed request, which the

@@ -198,8 +198,7 @@ CURLcode attempt(CURL* curl, Transfer& transfer) {
 // an error answer whose connection dropped after its head (a proxy that answers 407
 // and resets the connection before reading the body), are answers like any other:
 // only their status and headers matter.
-int finish(CURL* curl, CURLcode code, Transfer& transfer, const char* errorText,
-           Logger& category) {
+int finish(CURL* curl, CURLcode code, Transfer& transfer, const char* errorText, Logger& category) {
     ExchangeResponse& response = *transfer.response;
     long status = 0;
     curl_easy_getinfo(curl, CURLINFO_RESPONSE_CODE, &status);

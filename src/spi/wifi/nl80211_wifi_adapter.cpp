@@ -36,8 +36,7 @@ bool interfaceIsUp(const std::string& name) {
     return up;
 }
 
-std::unique_ptr<Nl80211Socket> connectOrLog(Logger& log, const std::string& name,
-                                            int& error) {
+std::unique_ptr<Nl80211Socket> connectOrLog(Logger& log, const std::string& name, int& error) {
     std::string reason;
     auto socket = Nl80211Socket::connect(error, reason);
     if (!socket) {

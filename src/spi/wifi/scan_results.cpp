@@ -4,8 +4,7 @@
 
 namespace ZEL::SPI {
 
-void collectScanResults(const std::vector<BssEntry>& entries, Core::ApList& list,
-                        Logger& log) {
+void collectScanResults(const std::vector<BssEntry>& entries, Core::ApList& list, Logger& log) {
     list.clear();
     ZEL_LOG_DEBUG(log, "scanned %d APs", static_cast<int>(entries.size()));
     for (const BssEntry& entry : entries) {
