@@ -8,7 +8,7 @@
 #include "tiles/local_compressed_file_reader.h"
 #include "tiles/tile_writer.h"
 
-using namespace ZEL::API;
+using namespace ZEL;
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     if (size > 16384) {

@@ -62,7 +62,7 @@ class Parser {
         if (line.substr(line.find_first_not_of(" \t")).starts_with("WigleWifi-")) {
             result_.wigle = true;
             if (!reader_.nextLine(line)) {
-                result_.error = reader_.lineMessage("no header after the WiGLE line");
+                result_.error = reader_.lineMessage("no header line after the export's first line");
                 return std::move(result_);
             }
         }
@@ -111,7 +111,6 @@ class Parser {
         }
         std::vector<std::string> fields;
         while (nextRow(fields, header.size())) {
-            AccessPointPosition ap;
             auto mac = Core::parseMacText(fields[at[0]]);
             auto latitude = Core::parseFiniteDouble(fields[at[1]]),
                  longitude = Core::parseFiniteDouble(fields[at[2]]);
