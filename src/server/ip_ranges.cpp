@@ -6,9 +6,9 @@
 #include <cstring>
 #include <fstream>
 
+#include "core/number_text.h"
 #include "server/csv_table.h"
 #include "spi/log.h"
-#include "core/number_text.h"
 
 namespace ZEL::Server {
 namespace {
@@ -67,8 +67,8 @@ std::unique_ptr<IpRanges> IpRanges::load(const std::string& path, std::string& e
 std::unique_ptr<IpRanges> IpRanges::read(std::istream& in, const std::string& name,
                                          std::string& error) {
     SPI::Logger& category = SPI::getLogger("ZEL.Server.IpRanges");
-    CsvTable table;
-    if (!table.readHeader(in, {"first", "last", "latitude", "longitude"}, error)) {
+    CsvTable table(in);
+    if (!table.readHeader({"first", "last", "latitude", "longitude"}, error)) {
         error = name + ": " + error;
         return nullptr;
     }
@@ -76,7 +76,7 @@ std::unique_ptr<IpRanges> IpRanges::read(std::istream& in, const std::string& na
     std::vector<std::pair<IpRange, size_t>> rows;  // with their line numbers
     std::vector<std::string> fields;
     bool malformed = false;
-    while (table.next(in, fields, malformed)) {
+    while (table.next(fields, malformed)) {
         IpRange range;
         std::string why = malformed ? "malformed line" : readRange(table, fields, range);
         if (!why.empty()) {

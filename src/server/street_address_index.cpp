@@ -4,10 +4,10 @@
 #include <cmath>
 #include <fstream>
 
+#include "core/number_text.h"
 #include "local/position_estimate.h"
 #include "server/csv_table.h"
 #include "spi/log.h"
-#include "core/number_text.h"
 
 namespace ZEL::Server {
 namespace {
@@ -59,19 +59,20 @@ std::unique_ptr<StreetAddressIndex> StreetAddressIndex::read(std::istream& in,
         return nullptr;
     }
     SPI::Logger& category = SPI::getLogger("ZEL.Server.StreetAddressIndex");
-    CsvTable table;
-    if (!table.readHeader(in, {"latitude", "longitude"}, error)) {
+    CsvTable table(in);
+    if (!table.readHeader({"latitude", "longitude"}, error)) {
         error = name + ": " + error;
         return nullptr;
     }
     auto index = std::unique_ptr<StreetAddressIndex>(new StreetAddressIndex(radiusMetres));
     std::vector<std::string> fields;
     bool malformed = false;
-    while (table.next(in, fields, malformed)) {
+    while (table.next(fields, malformed)) {
         AddressPoint point;
         if (malformed ||
             !Core::parseDoubleIn(table.field(fields, "latitude"), -90.0, 90.0, point.latitude) ||
-            !Core::parseDoubleIn(table.field(fields, "longitude"), -180.0, 180.0, point.longitude)) {
+            !Core::parseDoubleIn(table.field(fields, "longitude"), -180.0, 180.0,
+                                 point.longitude)) {
             ZEL_LOG_ERROR(category, "%s: line %zu: malformed row (skipped)", name.c_str(),
                           table.lineNumber());
             continue;
@@ -97,8 +98,8 @@ const AddressPoint* StreetAddressIndex::nearest(double latitude, double longitud
             }
             for (size_t i : cell->second) {
                 const AddressPoint& point = points_[i];
-                const double distance =
-                    Local::greatCircleDistance(latitude, longitude, point.latitude, point.longitude);
+                const double distance = Local::greatCircleDistance(latitude, longitude,
+                                                                   point.latitude, point.longitude);
                 if (distance <= bestDistance) {
                     best = &point;
                     bestDistance = distance;

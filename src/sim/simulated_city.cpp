@@ -4,8 +4,8 @@
 #include <cstdio>
 #include <set>
 
-#include "sim/csv_fields.h"
 #include "core/number_text.h"
+#include "core/text_reader.h"
 
 namespace ZEL::Sim {
 namespace {
@@ -170,18 +170,19 @@ void writeCityCsv(std::ostream& out, const std::vector<CityAp>& aps) {
 
 std::vector<CityAp> readCityCsv(std::istream& in, std::vector<std::string>& errors) {
     std::vector<CityAp> aps;
-    std::string line;
-    size_t number = 0;
-    while (std::getline(in, line)) {
-        ++number;
-        const auto fields = splitCsvLine(line);
-        if (fields.empty() || (number == 1 && fields[0] == "mac")) {
+    Core::TextReader reader(in);
+    Core::CsvRecord record;
+    while (reader.nextRecord(record)) {
+        const std::vector<std::string>& fields = record.fields;
+        if (reader.lineNumber() == 1 && !fields.empty() && fields[0] == "mac") {
             continue;
         }
         CityAp ap;
         std::string why;
         auto mac = fields.size() >= 3 ? Core::parseMacText(fields[0]) : std::nullopt;
-        if (fields.size() < 3 || fields.size() > 5) {
+        if (!record.error.empty()) {
+            why = record.error;
+        } else if (fields.size() < 3 || fields.size() > 5) {
             why = "expected 3 to 5 fields";
         } else if (!mac) {
             why = "mac is not 12 hex digits";
@@ -195,7 +196,7 @@ std::vector<CityAp> readCityCsv(std::istream& in, std::vector<std::string>& erro
             why = "signal_exponent is not a number in 0..10";
         }
         if (!why.empty()) {
-            errors.push_back("line " + std::to_string(number) + ": " + why);
+            errors.push_back(reader.lineMessage(why));
             continue;
         }
         ap.mac = *mac;

@@ -5,8 +5,8 @@
 #include <cstdio>
 #include <unordered_map>
 
-#include "sim/csv_fields.h"
 #include "core/number_text.h"
+#include "core/text_reader.h"
 
 namespace ZEL::Sim {
 namespace {
@@ -250,12 +250,15 @@ void writeTruthCsv(std::ostream& out, const std::vector<TruthPoint>& truth) {
 
 std::vector<TruthPoint> readTruthCsv(std::istream& in, std::vector<std::string>& errors) {
     std::vector<TruthPoint> truth;
-    std::string line;
-    size_t number = 0;
-    while (std::getline(in, line)) {
-        ++number;
-        const auto fields = splitCsvLine(line);
-        if (fields.empty() || (number == 1 && fields[0] == "t_ms")) {
+    Core::TextReader reader(in);
+    Core::CsvRecord record;
+    while (reader.nextRecord(record)) {
+        const std::vector<std::string>& fields = record.fields;
+        if (reader.lineNumber() == 1 && !fields.empty() && fields[0] == "t_ms") {
+            continue;
+        }
+        if (!record.error.empty()) {
+            errors.push_back(reader.lineMessage(record.error));
             continue;
         }
         TruthPoint point;
@@ -263,8 +266,7 @@ std::vector<TruthPoint> readTruthCsv(std::istream& in, std::vector<std::string>&
             !Core::parseDoubleIn(fields[1], -90.0, 90.0, point.latitude) ||
             !Core::parseDoubleIn(fields[2], -180.0, 180.0, point.longitude) ||
             !Core::parseDoubleIn(fields[3], 0.0, 1e6, point.speedKmh)) {
-            errors.push_back("line " + std::to_string(number) +
-                             ": expected t_ms,latitude,longitude,speed_kmh");
+            errors.push_back(reader.lineMessage("expected t_ms,latitude,longitude,speed_kmh"));
             continue;
         }
         truth.push_back(point);

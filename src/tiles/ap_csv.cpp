@@ -1,11 +1,13 @@
 #include "tiles/ap_csv.h"
 
 #include <algorithm>
+#include <cctype>
 #include <cmath>
 #include <optional>
 #include <unordered_map>
 
 #include "core/number_text.h"
+#include "core/text_reader.h"
 
 namespace ZEL::Tiles {
 namespace {
@@ -14,94 +16,23 @@ constexpr uint32_t kDefaultQuality = 50;
 constexpr double kDefaultExponent = 0.25;
 constexpr double kUnknownRss = -100.0;
 
-std::string_view trim(std::string_view text) {
-    while (!text.empty() && (text.front() == ' ' || text.front() == '\t')) {
-        text.remove_prefix(1);
-    }
-    while (!text.empty() && (text.back() == ' ' || text.back() == '\t' || text.back() == '\r')) {
-        text.remove_suffix(1);
-    }
-    return text;
-}
-
-std::string lower(std::string_view text) {
-    std::string result(text);
-    std::transform(result.begin(), result.end(), result.begin(),
-                   [](unsigned char c) { return static_cast<char>(std::tolower(c)); });
-    return result;
-}
-
-// Fields of one line; double quotes enclose a field and "" stands for a quote.
-// Empty for an unterminated quote.
-std::optional<std::vector<std::string>> splitFields(std::string_view line) {
-    std::vector<std::string> fields(1);
-    bool quoted = false;
-    for (size_t i = 0; i < line.size(); ++i) {
-        char c = line[i];
-        if (quoted) {
-            if (c == '"' && i + 1 < line.size() && line[i + 1] == '"') {
-                fields.back() += '"';
-                ++i;
-            } else if (c == '"') {
-                quoted = false;
-            } else {
-                fields.back() += c;
-            }
-        } else if (c == '"') {
-            quoted = true;
-        } else if (c == ',') {
-            fields.emplace_back();
-        } else {
-            fields.back() += c;
-        }
-    }
-    if (quoted) {
-        return std::nullopt;
-    }
-    return fields;
-}
-
-std::optional<double> parseNumber(std::string_view text) {
-    return Core::parseFiniteDouble(trim(text));
+bool equalsIgnoringCase(std::string_view text, std::string_view lowerCase) {
+    return std::equal(
+        text.begin(), text.end(), lowerCase.begin(), lowerCase.end(),
+        [](char a, char b) { return std::tolower(static_cast<unsigned char>(a)) == b; });
 }
 
 std::optional<uint32_t> parseCount(std::string_view text) {
     uint32_t value = 0;
-    return Core::parseUnsigned(trim(text), value) ? std::optional(value) : std::nullopt;
+    return Core::parseUnsigned(text, value) ? std::optional(value) : std::nullopt;
 }
 
-// Splits `text` into lines, numbering them from 1.
-class Lines {
-  public:
-    explicit Lines(std::string_view text) : text_(text) {}
-    bool next(std::string_view& line) {
-        if (position_ >= text_.size()) {
-            return false;
-        }
-        size_t end = text_.find('\n', position_);
-        end = end == std::string_view::npos ? text_.size() : end;
-        line = text_.substr(position_, end - position_);
-        position_ = end + 1;
-        ++number_;
-        return true;
-    }
-    size_t number() const { return number_; }
-
-  private:
-    std::string_view text_;
-    size_t position_ = 0;
-    size_t number_ = 0;
-};
-
-// Positions of the named columns in a header; -1 for a column not there.
-std::vector<int> columnsOf(const std::vector<std::string>& header,
-                           const std::vector<std::string>& names) {
+// Positions of the named columns; -1 for a column not there.
+std::vector<int> columnsOf(const Core::ColumnMap& header, const std::vector<std::string>& names) {
     std::vector<int> columns;
     for (const std::string& name : names) {
-        auto it = std::find_if(header.begin(), header.end(), [&](const std::string& field) {
-            return lower(trim(field)) == name;
-        });
-        columns.push_back(it == header.end() ? -1 : static_cast<int>(it - header.begin()));
+        std::optional<size_t> column = header.find(name);
+        columns.push_back(column ? static_cast<int>(*column) : -1);
     }
     return columns;
 }
@@ -120,47 +51,50 @@ std::optional<std::string> checkPosition(std::optional<double> latitude,
 
 class Parser {
   public:
-    explicit Parser(std::string_view text) : lines_(text) {}
+    explicit Parser(std::string_view text) : reader_(text) {}
 
     ApCsvResult run() {
         std::string_view line;
-        while (lines_.next(line) && trim(line).empty()) {
+        if (!reader_.nextLine(line)) {
+            result_.error = "no header line";
+            return std::move(result_);
         }
-        if (trim(line).rfind("WigleWifi-", 0) == 0) {
+        if (line.substr(line.find_first_not_of(" \t")).starts_with("WigleWifi-")) {
             result_.wigle = true;
-            lines_.next(line);
+            if (!reader_.nextLine(line)) {
+                result_.error = reader_.lineMessage("no header line after the export's first line");
+                return std::move(result_);
+            }
         }
-        auto header = splitFields(line);
-        if (!header) {
-            result_.error = "line " + std::to_string(lines_.number()) + ": malformed header";
+        Core::CsvRecord header = Core::splitCsvLine(line);
+        if (!header.error.empty()) {
+            result_.error = reader_.lineMessage("malformed header: " + header.error);
             return std::move(result_);
         }
         if (result_.wigle) {
-            readWigle(*header);
+            readWigle(header.fields);
         } else {
-            readPlain(*header);
+            readPlain(header.fields);
         }
         return std::move(result_);
     }
 
   private:
-    void issue(const std::string& message) { result_.issues.push_back({lines_.number(), message}); }
+    void issue(const std::string& message) {
+        result_.issues.push_back({reader_.lineNumber(), message});
+    }
 
     // The fields of the next non-blank line, false at the end; reports malformed lines.
     bool nextRow(std::vector<std::string>& fields, size_t columnCount) {
-        std::string_view line;
-        while (lines_.next(line)) {
-            if (trim(line).empty()) {
-                continue;
-            }
-            auto split = splitFields(line);
-            if (!split) {
-                issue("unterminated quote");
-            } else if (split->size() != columnCount) {
+        Core::CsvRecord record;
+        while (reader_.nextRecord(record)) {
+            if (!record.error.empty()) {
+                issue(record.error);
+            } else if (record.fields.size() != columnCount) {
                 issue("expected " + std::to_string(columnCount) + " fields, found " +
-                      std::to_string(split->size()));
+                      std::to_string(record.fields.size()));
             } else {
-                fields = std::move(*split);
+                fields = std::move(record.fields);
                 return true;
             }
         }
@@ -168,20 +102,21 @@ class Parser {
     }
 
     void readPlain(const std::vector<std::string>& header) {
+        Core::ColumnMap columns(header, Core::ColumnMap::NameCase::IgnoreAscii);
         std::vector<int> at =
-            columnsOf(header, {"mac", "latitude", "longitude", "quality", "signal_exponent"});
+            columnsOf(columns, {"mac", "latitude", "longitude", "quality", "signal_exponent"});
         if (at[0] < 0 || at[1] < 0 || at[2] < 0) {
             result_.error = "the header must name mac, latitude and longitude";
             return;
         }
         std::vector<std::string> fields;
         while (nextRow(fields, header.size())) {
-            AccessPointPosition ap;
-            auto mac = Core::parseMacText(trim(fields[at[0]]));
-            auto latitude = parseNumber(fields[at[1]]), longitude = parseNumber(fields[at[2]]);
+            auto mac = Core::parseMacText(fields[at[0]]);
+            auto latitude = Core::parseFiniteDouble(fields[at[1]]),
+                 longitude = Core::parseFiniteDouble(fields[at[2]]);
             auto quality = at[3] < 0 ? std::optional(kDefaultQuality) : parseCount(fields[at[3]]);
-            auto exponent =
-                at[4] < 0 ? std::optional(kDefaultExponent) : parseNumber(fields[at[4]]);
+            auto exponent = at[4] < 0 ? std::optional(kDefaultExponent)
+                                      : Core::parseFiniteDouble(fields[at[4]]);
             if (!mac) {
                 issue("invalid MAC '" + fields[at[0]] + "'");
             } else if (auto problem = checkPosition(latitude, longitude)) {
@@ -200,8 +135,9 @@ class Parser {
     };
 
     void readWigle(const std::vector<std::string>& header) {
+        Core::ColumnMap columns(header, Core::ColumnMap::NameCase::IgnoreAscii);
         std::vector<int> at =
-            columnsOf(header, {"mac", "rssi", "currentlatitude", "currentlongitude", "type"});
+            columnsOf(columns, {"mac", "rssi", "currentlatitude", "currentlongitude", "type"});
         if (at[0] < 0 || at[1] < 0 || at[2] < 0 || at[3] < 0) {
             result_.error = "the header must name MAC, RSSI, CurrentLatitude and CurrentLongitude";
             return;
@@ -210,12 +146,13 @@ class Parser {
         std::unordered_map<uint64_t, size_t> positionOf;
         std::vector<std::string> fields;
         while (nextRow(fields, header.size())) {
-            if (at[4] >= 0 && lower(trim(fields[at[4]])) != "wifi") {
+            if (at[4] >= 0 && !equalsIgnoringCase(fields[at[4]], "wifi")) {
                 continue;  // Bluetooth and cell rows are normal in an export
             }
-            auto mac = Core::parseMacText(trim(fields[at[0]]));
-            auto rss = parseNumber(fields[at[1]]);
-            auto latitude = parseNumber(fields[at[2]]), longitude = parseNumber(fields[at[3]]);
+            auto mac = Core::parseMacText(fields[at[0]]);
+            auto rss = Core::parseFiniteDouble(fields[at[1]]);
+            auto latitude = Core::parseFiniteDouble(fields[at[2]]),
+                 longitude = Core::parseFiniteDouble(fields[at[3]]);
             if (!mac) {
                 issue("invalid MAC '" + fields[at[0]] + "'");
             } else if (!rss) {
@@ -250,7 +187,7 @@ class Parser {
         }
     }
 
-    Lines lines_;
+    Core::TextReader reader_;
     ApCsvResult result_;
 };
 

@@ -10,6 +10,8 @@
 //       received power in mW (10^(RSSI/10)); an RSSI of 0 or more means "not
 //       known" and weighs as -100 dBm.
 //
+// Lines, quoting and blank lines follow core/text_reader.h; header names are
+// matched ignoring case, and every row must have as many fields as the header.
 // The input is untrusted: a malformed line is reported with its number and
 // skipped; nothing in the text can make the parser fail other than a missing
 // or unusable header.
