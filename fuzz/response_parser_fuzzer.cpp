@@ -8,6 +8,7 @@
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     std::string_view text(reinterpret_cast<const char*>(data), size);
+    using namespace ZEL;
     Core::LocationRecord location;
     Remote::parseLocationResponse(text, 2, location);
     Core::IpLocationRecord ipLocation;

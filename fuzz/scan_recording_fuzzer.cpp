@@ -7,6 +7,8 @@
 
 #include "local/scan_recording.h"
 
+using namespace ZEL;
+
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     const std::string text(reinterpret_cast<const char*>(data), size);
     std::istringstream in(text);

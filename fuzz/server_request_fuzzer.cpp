@@ -11,7 +11,7 @@
 #include "server/ip_ranges.h"
 #include "server/request_reader.h"
 #include "server/street_address_index.h"
-#include "spi/xml_parser.h"
+#include "spi/platform.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     using namespace ZEL::Server;
@@ -21,7 +21,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     }
 
     const std::string element = "<a b='" + escapeXml(text) + "'>" + escapeXml(text) + "</a>";
-    if (!ZEL::SPI::makeXmlParser()->parse(element.data(), element.size())) {
+    if (!ZEL::SPI::systemPlatform().newXmlParser()->parse(element.data(), element.size())) {
         std::abort();  // escaping let something through that breaks the document
     }
 
