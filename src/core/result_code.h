@@ -1,5 +1,5 @@
 // The result of every operation that can fail on the way to a position. The values
-// are the C API's codes (zelapi.h), which the exports check at compile time, so a
+// are the C API's result codes, which the exports check at compile time, so a
 // code crosses the boundary by a plain cast.
 #pragma once
 

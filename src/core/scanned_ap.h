@@ -9,7 +9,7 @@
 #include <string_view>
 #include <vector>
 
-#include "spi/clock.h"
+#include "core/time_stamp.h"
 
 namespace ZEL::Core {
 
