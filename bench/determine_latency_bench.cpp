@@ -18,7 +18,7 @@
 #include "local/location_history.h"
 #include "sim/simulated_city.h"
 #include "spi/log.h"
-#include "spi/time/manual_clock.h"
+#include "spi/manual_clock.h"
 #include "tiles/tile_writer.h"
 
 namespace {

@@ -14,7 +14,7 @@
 #include "local/position_estimate.h"
 #include "sim/accuracy.h"
 #include "sim/simulated_walk.h"
-#include "spi/time/manual_clock.h"
+#include "spi/manual_clock.h"
 #include "tiles/tile_writer.h"
 
 namespace {

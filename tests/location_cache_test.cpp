@@ -4,7 +4,7 @@
 
 #include <cstdio>
 
-#include "spi/time/manual_clock.h"
+#include "spi/manual_clock.h"
 #include "support/scripted_wifi_adapter.h"
 
 namespace ZEL::API {

@@ -4,7 +4,7 @@
 
 #include "local/location_history.h"
 #include "spi/log.h"
-#include "spi/time/manual_clock.h"
+#include "spi/manual_clock.h"
 #include "support/hand_built_tile.h"
 #include "support/local_entries.h"
 #include "support/log_capture.h"

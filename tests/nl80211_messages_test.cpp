@@ -11,7 +11,7 @@
 #include <vector>
 
 #include "spi/wifi/nl80211_socket.h"
-#include "spi/wifi/scan_results.h"
+#include "spi/wifi/nl80211_scan_results.h"
 #include "support/log_capture.h"
 
 namespace ZEL::SPI::Wifi {

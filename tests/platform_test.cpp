@@ -3,7 +3,7 @@
 #include "spi/clock.h"
 #include "spi/log.h"
 #include "spi/text.h"
-#include "spi/time/manual_clock.h"
+#include "spi/manual_clock.h"
 
 namespace ZEL::SPI {
 namespace {

@@ -2,7 +2,7 @@
 
 #include <gtest/gtest.h>
 
-#include "spi/time/manual_clock.h"
+#include "spi/manual_clock.h"
 #include "support/log_capture.h"
 #include "support/scripted_wifi_adapter.h"
 #include "zelapi.h"

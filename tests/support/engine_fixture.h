@@ -9,7 +9,7 @@
 #include <string>
 
 #include "api/engine.h"
-#include "spi/time/manual_clock.h"
+#include "spi/manual_clock.h"
 #include "support/scripted_wifi_adapter.h"
 #include "support/test_http_server.h"
 

@@ -17,7 +17,7 @@
 #include <vector>
 
 #include "spi/platform.h"
-#include "spi/time/manual_clock.h"
+#include "spi/manual_clock.h"
 
 namespace ZEL::Testing {
 

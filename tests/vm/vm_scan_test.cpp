@@ -21,7 +21,7 @@
 #include "spi/clock.h"
 #include "spi/log.h"
 #include "spi/wifi/nl80211_wifi_adapter.h"
-#include "spi/wifi/scan_lock.h"
+#include "spi/wifi/posix_scan_lock.h"
 #include "support/log_capture.h"
 
 namespace ZEL::SPI::Wifi {

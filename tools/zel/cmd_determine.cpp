@@ -13,7 +13,7 @@
 #include "local/scan_recording.h"
 #include "sim/accuracy.h"
 #include "sim/simulated_walk.h"
-#include "spi/time/manual_clock.h"
+#include "spi/manual_clock.h"
 
 namespace {
 

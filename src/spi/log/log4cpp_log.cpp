@@ -9,7 +9,7 @@
 #include <cstdio>
 #include <iostream>
 
-#include "spi/log/log_backend.h"
+#include "spi/log_backend.h"
 #include "spi/text.h"
 
 namespace ZEL::SPI {

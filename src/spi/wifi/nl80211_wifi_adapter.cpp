@@ -14,7 +14,7 @@
 
 #include "spi/clock.h"
 #include "spi/log.h"
-#include "spi/wifi/scan_results.h"
+#include "spi/wifi/nl80211_scan_results.h"
 
 namespace ZEL::SPI {
 namespace {

@@ -8,7 +8,7 @@
 #include "spi/clock.h"
 #include "spi/wifi/nl80211_messages.h"
 #include "spi/wifi/nl80211_socket.h"
-#include "spi/wifi/scan_lock.h"
+#include "spi/wifi/posix_scan_lock.h"
 #include "spi/wifi_adapter.h"
 
 namespace ZEL::SPI {

@@ -1,4 +1,4 @@
-#include "spi/wifi/scan_results.h"
+#include "spi/wifi/nl80211_scan_results.h"
 
 #include "spi/log.h"
 

@@ -6,7 +6,7 @@
 #include <vector>
 
 #include "spi/log.h"
-#include "spi/log/log_backend.h"
+#include "spi/log_backend.h"
 
 namespace ZEL::SPI {
 

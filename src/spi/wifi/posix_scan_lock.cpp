@@ -1,4 +1,4 @@
-#include "spi/wifi/scan_lock.h"
+#include "spi/wifi/posix_scan_lock.h"
 
 #include <fcntl.h>
 #include <sys/file.h>
