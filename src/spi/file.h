@@ -2,7 +2,7 @@
 // the tile reader never touches the platform directly.
 //
 // Contract shared by every implementation:
-// - Objects come from createFile(), which returns null only when none can be made.
+// - Objects come from the platform (Platform::newFile), null only when none can be made.
 // - Nothing throws; every failure is logged on the implementation's category with
 //   the path and the platform's error number, and reported by the return value.
 // - One object is used by one thread at a time.

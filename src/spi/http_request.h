@@ -1,6 +1,6 @@
 // One HTTP(S) exchange: open, set headers, send a body, read the answer.
 //
-// Ownership: the caller owns the request (made by makeXmlHttpRequest) and uses it
+// Ownership: the caller owns the request (made by Platform::newHttpRequest) and uses it
 // for one exchange; nothing of a connection outlives the object.
 // Results: integer, 0 for success. open() gives 22 for an unusable URL or method;
 // send() gives -1 for a local failure and otherwise the transport error mapped to
