@@ -4,6 +4,7 @@
 #include <condition_variable>
 #include <mutex>
 
+#include "spi/http/curl_xml_http_request.h"
 #include "spi/http_request.h"
 #include "support/log_capture.h"
 #include "support/raw_http_server.h"
@@ -24,7 +25,7 @@ struct Exchange {
 };
 
 Exchange post(const std::string& url, const std::string& body = "<a/>") {
-    Exchange exchange{makeXmlHttpRequest()};
+    Exchange exchange{newCurlXmlHttpRequest()};
     EXPECT_NE(exchange.request, nullptr);
     EXPECT_EQ(exchange.request->open(XmlHttpRequest::kPost, url, false), 0);
     exchange.result = exchange.request->send(body.data(), body.size());
@@ -40,7 +41,7 @@ std::string bodyOf(const XmlHttpRequest& request) {
 TEST(CurlXmlHttpRequest, SendsHeadersInNameOrderWithTheLaterValue) {
     auto server = RawHttpServer::replying("HTTP/1.1 200 OK\r\nContent-Length: 2\r\n\r\nok");
     ASSERT_NE(server, nullptr);
-    auto request = makeXmlHttpRequest();
+    auto request = newCurlXmlHttpRequest();
     ASSERT_EQ(request->open(XmlHttpRequest::kPost, server->url() + "/zel2/x?q=1#frag", false), 0);
     request->setRequestHeader("Zeta", "1");
     request->setRequestHeader("Alpha", "first");
@@ -171,7 +172,7 @@ TEST(CurlXmlHttpRequest, OversizedAnswerIsRefused) {
 
 TEST(CurlXmlHttpRequest, OpenRejectsBadMethodsAndUrls) {
     Testing::LogCapture log(kCategory);
-    auto request = makeXmlHttpRequest();
+    auto request = newCurlXmlHttpRequest();
     EXPECT_EQ(request->open(7, "http://127.0.0.1/", false), 22);
     EXPECT_TRUE(log.contains("unknown http method: 7"));
     for (const char* url :
@@ -189,7 +190,7 @@ TEST(CurlXmlHttpRequest, OpenRejectsBadMethodsAndUrls) {
 TEST(CurlXmlHttpRequest, ProxyGetsAbsoluteRequestPortAndCredentials) {
     auto proxy = RawHttpServer::replying("HTTP/1.1 200 OK\r\nContent-Length: 0\r\n\r\n");
     ASSERT_NE(proxy, nullptr);
-    auto request = makeXmlHttpRequest();
+    auto request = newCurlXmlHttpRequest();
     for (int port : {0, -1}) {
         // No port appended: the port stays in the proxy text.
         ASSERT_EQ(request->open(XmlHttpRequest::kPost, "http://server.invalid:8123/zel2/x",
@@ -268,7 +269,7 @@ TEST(CurlXmlHttpRequest, AsynchronousSendReportsThroughTheCallback) {
     ASSERT_NE(server, nullptr);
     server->respond("/a", ScriptedResponse{200, {}, "async"});
     Completion completion;
-    auto request = makeXmlHttpRequest();
+    auto request = newCurlXmlHttpRequest();
     request->setCompletionCallback(&Completion::record, &completion);
     ASSERT_EQ(request->open(XmlHttpRequest::kPost, server->url() + "/a", true), 0);
     ASSERT_EQ(request->send("x", 1), 0);
@@ -282,7 +283,7 @@ TEST(CurlXmlHttpRequest, AbortEndsARunningAsynchronousSend) {
     auto server = RawHttpServer::silent();
     ASSERT_NE(server, nullptr);
     Completion completion;
-    auto request = makeXmlHttpRequest();
+    auto request = newCurlXmlHttpRequest();
     request->setCompletionCallback(&Completion::record, &completion);
     ASSERT_EQ(request->open(XmlHttpRequest::kPost, server->url() + "/", true), 0);
     ASSERT_EQ(request->send("x", 1), 0);

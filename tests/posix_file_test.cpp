@@ -6,6 +6,7 @@
 #include <cstring>
 
 #include "spi/file.h"
+#include "spi/io/posix_file.h"
 #include "support/hand_built_tile.h"
 #include "support/log_capture.h"
 
@@ -18,7 +19,7 @@ class PosixFileTest : public ::testing::Test {
   protected:
     std::string path(const std::string& name) const { return dir_.path() + "/" + name; }
     Testing::TempDir dir_;
-    std::unique_ptr<File> file_ = createFile();
+    std::unique_ptr<File> file_ = newPosixFile();
 };
 
 TEST_F(PosixFileTest, WritesCreatesAppendsTruncatesAndReadsBack) {

@@ -3,14 +3,18 @@
 #include <gtest/gtest.h>
 
 #include "remote/request_messages.h"
+#include "spi/xml/libxml2_parser.h"
 
 namespace ZEL::API {
 namespace {
 
+constexpr Core::ResultCode kOk = Core::ResultCode::kOk;
+constexpr Core::ResultCode kCannot = Core::ResultCode::kCannotDetermine;
+
 // An answer document in the request namespace around `body`.
 std::string answer(const std::string& body, const std::string& root = "LocationRS") {
-    return "<?xml version='1.0'?><" + root + " xmlns='" + Remote::kRequestNamespaceUri + "'>" + body +
-           "</" + root + ">";
+    return "<?xml version='1.0'?><" + root + " xmlns='" + Remote::kRequestNamespaceUri + "'>" +
+           body + "</" + root + ">";
 }
 
 const std::string kFullAddress =
@@ -28,7 +32,7 @@ const std::string kLocation =
 
 TEST(LocationResponse, ReadsEveryField) {
     Core::LocationRecord record;
-    ASSERT_EQ(Remote::parseLocationResponse(answer(kLocation), 2, record), 0);
+    ASSERT_EQ(Remote::parseLocationResponse(answer(kLocation), 2, record), kOk);
     EXPECT_DOUBLE_EQ(record.latitude, 42.1015);
     EXPECT_DOUBLE_EQ(record.longitude, -72.5898);
     EXPECT_DOUBLE_EQ(record.hpe, 25.5);
@@ -52,19 +56,19 @@ TEST(LocationResponse, ReadsEveryField) {
 
 TEST(LocationResponse, LevelZeroIgnoresTheAddress) {
     Core::LocationRecord record;
-    ASSERT_EQ(Remote::parseLocationResponse(answer(kLocation), 0, record), 0);
+    ASSERT_EQ(Remote::parseLocationResponse(answer(kLocation), 0, record), kOk);
     EXPECT_TRUE(record.streetAddress.empty());
     // Any non-zero level reads it, even one the server was sent as an empty value.
     Core::LocationRecord odd;
-    ASSERT_EQ(Remote::parseLocationResponse(answer(kLocation), 7, odd), 0);
+    ASSERT_EQ(Remote::parseLocationResponse(answer(kLocation), 7, odd), kOk);
     EXPECT_EQ(odd.streetAddress.city, "Springfield");
 }
 
 TEST(LocationResponse, MissingValuesReadAsZeroAndEmpty) {
     Core::LocationRecord record;
-    ASSERT_EQ(
-        Remote::parseLocationResponse(answer("<location><latitude>1.5</latitude></location>"), 2, record),
-        0);
+    ASSERT_EQ(Remote::parseLocationResponse(answer("<location><latitude>1.5</latitude></location>"),
+                                            2, record),
+              kOk);
     EXPECT_EQ(record.latitude, 1.5);
     EXPECT_EQ(record.longitude, 0.0);
     EXPECT_EQ(record.hpe, 0.0);
@@ -75,10 +79,11 @@ TEST(LocationResponse, MissingValuesReadAsZeroAndEmpty) {
 
 TEST(LocationResponse, NumbersFollowAtofAndAtoi) {
     Core::LocationRecord record;
-    ASSERT_EQ(Remote::parseLocationResponse(answer("<location nap='12abc'><latitude> 3.25xyz</latitude>"
-                                           "<longitude>east</longitude><hpe>1e2</hpe></location>"),
-                                    0, record),
-              0);
+    ASSERT_EQ(Remote::parseLocationResponse(
+                  answer("<location nap='12abc'><latitude> 3.25xyz</latitude>"
+                         "<longitude>east</longitude><hpe>1e2</hpe></location>"),
+                  0, record),
+              kOk);
     EXPECT_EQ(record.nap, 12);
     EXPECT_EQ(record.latitude, 3.25);
     EXPECT_EQ(record.longitude, 0.0);
@@ -86,9 +91,9 @@ TEST(LocationResponse, NumbersFollowAtofAndAtoi) {
 
     // nap is kept as 16 bits: 65537 wraps to 1, -1 to 65535.
     Core::LocationRecord wrapped;
-    ASSERT_EQ(Remote::parseLocationResponse(answer("<location nap='65537'/>"), 0, wrapped), 0);
+    ASSERT_EQ(Remote::parseLocationResponse(answer("<location nap='65537'/>"), 0, wrapped), kOk);
     EXPECT_EQ(wrapped.nap, 1);
-    ASSERT_EQ(Remote::parseLocationResponse(answer("<location nap='-1'/>"), 0, wrapped), 0);
+    ASSERT_EQ(Remote::parseLocationResponse(answer("<location nap='-1'/>"), 0, wrapped), kOk);
     EXPECT_EQ(wrapped.nap, 65535);
 }
 
@@ -97,7 +102,7 @@ TEST(LocationResponse, CodesOfOtherLengthsAreEmptied) {
     std::string location =
         "<location><street-address><state code='MAS'>Massachusetts</state>"
         "<country code='U'>United States</country></street-address></location>";
-    ASSERT_EQ(Remote::parseLocationResponse(answer(location), 1, record), 0);
+    ASSERT_EQ(Remote::parseLocationResponse(answer(location), 1, record), kOk);
     EXPECT_EQ(record.streetAddress.state, "Massachusetts");
     EXPECT_EQ(record.streetAddress.stateCode, "");
     EXPECT_EQ(record.streetAddress.country, "United States");
@@ -122,8 +127,7 @@ TEST(LocationResponse, StructuralFailuresGiveSix) {
     };
     for (const std::string& text : failures) {
         Core::LocationRecord record;
-        EXPECT_EQ(Remote::parseLocationResponse(text, 2, record), ZEL_ERROR_LOCATION_CANNOT_BE_DETERMINED)
-            << text;
+        EXPECT_EQ(Remote::parseLocationResponse(text, 2, record), kCannot) << text;
     }
 }
 
@@ -131,14 +135,14 @@ TEST(LocationResponse, EveryTruncationFailsWithoutHarm) {
     std::string full = answer(kLocation);
     for (size_t length = 0; length < full.size(); ++length) {
         Core::LocationRecord record;
-        int code = Remote::parseLocationResponse(full.substr(0, length), 2, record);
-        EXPECT_EQ(code, ZEL_ERROR_LOCATION_CANNOT_BE_DETERMINED) << length;
+        Core::ResultCode code = Remote::parseLocationResponse(full.substr(0, length), 2, record);
+        EXPECT_EQ(code, kCannot) << length;
     }
 }
 
 TEST(LocationResponse, DocumentElementNameIsNotExamined) {
     Core::LocationRecord record;
-    EXPECT_EQ(Remote::parseLocationResponse(answer(kLocation, "Anything"), 0, record), 0);
+    EXPECT_EQ(Remote::parseLocationResponse(answer(kLocation, "Anything"), 0, record), kOk);
     EXPECT_EQ(record.nap, 7);
 }
 
@@ -148,7 +152,7 @@ TEST(IpLocationResponse, ReadsIpPositionAndAddress) {
         "<longitude>18.4</longitude>" +
         kFullAddress + "</ip-location>";
     Core::IpLocationRecord record;
-    ASSERT_EQ(Remote::parseIPLocationResponse(answer(body, "IPLocationRS"), 1, record), 0);
+    ASSERT_EQ(Remote::parseIPLocationResponse(answer(body, "IPLocationRS"), 1, record), kOk);
     EXPECT_EQ(record.ip, "192.0.2.7");
     EXPECT_EQ(record.latitude, -33.9);
     EXPECT_EQ(record.longitude, 18.4);
@@ -156,7 +160,7 @@ TEST(IpLocationResponse, ReadsIpPositionAndAddress) {
     EXPECT_EQ(record.streetAddress.countryCode, "US");
 
     Core::IpLocationRecord bare;
-    ASSERT_EQ(Remote::parseIPLocationResponse(answer(body, "IPLocationRS"), 0, bare), 0);
+    ASSERT_EQ(Remote::parseIPLocationResponse(answer(body, "IPLocationRS"), 0, bare), kOk);
     EXPECT_TRUE(bare.streetAddress.empty());
     EXPECT_EQ(bare.ip, "192.0.2.7");
 }
@@ -165,24 +169,22 @@ TEST(IpLocationResponse, FailuresGiveSix) {
     for (const std::string& text : {answer("<error/><ip-location/>"), answer(kLocation),
                                     std::string("<x/>"), std::string("garbage")}) {
         Core::IpLocationRecord record;
-        EXPECT_EQ(Remote::parseIPLocationResponse(text, 2, record), ZEL_ERROR_LOCATION_CANNOT_BE_DETERMINED)
-            << text;
+        EXPECT_EQ(Remote::parseIPLocationResponse(text, 2, record), kCannot) << text;
     }
 }
 
 TEST(RegistrationResponse, ErrorElementOrBadDocumentGiveSix) {
-    EXPECT_EQ(Remote::parseRegistrationResponse(answer("", "RegistrationRS")), 0);
-    EXPECT_EQ(Remote::parseRegistrationResponse(answer("<ok/>", "RegistrationRS")), 0);
+    EXPECT_EQ(Remote::parseRegistrationResponse(answer("", "RegistrationRS")), kOk);
+    EXPECT_EQ(Remote::parseRegistrationResponse(answer("<ok/>", "RegistrationRS")), kOk);
     // An error outside the namespace is not an error element.
-    EXPECT_EQ(Remote::parseRegistrationResponse("<RegistrationRS><error/></RegistrationRS>"), 0);
+    EXPECT_EQ(Remote::parseRegistrationResponse("<RegistrationRS><error/></RegistrationRS>"), kOk);
     EXPECT_EQ(Remote::parseRegistrationResponse(answer("<error>taken</error>", "RegistrationRS")),
-              ZEL_ERROR_LOCATION_CANNOT_BE_DETERMINED);
-    EXPECT_EQ(Remote::parseRegistrationResponse("<RegistrationRS>"),
-              ZEL_ERROR_LOCATION_CANNOT_BE_DETERMINED);
+              kCannot);
+    EXPECT_EQ(Remote::parseRegistrationResponse("<RegistrationRS>"), kCannot);
 }
 
-TEST(Core::StreetAddress, MissingChildLeavesNameAndCodeAsTheyWere) {
-    auto parser = SPI::makeXmlParser();
+TEST(StreetAddressReading, MissingChildLeavesNameAndCodeAsTheyWere) {
+    auto parser = SPI::newLibXml2Parser();
     std::string text = answer("<state code='NY'>New York</state>", "street-address");
     auto document = parser->parse(text.data(), text.size());
     ASSERT_NE(document, nullptr);
@@ -196,8 +198,8 @@ TEST(Core::StreetAddress, MissingChildLeavesNameAndCodeAsTheyWere) {
     EXPECT_EQ(code, "NY");
 }
 
-TEST(Core::StreetAddress, MissingElementLeavesTheAddressAsItWas) {
-    auto parser = SPI::makeXmlParser();
+TEST(StreetAddressReading, MissingElementLeavesTheAddressAsItWas) {
+    auto parser = SPI::newLibXml2Parser();
     std::string text = answer("<street-number>9</street-number>", "location");
     auto document = parser->parse(text.data(), text.size());
     ASSERT_NE(document, nullptr);

@@ -9,7 +9,7 @@
 #include "spi/log.h"
 #include "support/log_capture.h"
 
-namespace ZEL::SPI::Wifi {
+namespace ZEL::SPI {
 namespace {
 
 const char kCategory[] = "ZEL.SPI.WifiAdapter.Nl80211WifiAdapter";
@@ -21,7 +21,7 @@ class ScanLockTest : public ::testing::Test {
         ("zel-scan-lock-" + std::to_string(getpid()) + "-" +
          ::testing::UnitTest::GetInstance()->current_test_info()->name());
     std::string path_ = (directory_ / "lock").string();
-    SPI::Logger& log_ = getCategory(kCategory);
+    SPI::Logger& log_ = getLogger(kCategory);
 
     void SetUp() override { std::filesystem::create_directories(directory_); }
     void TearDown() override { std::filesystem::remove_all(directory_); }
@@ -87,4 +87,4 @@ TEST(ScanLockPathTest, NamedAfterTheScanMutexInASharedDirectory) {
 }
 
 }  // namespace
-}  // namespace ZEL::SPI::Wifi
+}  // namespace ZEL::SPI

@@ -88,7 +88,7 @@ TEST(ScanRecording, RejectsALineWithOneBadApNamingIt) {
               "AP 2 has an \"ssid\" that is not a string");
 }
 
-TEST(Local::ScanRecordingReader, NumbersLinesSkipsBlankOnesAndGoesOnAfterABadOne) {
+TEST(ScanRecordingReader, NumbersLinesSkipsBlankOnesAndGoesOnAfterABadOne) {
     std::istringstream in(
         "{\"t_ms\":1,\"aps\":[]}\n"
         "\n"

@@ -8,6 +8,7 @@
 #include "server/csv_table.h"
 #include "server/ip_ranges.h"
 #include "server/street_address_index.h"
+#include "spi/xml/libxml2_parser.h"
 #include "spi/xml_parser.h"
 #include "support/log_capture.h"
 
@@ -15,7 +16,7 @@ namespace ZEL::Server {
 namespace {
 
 bool wellFormed(const std::string& document) {
-    return SPI::makeXmlParser()->parse(document.data(), document.size()) != nullptr;
+    return SPI::newLibXml2Parser()->parse(document.data(), document.size()) != nullptr;
 }
 
 TEST(EscapeXml, MarkupInvalidCharactersAndBrokenUtf8) {
@@ -53,7 +54,7 @@ TEST(Answers, HostileTextStaysWellFormedAndReadsBack) {
     ASSERT_TRUE(wellFormed(document)) << document;
 
     Core::LocationRecord read;
-    ASSERT_EQ(Remote::parseLocationResponse(document, 2, read), 0);
+    ASSERT_EQ(Remote::parseLocationResponse(document, 2, read), Core::ResultCode::kOk);
     EXPECT_EQ(read.latitude, location.latitude);  // exact: shortest round-trip text
     EXPECT_EQ(read.longitude, location.longitude);
     EXPECT_EQ(read.hpe, 12.5);
@@ -70,14 +71,15 @@ TEST(Answers, ErrorsAndRegistrationReadAsTheClientExpects) {
     const std::string error = errorAnswer(Question::Location, "x<y", "can't & won't");
     ASSERT_TRUE(wellFormed(error)) << error;
     Core::LocationRecord record;
-    EXPECT_EQ(Remote::parseLocationResponse(error, 0, record), 6);
-    EXPECT_EQ(Remote::parseRegistrationResponse(errorAnswer(Question::Registration, "e", "m")), 6);
-    EXPECT_EQ(Remote::parseRegistrationResponse(registrationAnswer()), 0);
+    EXPECT_EQ(Remote::parseLocationResponse(error, 0, record), Core::ResultCode::kCannotDetermine);
+    EXPECT_EQ(Remote::parseRegistrationResponse(errorAnswer(Question::Registration, "e", "m")),
+              Core::ResultCode::kCannotDetermine);
+    EXPECT_EQ(Remote::parseRegistrationResponse(registrationAnswer()), Core::ResultCode::kOk);
     EXPECT_TRUE(wellFormed(genericErrorAnswer("http-404", "<none>")));
 
     Core::IpLocationRecord ip;
     const std::string answer = ipLocationAnswer("::1", -33.9, 151.2, {});
-    ASSERT_EQ(Remote::parseIPLocationResponse(answer, 2, ip), 0);
+    ASSERT_EQ(Remote::parseIPLocationResponse(answer, 2, ip), Core::ResultCode::kOk);
     EXPECT_EQ(ip.ip, "::1");
     EXPECT_EQ(ip.latitude, -33.9);
     EXPECT_TRUE(ip.streetAddress.empty());

@@ -1,4 +1,5 @@
 #include "spi/xml_parser.h"
+#include "spi/xml/libxml2_parser.h"
 
 #include <gtest/gtest.h>
 #include <libxml/xmlerror.h>
@@ -13,7 +14,7 @@ namespace ZEL::SPI {
 namespace {
 
 std::unique_ptr<XmlDocument> parse(const std::string& text) {
-    auto parser = makeXmlParser();
+    auto parser = newLibXml2Parser();
     EXPECT_NE(parser, nullptr);
     return parser->parse(text.data(), text.size());
 }

@@ -8,6 +8,7 @@
 
 #include "remote/request_messages.h"
 #include "remote/response_parser.h"
+#include "spi/xml/libxml2_parser.h"
 #include "spi/xml_parser.h"
 #include "support/location_server_fixture.h"
 
@@ -34,7 +35,7 @@ std::string accessPoint(const std::string& mac, const std::string& rss) {
 // The code attribute of the answer's error element, or "" when it has none. Fails
 // the test when the answer is not a document in the request namespace.
 std::string errorCode(const std::string& body) {
-    auto parser = SPI::makeXmlParser();
+    auto parser = SPI::newLibXml2Parser();
     auto document = parser->parse(body.data(), body.size());
     EXPECT_NE(document, nullptr) << body;
     if (!document) {
@@ -176,7 +177,8 @@ TEST(ForwardedFor, TrustedOnlyWhenConfigured) {
         auto result = client.Post("/zel2/ip-location", forwarded, request, "text/xml");
         ASSERT_TRUE(result);
         Core::IpLocationRecord record;
-        ASSERT_EQ(Remote::parseIPLocationResponse(result->body, 1, record), 0) << result->body;
+        ASSERT_EQ(Remote::parseIPLocationResponse(result->body, 1, record), Core::ResultCode::kOk)
+            << result->body;
         EXPECT_EQ(record.ip, trusted ? "10.1.2.3" : "127.0.0.1");
         EXPECT_EQ(record.latitude, trusted ? Testing::kTenNetLatitude : Testing::kLoopbackLatitude);
         EXPECT_EQ(record.streetAddress.city, trusted ? "Ten Town" : "Loopback City");

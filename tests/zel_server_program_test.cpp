@@ -123,7 +123,8 @@ TEST(ServerProgram, ServesUntilTerminated) {
     ap.mac = Testing::testMac(1);
     ap.rss = -60;
     Core::LocationRecord record;
-    EXPECT_EQ(remote.location({"alice", Testing::kServerRealm}, 0, {ap}, record), ZEL_OK);
+    EXPECT_EQ(remote.location({"alice", Testing::kServerRealm}, 0, {ap}, record),
+              Core::ResultCode::kOk);
     EXPECT_EQ(record.nap, 1);
     // The access log goes to standard output.
     EXPECT_NE(server.readUntil("\" 200 ").find("POST /zel2/location"), std::string::npos);

@@ -56,11 +56,11 @@ TEST_F(SharedUserDatabase, ConcurrentRegistrationsCreateEachUserOnce) {
                 const int name = (n + t * 5) % kNames;
                 remote.setServerUrl(((n + t) % 2 ? first : second)->serviceUrl());
                 const std::string user = "user" + std::to_string(name);
-                const int code = remote.registerUser({kRegisteredUser, kServerRealm},
-                                                     {user.c_str(), kServerRealm});
-                if (code == ZEL_OK) {
+                const Core::ResultCode code = remote.registerUser({kRegisteredUser, kServerRealm},
+                                                                  {user.c_str(), kServerRealm});
+                if (code == Core::ResultCode::kOk) {
                     ++created[name];
-                } else if (code == ZEL_ERROR_LOCATION_CANNOT_BE_DETERMINED) {
+                } else if (code == Core::ResultCode::kCannotDetermine) {
                     ++refused;
                 } else {
                     ++failed;

@@ -18,13 +18,13 @@
 #include <unistd.h>
 
 #include "api/scan_loop.h"
-#include "spi/clock.h"
 #include "spi/log.h"
+#include "spi/platform.h"
 #include "spi/wifi/nl80211_wifi_adapter.h"
 #include "spi/wifi/scan_lock.h"
 #include "support/log_capture.h"
 
-namespace ZEL::SPI::Wifi {
+namespace ZEL::SPI {
 namespace {
 
 const char kCategory[] = "ZEL.SPI.WifiAdapter.Nl80211WifiAdapter";
@@ -82,7 +82,8 @@ void expectExactlyTheAccessPoints(const Core::ApList& list, const char* label) {
     for (const Core::ScannedAP& ap : list) {
         std::printf("%s: heard %s %d dBm \"%s\"\n", label, Core::macText(ap.mac).c_str(), ap.rss,
                     ap.ssidText().c_str());
-        EXPECT_TRUE(heard.emplace(Core::macText(ap.mac), &ap).second) << "twice: " << Core::macText(ap.mac);
+        EXPECT_TRUE(heard.emplace(Core::macText(ap.mac), &ap).second)
+            << "twice: " << Core::macText(ap.mac);
     }
     for (const auto& [mac, ap] : expected) {
         auto found = heard.find(mac);
@@ -100,7 +101,7 @@ void expectExactlyTheAccessPoints(const Core::ApList& list, const char* label) {
 
 TEST(VmScan, EnumeratesOnlyTheStationInterface) {
     Testing::LogCapture log(kCategory);
-    AdapterList adapters = enumerateSystemAdapters();
+    AdapterList adapters = enumerateNl80211Adapters();
     ASSERT_EQ(adapters.size(), 1u);
     EXPECT_EQ(adapters[0]->name(), firstWord("station"));
     for (const auto& [mac, ap] : expectedAps()) {
@@ -117,11 +118,11 @@ TEST(VmScan, HearsExactlyTheAccessPointsWithTheirSignals) {
     ASSERT_TRUE(adapter);
     ASSERT_EQ(adapter->open(), 0);
     Testing::LogCapture log(kCategory);
-    Core::TimeStamp before = currentTime();
+    Core::TimeStamp before = platform().clock().now();
     ASSERT_EQ(adapter->startScan(), 0);
     Core::ApList list;
     ASSERT_EQ(adapter->getScanResults(list), 0);
-    Core::TimeStamp after = currentTime();
+    Core::TimeStamp after = platform().clock().now();
     expectExactlyTheAccessPoints(list, "scan");
     for (const Core::ScannedAP& ap : list) {
         // Heard in this scan or one of the VM's set-up scans: the kernel keeps a
@@ -156,7 +157,7 @@ TEST(VmScan, SecondStartBeforeResultsIsAlreadyInProgress) {
     ASSERT_EQ(adapter->getScanResults(list), 0);
     expectExactlyTheAccessPoints(list, "repeated start");
     // Reading the results gave the scan lock back.
-    ScanLock other(ScanLock::defaultPath(), getCategory(kCategory));
+    ScanLock other(ScanLock::defaultPath(), getLogger(kCategory));
     EXPECT_EQ(other.tryAcquire(), ScanLock::Outcome::Acquired);
 }
 
@@ -239,19 +240,19 @@ TEST(VmScan, WithoutPrivilegeReadsTheKernelsCachedResults) {
 }
 
 TEST(VmScan, ScanLoopDeliversTheScan) {
-    API::ScanLoop loop;
     int calls = 0;
-    int result = loop.run(500, 2,
-                          [&](const API::ScanLoopState&, int code, const Core::RecentApList&,
-                              const Core::ApList& fresh, const Core::ApList&) {
-                              ++calls;
-                              EXPECT_EQ(code, 0);
-                              expectExactlyTheAccessPoints(fresh, "scan loop");
-                              return 0;
-                          });
-    EXPECT_EQ(result, 0);
+    Core::ResultCode result = API::ScanLoop::run(
+        500, 2,
+        [&](const API::ScanLoopState&, Core::ResultCode code, const Core::RecentApList&,
+            const Core::ApList& fresh, const Core::ApList&) {
+            ++calls;
+            EXPECT_EQ(code, Core::ResultCode::kOk);
+            expectExactlyTheAccessPoints(fresh, "scan loop");
+            return 0;
+        });
+    EXPECT_EQ(result, Core::ResultCode::kOk);
     EXPECT_EQ(calls, 1);
 }
 
 }  // namespace
-}  // namespace ZEL::SPI::Wifi
+}  // namespace ZEL::SPI
