@@ -55,16 +55,6 @@ TEST_F(PosixFileTest, FailuresAreLoggedWithPathAndErrno) {
     EXPECT_EQ(log.messages().size(), 3u);
 }
 
-TEST_F(PosixFileTest, ClosedFileDoesNothingAndMapsNothingSilently) {
-    Testing::LogCapture log(kCategory);
-    char buffer[4];
-    EXPECT_EQ(file_->read(buffer, sizeof buffer), 0u);
-    EXPECT_EQ(file_->write(buffer, sizeof buffer), 0u);
-    EXPECT_EQ(file_->map(0, 1), nullptr);
-    EXPECT_EQ(file_->close(), 0);
-    EXPECT_TRUE(log.messages().empty());
-}
-
 TEST_F(PosixFileTest, MapsAnyRangeInsideTheFileAndOutlivesTheFile) {
     long page = sysconf(_SC_PAGESIZE);
     std::vector<uint8_t> bytes(static_cast<size_t>(page) * 2 + 100);

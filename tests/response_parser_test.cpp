@@ -140,12 +140,6 @@ TEST(LocationResponse, EveryTruncationFailsWithoutHarm) {
     }
 }
 
-TEST(LocationResponse, DocumentElementNameIsNotExamined) {
-    Core::LocationRecord record;
-    EXPECT_EQ(Remote::parseLocationResponse(answer(kLocation, "Anything"), 0, record), kOk);
-    EXPECT_EQ(record.nap, 7);
-}
-
 TEST(IpLocationResponse, ReadsIpPositionAndAddress) {
     std::string body =
         "<ip-location><ip>192.0.2.7</ip><latitude>-33.9</latitude>"
@@ -196,18 +190,6 @@ TEST(StreetAddressReading, MissingChildLeavesNameAndCodeAsTheyWere) {
     Remote::childNameAndCode(*root, "state", name, code);
     EXPECT_EQ(name, "New York");
     EXPECT_EQ(code, "NY");
-}
-
-TEST(StreetAddressReading, MissingElementLeavesTheAddressAsItWas) {
-    auto parser = SPI::newLibXml2Parser();
-    std::string text = answer("<street-number>9</street-number>", "location");
-    auto document = parser->parse(text.data(), text.size());
-    ASSERT_NE(document, nullptr);
-    Core::StreetAddress address;
-    address.city = "Before";
-    Remote::readStreetAddress(*document->documentElement(), address);
-    EXPECT_EQ(address.city, "Before");
-    EXPECT_EQ(address.streetNumber, "");
 }
 
 }  // namespace

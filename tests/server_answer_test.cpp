@@ -86,16 +86,6 @@ TEST(Answers, ErrorsAndRegistrationReadAsTheClientExpects) {
     EXPECT_EQ(answer.find("street-address"), std::string::npos);
 }
 
-TEST(CsvRecords, QuotingRules) {
-    using Fields = std::vector<std::string>;
-    EXPECT_EQ(splitCsvRecord("a, b ,c\r"), (Fields{"a", "b", "c"}));
-    EXPECT_EQ(splitCsvRecord("\"x, y\",\"say \"\"hi\"\"\", \"\" "),
-              (Fields{"x, y", "say \"hi\"", ""}));
-    EXPECT_EQ(splitCsvRecord(",,"), (Fields{"", "", ""}));
-    EXPECT_EQ(splitCsvRecord("\"open"), std::nullopt);
-    EXPECT_EQ(splitCsvRecord("\"closed\"junk,b"), std::nullopt);
-}
-
 TEST(IpRangeTable, LookupEdgesFamiliesAndBadRows) {
     std::istringstream csv(
         "latitude,first,last,longitude,city\n"
@@ -160,26 +150,6 @@ TEST(StreetAddressPoints, NearestWithinTheRadius) {
     EXPECT_EQ(cityNear(60.0089, 25.0005), "kilometre");
 
     EXPECT_EQ(StreetAddressIndex::read(csv, "a.csv", 0.0, error), nullptr);
-}
-
-TEST(StreetAddressPoints, LevelsReveal) {
-    Core::StreetAddress full;
-    full.streetNumber = "9";
-    full.addressLines = {"Main"};
-    full.postalCode = "1000";
-    full.city = "C";
-    full.region = "R";
-    full.country = "Country";
-    full.countryCode = "CC";
-    EXPECT_TRUE(addressForLevel(full, 0).empty());
-    EXPECT_TRUE(addressForLevel(full, 7).empty());
-    Core::StreetAddress limited = addressForLevel(full, 1);
-    EXPECT_EQ(limited.city, "C");
-    EXPECT_EQ(limited.region, "R");
-    EXPECT_EQ(limited.countryCode, "CC");
-    EXPECT_TRUE(limited.streetNumber.empty() && limited.addressLines.empty() &&
-                limited.postalCode.empty());
-    EXPECT_EQ(addressForLevel(full, 2), full);
 }
 
 }  // namespace

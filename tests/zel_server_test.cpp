@@ -182,53 +182,8 @@ TEST_P(ServerExchange, RegistrationAndAuthentication) {
     EXPECT_EQ(server_->service().users().count(kServerRealm), 2u);
 }
 
-TEST_P(ServerExchange, EachExchangeIsLogged) {
-    locate(clusterScan(), 0);
-    locate(clusterScan(), 0, Core::ResultCode::kUnauthorized, {"mallory", kServerRealm});
-    server_->stop();
-    const std::vector<std::string> lines = accessLog();
-    ASSERT_EQ(lines.size(), 2u);
-    // A worker logs after its answer went out, so the two lines may come in either order.
-    auto count = [&](const std::string& text) {
-        return std::count_if(lines.begin(), lines.end(), [&](const std::string& line) {
-            return line.find(text) != std::string::npos;
-        });
-    };
-    for (const std::string& line : lines) {
-        EXPECT_EQ(line.rfind("127.0.0.1 - - [", 0), 0u) << line;
-        EXPECT_NE(line.find("\"ZEL API\""), std::string::npos) << line;
-    }
-    EXPECT_EQ(count("\"POST /zel2/location HTTP/1.1\" 200 "), 1);
-    EXPECT_EQ(count("\"POST /zel2/location HTTP/1.1\" 401 "), 1);
-}
-
 INSTANTIATE_TEST_SUITE_P(HttpAndHttps, ServerExchange, ::testing::Values(false, true),
                          [](const auto& info) { return info.param ? "Https" : "Http"; });
-
-TEST(OpenServer, AcceptsAnyone) {
-    Testing::LocationServerConfig config;
-    config.open = true;
-    auto server = TestLocationServer::start(config);
-    ASSERT_NE(server, nullptr);
-    Remote::LocationDeterminationRemote remote;
-    remote.setServerUrl(server->serviceUrl());
-    Core::LocationRecord record;
-    EXPECT_EQ(remote.location({"anyone", "anywhere"}, 0, clusterScan(), record),
-              Core::ResultCode::kOk);
-    EXPECT_EQ(record.nap, 8);
-    EXPECT_EQ(remote.registerUser({"anyone", "x"}, {"zoe", kServerRealm}), Core::ResultCode::kOk);
-}
-
-TEST(StoppedServer, ClientSeesACommunicationFailure) {
-    auto server = TestLocationServer::start();
-    ASSERT_NE(server, nullptr);
-    Remote::LocationDeterminationRemote remote;
-    remote.setServerUrl(server->serviceUrl());
-    server->stop();
-    Core::LocationRecord record;
-    EXPECT_EQ(remote.location(kAlice, 0, clusterScan(), record),
-              Core::ResultCode::kServerUnavailable);
-}
 
 }  // namespace
 }  // namespace ZEL::Server

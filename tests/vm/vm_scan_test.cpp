@@ -144,23 +144,6 @@ TEST(VmScan, HearsExactlyTheAccessPointsWithTheirSignals) {
     }
 }
 
-TEST(VmScan, SecondStartBeforeResultsIsAlreadyInProgress) {
-    auto adapter = stationAdapter();
-    ASSERT_TRUE(adapter);
-    ASSERT_EQ(adapter->open(), 0);
-    Testing::LogCapture log(kCategory);
-    ASSERT_EQ(adapter->startScan(), 0);
-    EXPECT_EQ(adapter->startScan(), 0);
-    EXPECT_EQ(
-        log.count(SPI::LogPriority::kDebug, adapter->name() + ": scan already in progress..."), 1u);
-    Core::ApList list;
-    ASSERT_EQ(adapter->getScanResults(list), 0);
-    expectExactlyTheAccessPoints(list, "repeated start");
-    // Reading the results gave the scan lock back.
-    ScanLock other(ScanLock::defaultPath(), getLogger(kCategory));
-    EXPECT_EQ(other.tryAcquire(), ScanLock::Outcome::Acquired);
-}
-
 TEST(VmScan, SecondAdapterWaitsForTheScanUnderWay) {
     auto first = stationAdapter();
     auto second = stationAdapter();
@@ -177,66 +160,6 @@ TEST(VmScan, SecondAdapterWaitsForTheScanUnderWay) {
     EXPECT_EQ(log.count(SPI::LogPriority::kDebug, first->name() + ": scan finished"), 2u);
     expectExactlyTheAccessPoints(secondList, "waiting adapter");
     expectExactlyTheAccessPoints(firstList, "scanning adapter");
-}
-
-// What an unprivileged process sees, measured in a child that dropped root: the
-// count of "no permission" lines after two scans, the APs of the second scan, and
-// the lock file it used. Runs after a scan of root's, so the kernel's cache is full.
-TEST(VmScan, WithoutPrivilegeReadsTheKernelsCachedResults) {
-    int pipeFds[2];
-    ASSERT_EQ(pipe(pipeFds), 0);
-    pid_t child = fork();
-    ASSERT_GE(child, 0);
-    if (child == 0) {
-        ::close(pipeFds[0]);
-        std::string report = "setuid failed";
-        if (setgid(65534) == 0 && setuid(65534) == 0) {
-            Testing::LogCapture log(kCategory);
-            auto adapter = stationAdapter();
-            Core::ApList list;
-            bool scanned = adapter && adapter->open() == 0;
-            for (int round = 0; scanned && round < 2; ++round) {
-                scanned = adapter->startScan() == 0 && adapter->getScanResults(list) == 0;
-            }
-            size_t refusals = 0;
-            for (const std::string& text : log.texts()) {
-                refusals +=
-                    text.find("no permission to trigger a scan (EPERM)") != std::string::npos;
-            }
-            report = std::to_string(scanned) + " " + std::to_string(refusals) + " " +
-                     ScanLock::defaultPath();
-            std::map<std::string, int> heard;  // sorted, as expectedAps() is
-            for (const Core::ScannedAP& ap : list) {
-                heard[Core::macText(ap.mac)] = ap.rss;
-            }
-            for (const auto& [mac, rss] : heard) {
-                report += " " + mac + "=" + std::to_string(rss);
-            }
-            if (!scanned || refusals != 1) {
-                for (const std::string& text : log.texts()) {
-                    report += "\n  log: " + text;
-                }
-            }
-        }
-        ssize_t written = write(pipeFds[1], report.data(), report.size());
-        _exit(written == static_cast<ssize_t>(report.size()) ? 0 : 1);
-    }
-    ::close(pipeFds[1]);
-    std::string report;
-    char buffer[512];
-    for (ssize_t n; (n = read(pipeFds[0], buffer, sizeof buffer)) > 0;) {
-        report.append(buffer, static_cast<size_t>(n));
-    }
-    ::close(pipeFds[0]);
-    int status = 0;
-    ASSERT_EQ(waitpid(child, &status, 0), child);
-    std::printf("unprivileged: %s\n", report.c_str());
-    std::string expected = "1 1 /tmp/ZEL.SPI.WifiAdapter.NDISWifiAdapter.GlobalMutex";
-    for (const auto& [mac, ap] : expectedAps()) {
-        expected += " " + mac + "=" + std::to_string(ap.rss);
-    }
-    // /run/lock belongs to root here, so the lock falls back to /tmp.
-    EXPECT_EQ(report, expected);
 }
 
 TEST(VmScan, ScanLoopDeliversTheScan) {
