@@ -196,11 +196,14 @@ TEST_F(DeterminationTest, AFailedEstimatePushesAZeroRecordThatLaterCallsSee) {
 // point), 1000 ms apart, and a newest result `resultAgeMs` old at `resultSpeed`.
 class SmoothingTest : public DeterminationTest {
   protected:
-    double smoothedLatitude(int seeds, double resultSpeed, uint64_t resultAgeMs) {
+    // With `oldestAgeMs`, the oldest seed is that old instead.
+    double smoothedLatitude(int seeds, double resultSpeed, uint64_t resultAgeMs,
+                            uint64_t oldestAgeMs = 0) {
         useCity();
         const uint64_t now = kT0 + 100000;
         for (int age = seeds; age >= 1; --age) {
-            rawHistory().add(positionedAt(20, 0, now - age * 1000));
+            const uint64_t ageMs = age == seeds && oldestAgeMs != 0 ? oldestAgeMs : age * 1000;
+            rawHistory().add(positionedAt(20, 0, now - ageMs));
         }
         resultHistory().add(positionedAt(20, 0, now - resultAgeMs, resultSpeed));
         Core::LocationRecord out;
@@ -221,14 +224,18 @@ TEST_F(SmoothingTest, WeightsFollowTheSpeedAndAgeOfTheNewestResult) {
         double resultSpeed;
         uint64_t resultAgeMs;
         double rawWeight, historyWeight;  // of the raw latitude and of P
+        uint64_t oldestAgeMs = 0;         // a sample counts while under 10 x 1000 + 20000 ms
     };
-    for (Row row :
-         {Row{9, 2.2, 1000, 0.1, 0.9}, Row{8, 2.3, 1000, 0.04, 0.96}, Row{8, 2.2, 1000, 1, 0},
-          Row{9, 2.2, 20000, 0.04, 1.06}, Row{9, 2.2, 20001, 1, 0}}) {
+    const double standing = 8.0 / 3.6;  // km/h: the fastest that still counts as standing
+    for (Row row : {Row{9, 2.2, 1000, 0.1, 0.9}, Row{9, standing, 1000, 0.1, 0.9},
+                    Row{8, 2.3, 1000, 0.04, 0.96}, Row{8, 2.2, 1000, 1, 0},
+                    Row{9, 2.2, 20000, 0.04, 1.06}, Row{9, 2.2, 20001, 1, 0},
+                    Row{9, 2.2, 1000, 0.1, 0.9, 29999}, Row{9, 2.2, 1000, 1, 0, 30000}}) {
         SCOPED_TRACE(::testing::Message() << row.seeds << " seeds, " << row.resultSpeed << " km/h, "
-                                          << row.resultAgeMs << " ms");
+                                          << row.resultAgeMs << " ms, oldest " << row.oldestAgeMs);
         resetLocationHistoriesForTesting();
-        const double out = smoothedLatitude(row.seeds, row.resultSpeed, row.resultAgeMs);
+        const double out =
+            smoothedLatitude(row.seeds, row.resultSpeed, row.resultAgeMs, row.oldestAgeMs);
         EXPECT_NEAR(out, row.rawWeight * raw_ + row.historyWeight * p_, 1e-9);
         EXPECT_EQ(out == raw_, row.rawWeight == 1);
     }
