@@ -2,6 +2,8 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
+
 #include "support/log_capture.h"
 #include "support/test_platform.h"
 
@@ -178,6 +180,8 @@ TEST_F(ScanLoopTest, AdapterFailuresResetTheAdapterOrEndTheLoop) {
         EXPECT_EQ(codes, row.codes);
         EXPECT_EQ(script_.calls, row.adapter);
         EXPECT_EQ(log.count(SPI::LogPriority::kError, row.logged), 1u);
+        const bool reopened = std::count(row.adapter.begin(), row.adapter.end(), "open") == 2;
+        EXPECT_EQ(log.contains("resetting Wi-Fi adapter"), reopened);
     }
 }
 
