@@ -68,14 +68,6 @@ class LocationCacheTest : public ::testing::Test {
     }
 };
 
-TEST_F(LocationCacheTest, FindsStoredLocationIncludingFailedAttempts) {
-    Core::LocationRecord out;
-    EXPECT_FALSE(cache_.find(aps(1, 5), out));
-    cache_.store(aps(1, 5), at(0, 0));
-    ASSERT_TRUE(cache_.find(aps(1, 5), out));
-    EXPECT_EQ(out.nap, 0);
-}
-
 TEST_F(LocationCacheTest, StoringTheSameSetTwiceKeepsOneNewerEntry) {
     cache_.store(aps(1, 5), at(1.0, 3));
     clock_.advance(1000);

@@ -51,18 +51,6 @@ TEST(ScopedClockInstall, RestoresThePreviousPlatform) {
     EXPECT_EQ(&systemPlatform().clock(), &posixClock());
 }
 
-TEST(TextConversion, RoundTripsUtf8AndEmptyText) {
-    EXPECT_EQ(toWide(""), L"");
-    EXPECT_EQ(toNarrow(L""), "");
-    EXPECT_EQ(toWide("Stra\xC3\x9F"
-                     "e"),
-              L"Stra\u00DFe");
-    EXPECT_EQ(toNarrow(L"Stra\u00DFe"),
-              "Stra\xC3\x9F"
-              "e");
-    EXPECT_EQ(toWide("bad \xC3"), L"");  // a cut-off sequence converts to nothing
-}
-
 TEST(ModuleDirectory, EndsWithSeparatorAndNamesThisProgramsDirectory) {
     std::string directory = moduleDirectory();
     ASSERT_FALSE(directory.empty());
