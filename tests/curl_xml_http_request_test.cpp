@@ -4,17 +4,16 @@
 #include <condition_variable>
 #include <mutex>
 
+#include "spi/http/curl_xml_http_request.h"
 #include "spi/http_request.h"
 #include "support/log_capture.h"
 #include "support/raw_http_server.h"
-#include "support/test_http_server.h"
+#include "support/tinyproxy.h"
 
 namespace ZEL::SPI {
 namespace {
 
 using Testing::RawHttpServer;
-using Testing::ScriptedResponse;
-using Testing::TestHttpServer;
 
 const char kCategory[] = "ZEL.SPI.HTTP.CurlXmlHttpRequest";
 
@@ -24,7 +23,7 @@ struct Exchange {
 };
 
 Exchange post(const std::string& url, const std::string& body = "<a/>") {
-    Exchange exchange{makeXmlHttpRequest()};
+    Exchange exchange{newCurlXmlHttpRequest()};
     EXPECT_NE(exchange.request, nullptr);
     EXPECT_EQ(exchange.request->open(XmlHttpRequest::kPost, url, false), 0);
     exchange.result = exchange.request->send(body.data(), body.size());
@@ -40,7 +39,7 @@ std::string bodyOf(const XmlHttpRequest& request) {
 TEST(CurlXmlHttpRequest, SendsHeadersInNameOrderWithTheLaterValue) {
     auto server = RawHttpServer::replying("HTTP/1.1 200 OK\r\nContent-Length: 2\r\n\r\nok");
     ASSERT_NE(server, nullptr);
-    auto request = makeXmlHttpRequest();
+    auto request = newCurlXmlHttpRequest();
     ASSERT_EQ(request->open(XmlHttpRequest::kPost, server->url() + "/zel2/x?q=1#frag", false), 0);
     request->setRequestHeader("Zeta", "1");
     request->setRequestHeader("Alpha", "first");
@@ -102,76 +101,51 @@ TEST(CurlXmlHttpRequest, BodyIsReadToTheEnd) {
 }
 
 TEST(CurlXmlHttpRequest, ErrorStatusesAreAnswersNotFailures) {
-    auto server = TestHttpServer::start();
-    ASSERT_NE(server, nullptr);
     for (int status : {401, 403, 407, 500, 302}) {
-        std::string path = "/s" + std::to_string(status);
-        server->respond(path, ScriptedResponse{status, {{"Location", "/elsewhere"}}, "why"});
-        Exchange exchange = post(server->url() + path);
+        auto server = RawHttpServer::replying("HTTP/1.1 " + std::to_string(status) +
+                                              " Why\r\nLocation: /elsewhere\r\n"
+                                              "Content-Length: 100\r\n\r\nwhy");
+        ASSERT_NE(server, nullptr);
+        Exchange exchange = post(server->url() + "/");
         EXPECT_EQ(exchange.result, 0) << status;
         EXPECT_EQ(exchange.request->status(), status);
-        EXPECT_FALSE(exchange.request->statusText().empty()) << status;
-        EXPECT_EQ(bodyOf(*exchange.request), "why");  // redirects are not followed
+        EXPECT_EQ(exchange.request->statusText(), "Why");
+        // Redirects are not followed; an error answer cut off after its head stands.
+        EXPECT_EQ(server->connections(), 1) << status;
     }
-    EXPECT_EQ(server->requests().size(), 5u);
 }
 
-TEST(CurlXmlHttpRequest, AnswerCutOffMidBodyIsNotResent) {
-    auto server = RawHttpServer::replying("HTTP/1.1 200 OK\r\nContent-Length: 100\r\n\r\npartial");
-    ASSERT_NE(server, nullptr);
-    Testing::LogCapture log(kCategory);
-    Exchange exchange = post(server->url() + "/");
-    EXPECT_EQ(exchange.result, 10054);
-    EXPECT_EQ(server->connections(), 1);
-    EXPECT_FALSE(log.messages().empty());
-
-    // An error answer cut off after its head is still that answer.
-    auto refusing =
-        RawHttpServer::replying("HTTP/1.1 407 Who Are You\r\nContent-Length: 100\r\n\r\nbye");
-    ASSERT_NE(refusing, nullptr);
-    Exchange refused = post(refusing->url() + "/");
-    EXPECT_EQ(refused.result, 0);
-    EXPECT_EQ(refused.request->status(), 407);
-    EXPECT_EQ(refused.request->statusText(), "Who Are You");
-    EXPECT_EQ(refusing->connections(), 1);
-}
-
-TEST(CurlXmlHttpRequest, FailedSendIsRetriedOnceThenMapped) {
-    struct Case {
+TEST(CurlXmlHttpRequest, FailedExchangesMapToSocketErrors) {
+    struct Row {
         std::string reply;
-        int expected;
+        int error;
+        int connections;  // a failed send is tried once more, unless the answer had begun
     };
-    for (const Case& test :
-         {Case{"", 10054}, Case{"HTTP/1.1 20", 10054}, Case{"SSH-2.0-nonsense\r\n\r\n", 10043}}) {
-        auto server = RawHttpServer::replying(test.reply);
+    const Row rows[] = {
+        {"", 10054, 2},
+        {"HTTP/1.1 20", 10054, 2},
+        {"SSH-2.0-nonsense\r\n\r\n", 10043, 2},
+        {"HTTP/1.1 200 OK\r\nContent-Length: 100\r\n\r\npartial", 10054, 1},
+        {"HTTP/1.1 200 OK\r\nContent-Length: 17825792\r\n\r\n" + std::string(17 << 20, 'z'), -1,
+         1},  // past the 16 MiB limit
+    };
+    for (const Row& row : rows) {
+        auto server = RawHttpServer::replying(row.reply);
         ASSERT_NE(server, nullptr);
         Testing::LogCapture log(kCategory);
         Exchange exchange = post(server->url() + "/");
-        EXPECT_EQ(exchange.result, test.expected) << test.reply;
-        EXPECT_EQ(server->connections(), 2) << test.reply;
-        EXPECT_EQ(exchange.request->status(), -1);
-        ASSERT_FALSE(log.messages().empty());
-        EXPECT_TRUE(log.messages().back().text.starts_with("curl_easy_perform failed, error"));
+        EXPECT_EQ(exchange.result, row.error) << row.reply.substr(0, 40);
+        EXPECT_EQ(server->connections(), row.connections) << row.reply.substr(0, 40);
+        EXPECT_FALSE(log.messages().empty());
     }
-}
-
-TEST(CurlXmlHttpRequest, UnreachableServersMapToSocketErrors) {
     int port = Testing::freeLoopbackPort();
     EXPECT_EQ(post("http://127.0.0.1:" + std::to_string(port) + "/").result, 10061);
     EXPECT_EQ(post("http://no-such-host.invalid/").result, 10065);
 }
 
-TEST(CurlXmlHttpRequest, OversizedAnswerIsRefused) {
-    std::string huge(17 * 1024 * 1024, 'z');
-    auto server = RawHttpServer::replying(
-        "HTTP/1.1 200 OK\r\nContent-Length: " + std::to_string(huge.size()) + "\r\n\r\n" + huge);
-    ASSERT_NE(server, nullptr);
-    EXPECT_EQ(post(server->url() + "/").result, -1);
-}
-
 TEST(CurlXmlHttpRequest, OpenRejectsBadMethodsAndUrls) {
     Testing::LogCapture log(kCategory);
-    auto request = makeXmlHttpRequest();
+    auto request = newCurlXmlHttpRequest();
     EXPECT_EQ(request->open(7, "http://127.0.0.1/", false), 22);
     EXPECT_TRUE(log.contains("unknown http method: 7"));
     for (const char* url :
@@ -189,7 +163,7 @@ TEST(CurlXmlHttpRequest, OpenRejectsBadMethodsAndUrls) {
 TEST(CurlXmlHttpRequest, ProxyGetsAbsoluteRequestPortAndCredentials) {
     auto proxy = RawHttpServer::replying("HTTP/1.1 200 OK\r\nContent-Length: 0\r\n\r\n");
     ASSERT_NE(proxy, nullptr);
-    auto request = makeXmlHttpRequest();
+    auto request = newCurlXmlHttpRequest();
     for (int port : {0, -1}) {
         // No port appended: the port stays in the proxy text.
         ASSERT_EQ(request->open(XmlHttpRequest::kPost, "http://server.invalid:8123/zel2/x",
@@ -215,20 +189,31 @@ TEST(CurlXmlHttpRequest, ProxyGetsAbsoluteRequestPortAndCredentials) {
               std::string::npos);
 }
 
-TEST(CurlXmlHttpRequest, SelfSignedCertificateIsAcceptedOnTheRetry) {
-    auto certificate = Testing::TestCertificate::generate();
-    ASSERT_NE(certificate, nullptr) << "the openssl command could not make a certificate";
-    auto server = TestHttpServer::startHttps(*certificate);
+TEST(CurlXmlHttpRequest, RealProxyDemandsItsCredentials) {
+    if (!Testing::TinyProxy::available()) {
+        GTEST_SKIP() << "tinyproxy is not installed (scripts/install-deps installs it)";
+    }
+    auto proxy = Testing::TinyProxy::start("proxyuser", "proxysecret");
+    ASSERT_NE(proxy, nullptr) << "tinyproxy did not come up";
+    auto server = RawHttpServer::replying("HTTP/1.1 200 OK\r\nContent-Length: 2\r\n\r\nok");
     ASSERT_NE(server, nullptr);
-    server->respond("/zel2/location", ScriptedResponse{200, {}, "<secure/>"});
-    Testing::LogCapture log(kCategory);
-    Exchange exchange = post(server->url() + "/zel2/location", "<q/>");
-    ASSERT_EQ(exchange.result, 0);
-    EXPECT_EQ(exchange.request->status(), 200);
-    EXPECT_EQ(bodyOf(*exchange.request), "<secure/>");
-    EXPECT_EQ(log.messages().size(), 1u);  // the certificate notice, no error
+    struct Row {
+        const char* user;
+        const char* password;
+        int status;  // tinyproxy answers wrong credentials with 401
+    };
+    for (Row row :
+         {Row{"", "", 407}, Row{"proxyuser", "wrong", 401}, Row{"proxyuser", "proxysecret", 200}}) {
+        auto request = newCurlXmlHttpRequest();
+        ASSERT_EQ(request->open(XmlHttpRequest::kPost, server->url() + "/zel2/registration",
+                                "127.0.0.1", proxy->port(), row.user, row.password, false),
+                  0);
+        ASSERT_EQ(request->send("x", 1), 0) << proxy->log();
+        EXPECT_EQ(request->status(), row.status) << row.password;
+    }
     ASSERT_EQ(server->requests().size(), 1u);
-    EXPECT_EQ(server->requests()[0].body, "<q/>");
+    // The proxy's credentials are for the proxy only.
+    EXPECT_EQ(server->requests()[0].find("Proxy-Authorization"), std::string::npos);
 }
 
 TEST(CurlXmlHttpRequest, AbortForgetsTheExchange) {
@@ -264,11 +249,11 @@ struct Completion {
 };
 
 TEST(CurlXmlHttpRequest, AsynchronousSendReportsThroughTheCallback) {
-    auto server = TestHttpServer::start();
+    // Kept on purpose: the asynchronous send works, though the engine never uses it.
+    auto server = RawHttpServer::replying("HTTP/1.1 200 OK\r\nContent-Length: 5\r\n\r\nasync");
     ASSERT_NE(server, nullptr);
-    server->respond("/a", ScriptedResponse{200, {}, "async"});
     Completion completion;
-    auto request = makeXmlHttpRequest();
+    auto request = newCurlXmlHttpRequest();
     request->setCompletionCallback(&Completion::record, &completion);
     ASSERT_EQ(request->open(XmlHttpRequest::kPost, server->url() + "/a", true), 0);
     ASSERT_EQ(request->send("x", 1), 0);
@@ -282,7 +267,7 @@ TEST(CurlXmlHttpRequest, AbortEndsARunningAsynchronousSend) {
     auto server = RawHttpServer::silent();
     ASSERT_NE(server, nullptr);
     Completion completion;
-    auto request = makeXmlHttpRequest();
+    auto request = newCurlXmlHttpRequest();
     request->setCompletionCallback(&Completion::record, &completion);
     ASSERT_EQ(request->open(XmlHttpRequest::kPost, server->url() + "/", true), 0);
     ASSERT_EQ(request->send("x", 1), 0);

@@ -89,50 +89,5 @@ TEST(DetermineReplay, SampleWalkGivesFixesCloseToTheTruth) {
     EXPECT_LT(distances[distances.size() / 2], 40.0);
 }
 
-TEST(DetermineReplay, MalformedLinesAreReportedByNumberAndSkipped) {
-    Testing::TempDir directory;
-    const std::string recording = directory.path() + "/scans.jsonl";
-    {
-        std::ifstream sample(kExamples + "sample-walk.jsonl");
-        std::string first;
-        std::string second;
-        std::getline(sample, first);
-        std::getline(sample, second);
-        std::ofstream out(recording);
-        out << first << "\n{\"t_ms\": \"soon\"}\n\n" << second << "\nnot json at all\n";
-    }
-    int status = 0;
-    const std::string output =
-        run(kZel + " determine --json --db " + kExamples + "sample-city.zel --scans " + recording,
-            status, true);
-    EXPECT_EQ(status, 0);
-    EXPECT_NE(output.find(recording + ":2: \"t_ms\" missing or not an integer"), std::string::npos)
-        << output;
-    EXPECT_NE(output.find(recording + ":5: not a JSON object (skipped)"), std::string::npos);
-    size_t results = 0;
-    for (size_t at = output.find("{\"t_ms\":"); at != std::string::npos;
-         at = output.find("{\"t_ms\":", at + 1)) {
-        ++results;
-    }
-    EXPECT_EQ(results, 2u);
-}
-
-TEST(DetermineReplay, UnreadableInputsFailWithAMessage) {
-    int status = 0;
-    std::string output =
-        run(kZel + " determine --db /nonexistent.zel --scans " + kExamples + "sample-walk.jsonl",
-            status, true);
-    EXPECT_EQ(status, 1);
-    EXPECT_NE(output.find("cannot open tile file /nonexistent.zel"), std::string::npos) << output;
-    output = run(kZel + " determine --db " + kExamples + "sample-city.zel --realm other --scans " +
-                     kExamples + "sample-walk.jsonl",
-                 status, true);
-    EXPECT_EQ(status, 1);
-    output = run(kZel + " determine --db " + kExamples + "sample-city.zel --scans /nonexistent",
-                 status, true);
-    EXPECT_EQ(status, 1);
-    EXPECT_NE(output.find("cannot read /nonexistent"), std::string::npos);
-}
-
 }  // namespace
 }  // namespace ZEL

@@ -2,12 +2,14 @@
 
 #include <cmath>
 
+#include "api/one_shot_location.h"
 #include "support/engine_fixture.h"
 #include "support/log_capture.h"
 
 namespace ZEL::API {
 namespace {
 
+using Core::ResultCode;
 using Testing::EngineTest;
 using Testing::LogCapture;
 
@@ -16,165 +18,181 @@ using OneShotFlow = EngineTest;
 // The one-shot flow scans at 50, 500, 1000, ... 5500 ms: 12 cycles when nothing stops it.
 constexpr size_t kFullLoopCycles = 12;
 
-size_t countOf(const std::vector<std::string>& calls, const std::string& what) {
-    return static_cast<size_t>(std::count(calls.begin(), calls.end(), what));
-}
-
 TEST_F(OneShotFlow, LocalFixFromThreeApsStopsAtOnce) {
     repeatScan(knownScan(3), kFullLoopCycles);
-    ZEL_Location* location = nullptr;
-    EXPECT_EQ(locate(auth_, ZEL_NO_STREET_ADDRESS_LOOKUP, &location), ZEL_OK);
-    ASSERT_NE(location, nullptr);
+    std::optional<Core::LocationRecord> location;
+    EXPECT_EQ(locate(credentials_, Core::kNoStreetAddress, location), ResultCode::kOk);
+    ASSERT_TRUE(location);
     EXPECT_EQ(location->nap, 3);
     EXPECT_NEAR(location->latitude, 48.1372, 0.0003);
-    EXPECT_EQ(location->known_aps.count, 3);
-    EXPECT_EQ(location->unknown_aps.count, 0);
-    EXPECT_EQ(countOf(script_->calls, "get"), 1u);
-    EXPECT_TRUE(server_->requests().empty());
-    EXPECT_EQ(clock_.sleptMs(), 50u);
-    freeCallerLocation(location);
+    EXPECT_EQ(location->knownAps.size(), 3u);
+    EXPECT_TRUE(location->unknownAps.empty());
+    EXPECT_EQ(scansRead(), 1u);
+    EXPECT_TRUE(platform_.http().calls.empty());
+    EXPECT_EQ(platform_.manualClock().sleptMs(), 50u);
 }
 
 TEST_F(OneShotFlow, FixFromTwoApsKeepsScanningToTheEnd) {
-    server_->respond("/zel2/location", {200, {}, locationAnswer(2)});
+    platform_.http().respond({200, locationAnswer(2)});
     repeatScan(knownScan(2), kFullLoopCycles);
     LogCapture log("ZEL_location");
-    ZEL_Location* location = nullptr;
-    EXPECT_EQ(locate(auth_, ZEL_NO_STREET_ADDRESS_LOOKUP, &location), ZEL_OK);
-    ASSERT_NE(location, nullptr);
+    std::optional<Core::LocationRecord> location;
+    EXPECT_EQ(locate(credentials_, Core::kNoStreetAddress, location), ResultCode::kOk);
+    ASSERT_TRUE(location);
     EXPECT_EQ(location->nap, 2);
-    EXPECT_EQ(countOf(script_->calls, "get"), kFullLoopCycles);
+    EXPECT_EQ(scansRead(), kFullLoopCycles);
     // Local fixes at 50, 1000, ... 5000 ms; at 5500 ms the two APs were last merged
     // more than 5 s ago, count as new again, and with the fix's two make enough to
     // ask the server.
     EXPECT_EQ(log.count(SPI::LogPriority::kDebug, "keep scanning"), 7u);
-    EXPECT_EQ(server_->requests().size(), 1u);
-    freeCallerLocation(location);
+    EXPECT_EQ(platform_.http().calls.size(), 1u);
 }
 
 TEST_F(OneShotFlow, StreetAddressSkipsTheDeviceAndAsksTheServer) {
-    server_->respond("/zel2/location", {200, {}, locationAnswer(5, "Berlin")});
+    platform_.http().respond({200, locationAnswer(5, "Berlin")});
     repeatScan(knownScan(3), kFullLoopCycles);
-    ZEL_Location* location = nullptr;
-    EXPECT_EQ(locate(auth_, ZEL_FULL_STREET_ADDRESS_LOOKUP, &location), ZEL_OK);
-    ASSERT_NE(location, nullptr);
+    std::optional<Core::LocationRecord> location;
+    EXPECT_EQ(locate(credentials_, Core::kFullStreetAddress, location), ResultCode::kOk);
+    ASSERT_TRUE(location);
     EXPECT_EQ(location->nap, 5);
-    EXPECT_EQ(location->latitude, 52.52);
     EXPECT_EQ(location->speed, -1.0);
-    ASSERT_NE(location->street_address, nullptr);
-    EXPECT_STREQ(location->street_address->city, "Berlin");
-    ASSERT_EQ(server_->requests().size(), 1u);
-    EXPECT_NE(server_->requests()[0].body.find("street-address-lookup='full'"), std::string::npos);
-    EXPECT_NE(server_->requests()[0].body.find("<mac>0A0000000003</mac>"), std::string::npos);
-    freeCallerLocation(location);
+    EXPECT_EQ(location->streetAddress.city, "Berlin");
+    ASSERT_EQ(platform_.http().calls.size(), 1u);
+    const Testing::HttpCall& call = platform_.http().calls[0];
+    EXPECT_EQ(call.url, std::string(kServer) + "/location");
+    EXPECT_NE(call.body.find("street-address-lookup='full'"), std::string::npos);
+    EXPECT_NE(call.body.find("<mac>0A0000000003</mac>"), std::string::npos);
 }
 
-TEST_F(OneShotFlow, ServerThatCannotPlaceTheApsDoesNotStopTheLoop) {
-    server_->respond("/zel2/location", {200, {}, errorAnswer()});
-    repeatScan(knownScan(3), kFullLoopCycles);
-    LogCapture log("ZEL_location");
-    ZEL_Location* location = nullptr;
-    EXPECT_EQ(locate(auth_, ZEL_LIMITED_STREET_ADDRESS_LOOKUP, &location),
-              ZEL_ERROR_LOCATION_CANNOT_BE_DETERMINED);
-    ASSERT_NE(location, nullptr);  // the loop ended normally: a record comes with the code
-    EXPECT_EQ(location->nap, 0);
-    EXPECT_EQ(server_->requests().size(), kFullLoopCycles);
-    EXPECT_EQ(log.count(SPI::LogPriority::kInfo, "server can't determine location"),
-              kFullLoopCycles);
-    freeCallerLocation(location);
-}
-
-TEST_F(OneShotFlow, ServerErrorStopsTheLoop) {
-    server_->respond("/zel2/location", {500, {}, "broken"});
-    repeatScan(knownScan(3), kFullLoopCycles);
-    LogCapture log("ZEL_location");
-    ZEL_Location* location = nullptr;
-    EXPECT_EQ(locate(auth_, ZEL_LIMITED_STREET_ADDRESS_LOOKUP, &location),
-              ZEL_ERROR_SERVER_UNAVAILABLE);
-    EXPECT_EQ(countOf(script_->calls, "get"), 1u);
-    EXPECT_TRUE(log.contains("failed to get location from server: 5"));
-    freeCallerLocation(location);
+TEST_F(OneShotFlow, ServerAnswersDecideWhetherTheLoopGoesOn) {
+    struct Row {
+        Testing::HttpReply reply;
+        ResultCode code;
+        size_t requests;  // a server that cannot place the APs is asked every cycle
+    };
+    for (const Row& row : {Row{{200, errorAnswer()}, ResultCode::kCannotDetermine, kFullLoopCycles},
+                           Row{{500, "broken"}, ResultCode::kServerUnavailable, 1},
+                           Row{{0, "", 10061}, ResultCode::kServerUnavailable, 1}}) {
+        platform_.http().calls.clear();
+        platform_.http().replies.assign(kFullLoopCycles, row.reply);
+        platform_.wifi().scans.clear();
+        repeatScan(knownScan(3), kFullLoopCycles);
+        std::optional<Core::LocationRecord> location;
+        EXPECT_EQ(locate(credentials_, Core::kLimitedStreetAddress, location), row.code);
+        EXPECT_EQ(platform_.http().calls.size(), row.requests) << row.reply.status;
+        EXPECT_TRUE(location);  // the loop ended normally: a record comes with the code
+    }
 }
 
 TEST_F(OneShotFlow, NoAccessPointHeardGivesThreeAfterTheLoop) {
-    ZEL_Location* location = nullptr;
-    EXPECT_EQ(locate(auth_, ZEL_NO_STREET_ADDRESS_LOOKUP, &location), ZEL_ERROR_NO_WIFI_IN_RANGE);
-    ASSERT_NE(location, nullptr);
-    EXPECT_EQ(countOf(script_->calls, "get"), kFullLoopCycles);
-    EXPECT_EQ(clock_.sleptMs(), 5500u);     // the cycle at 5500 ms ends the loop without sleeping
-    EXPECT_EQ(locationCache().size(), 0u);  // nothing heard, nothing cached
-    freeCallerLocation(location);
+    std::optional<Core::LocationRecord> location;
+    EXPECT_EQ(locate(credentials_, Core::kNoStreetAddress, location), ResultCode::kNoWifiInRange);
+    ASSERT_TRUE(location);
+    EXPECT_EQ(scansRead(), kFullLoopCycles);
+    EXPECT_EQ(platform_.manualClock().sleptMs(), 5500u);  // the last cycle does not sleep
+    EXPECT_EQ(locationCache().size(), 0u);                // nothing heard, nothing cached
 }
 
-TEST_F(OneShotFlow, AdapterFailureGivesTwoAndNoRecord) {
-    script_->failGet = {true};
-    auto* untouched = reinterpret_cast<ZEL_Location*>(0x1);
-    EXPECT_EQ(locate(auth_, ZEL_NO_STREET_ADDRESS_LOOKUP, &untouched), ZEL_ERROR_WIFI);
-    EXPECT_EQ(untouched, reinterpret_cast<ZEL_Location*>(0x1));
+TEST_F(OneShotFlow, AdapterFailuresGiveTwoAndNoRecord) {
+    platform_.wifi().failGet = {true};
+    std::optional<Core::LocationRecord> location;
+    EXPECT_EQ(locate(credentials_, Core::kNoStreetAddress, location), ResultCode::kWifiFailure);
+    EXPECT_FALSE(location);
+    platform_.setWifiPresent(false);
+    EXPECT_EQ(locate(credentials_, Core::kNoStreetAddress, location), ResultCode::kWifiFailure);
+    EXPECT_FALSE(location);
 }
 
 TEST_F(OneShotFlow, CacheAnswersARepeatedSetAfterTwoSeconds) {
     // Two APs the server places (from its own three): asked at 3000 ms, which stops the loop.
-    server_->respond("/zel2/location", {200, {}, locationAnswer(3)});
+    platform_.http().respond({200, locationAnswer(3)});
     repeatScan(knownScan(2), 2 * kFullLoopCycles);
-    ZEL_Location* first = nullptr;
-    EXPECT_EQ(locate(auth_, ZEL_LIMITED_STREET_ADDRESS_LOOKUP, &first), ZEL_OK);
-    ASSERT_NE(first, nullptr);
+    std::optional<Core::LocationRecord> first;
+    EXPECT_EQ(locate(credentials_, Core::kLimitedStreetAddress, first), ResultCode::kOk);
+    ASSERT_TRUE(first);
     EXPECT_EQ(first->nap, 3);
-    EXPECT_EQ(server_->requests().size(), 1u);
     EXPECT_EQ(locationCache().size(), 1u);
 
     // The same two APs again: the cache answers at 2000 ms and the server is not asked.
     LogCapture log("ZEL_location");
-    ZEL_Location* second = nullptr;
-    EXPECT_EQ(locate(auth_, ZEL_LIMITED_STREET_ADDRESS_LOOKUP, &second), ZEL_OK);
-    ASSERT_NE(second, nullptr);
+    std::optional<Core::LocationRecord> second;
+    EXPECT_EQ(locate(credentials_, Core::kLimitedStreetAddress, second), ResultCode::kOk);
+    ASSERT_TRUE(second);
     EXPECT_EQ(second->latitude, 52.52);
-    EXPECT_EQ(server_->requests().size(), 1u);
+    EXPECT_EQ(platform_.http().calls.size(), 1u);
     EXPECT_TRUE(log.contains("found location in cache with nap = 3"));
     EXPECT_EQ(locationCache().size(), 1u);  // replaced, not added
-    freeCallerLocation(first);
-    freeCallerLocation(second);
 }
 
 TEST_F(OneShotFlow, CachedFailureIsPassedOverForTheServer) {
-    locationCache().store(knownScan(2), Core::LocationRecord{});  // a failed attempt for the same set
-    server_->respond("/zel2/location", {200, {}, locationAnswer(3)});
+    locationCache().store(knownScan(2), Core::LocationRecord{});  // a failed attempt, same set
+    platform_.http().respond({200, locationAnswer(3)});
     repeatScan(knownScan(2), kFullLoopCycles);
     LogCapture log("ZEL_location");
-    ZEL_Location* location = nullptr;
-    EXPECT_EQ(locate(auth_, ZEL_LIMITED_STREET_ADDRESS_LOOKUP, &location), ZEL_OK);
+    std::optional<Core::LocationRecord> location;
+    EXPECT_EQ(locate(credentials_, Core::kLimitedStreetAddress, location), ResultCode::kOk);
     EXPECT_TRUE(log.contains("no-location found in cache"));
-    EXPECT_EQ(server_->requests().size(), 1u);
-    freeCallerLocation(location);
+    EXPECT_EQ(platform_.http().calls.size(), 1u);
 }
 
-struct Delivered {
-    std::vector<int> codes;
-    std::vector<double> latitudes;
-    size_t stopAfter = 3;
+// A determination that only counts its calls and never finds a position.
+struct CountingDetermination final : Core::LocationDetermination {
+    ResultCode determine(const Core::LocationRecord*, const Core::ApList&,
+                         Core::LocationRecord&) override {
+        ++calls;
+        return ResultCode::kCannotDetermine;
+    }
+    int calls = 0;
 };
 
-int collect(void* argument, int code, const ZEL_Location* location) {
-    auto* delivered = static_cast<Delivered*>(argument);
-    delivered->codes.push_back(code);
-    if (location != nullptr) {
-        delivered->latitudes.push_back(location->latitude);
+TEST_F(OneShotFlow, DeviceIsAskedOnlyInTheFirst100MsOfEachSecond) {
+    struct Row {
+        uint32_t elapsedMs;
+        int lookup;
+        int localCalls;
+    };
+    for (Row row : {Row{0, 0, 1}, Row{100, 0, 1}, Row{101, 0, 0}, Row{999, 0, 0}, Row{1000, 0, 1},
+                    Row{2100, 0, 1}, Row{2101, 0, 0}, Row{50, 1, 0}}) {
+        CountingDetermination local;
+        LocationCache cache;
+        OneShotLocationState state(
+            row.lookup, local,
+            [](const Core::ApList&, Core::LocationRecord&) { return ResultCode::kCannotDetermine; },
+            cache);
+        ScanLoopState loop{SPI::tickCount() - row.elapsedMs};
+        state.onScan(loop, ResultCode::kOk, knownScan(1));
+        EXPECT_EQ(local.calls, row.localCalls) << row.elapsedMs << " ms, lookup " << row.lookup;
     }
-    return delivered->codes.size() < delivered->stopAfter ? 1 : 0;
 }
 
 using PeriodicFlow = EngineTest;
 
+// Collects the codes and positions delivered, and stops after `stopAfter` of them.
+struct Delivered {
+    std::vector<ResultCode> codes;
+    std::vector<double> latitudes;
+    size_t stopAfter = 3;
+    LocationCallback callback() {
+        return [this](ResultCode code, const Core::LocationRecord* location) {
+            codes.push_back(code);
+            if (location != nullptr) {
+                latitudes.push_back(location->latitude);
+            }
+            return codes.size() < stopAfter ? 1 : 0;
+        };
+    }
+};
+
 TEST_F(PeriodicFlow, DeliversFixesUntilTheCallbackStops) {
     repeatScan(knownScan(4), 10);
     Delivered delivered;
-    EXPECT_EQ(locatePeriodically(auth_, 1000, 0, collect, &delivered), ZEL_OK);
-    EXPECT_EQ(delivered.codes, (std::vector<int>{0, 0, 0}));
+    EXPECT_EQ(locatePeriodically(credentials_, 1000, 0, delivered.callback()), ResultCode::kOk);
+    EXPECT_EQ(delivered.codes, std::vector<ResultCode>(3, ResultCode::kOk));
     ASSERT_EQ(delivered.latitudes.size(), 3u);
-    EXPECT_TRUE(std::isfinite(delivered.latitudes[0]));
-    EXPECT_EQ(locationSmoother().historySize(), 0u);
+    EXPECT_NEAR(delivered.latitudes[0], 48.1373, 0.0005);
     EXPECT_EQ(locationCache().size(), 0u);  // periodic location never caches
+    // Kept on purpose: the smoother's history is emptied on every call.
+    EXPECT_EQ(locationSmoother().historySize(), 0u);
 }
 
 TEST_F(PeriodicFlow, FailuresInTheFirstPeriodAreSilent) {
@@ -183,25 +201,25 @@ TEST_F(PeriodicFlow, FailuresInTheFirstPeriodAreSilent) {
     repeatScan({Testing::ap("0B0000000001", -60)}, 10);
     Delivered delivered;
     delivered.stopAfter = 2;
-    EXPECT_EQ(locatePeriodically(auth_, 1000, 0, collect, &delivered), ZEL_OK);
-    EXPECT_EQ(delivered.codes, (std::vector<int>{ZEL_ERROR_LOCATION_CANNOT_BE_DETERMINED,
-                                                 ZEL_ERROR_LOCATION_CANNOT_BE_DETERMINED}));
-    EXPECT_EQ(countOf(script_->calls, "get"), 3u);
+    EXPECT_EQ(locatePeriodically(credentials_, 1000, 0, delivered.callback()), ResultCode::kOk);
+    EXPECT_EQ(delivered.codes, std::vector<ResultCode>(2, ResultCode::kCannotDetermine));
+    EXPECT_EQ(scansRead(), 3u);
 }
 
 TEST_F(PeriodicFlow, AdapterFailureReachesTheCallback) {
-    script_->failGet = {true};
+    platform_.wifi().failGet = {true};
     Delivered delivered;
     delivered.stopAfter = 1;
-    EXPECT_EQ(locatePeriodically(auth_, 500, 0, collect, &delivered), ZEL_ERROR_WIFI);
-    EXPECT_EQ(delivered.codes, (std::vector<int>{ZEL_ERROR_WIFI}));
+    EXPECT_EQ(locatePeriodically(credentials_, 500, 0, delivered.callback()),
+              ResultCode::kWifiFailure);
+    EXPECT_EQ(delivered.codes, std::vector<ResultCode>{ResultCode::kWifiFailure});
 }
 
 TEST_F(PeriodicFlow, PeriodZeroRunsEveryMillisecondForTheGivenCount) {
     repeatScan(knownScan(3), 100);
     Delivered delivered;
     delivered.stopAfter = 1000;
-    EXPECT_EQ(locatePeriodically(auth_, 0, 5, collect, &delivered), ZEL_OK);
+    EXPECT_EQ(locatePeriodically(credentials_, 0, 5, delivered.callback()), ResultCode::kOk);
     // 1 ms periods, 5 of them: the first cycle at 50 ms is already past the duration.
     EXPECT_EQ(delivered.codes.size(), 1u);
 }

@@ -4,21 +4,19 @@
 
 #include "remote/request_messages.h"
 #include "support/log_capture.h"
-#include "support/raw_http_server.h"
-#include "support/scripted_wifi_adapter.h"
-#include "support/test_http_server.h"
+#include "support/test_platform.h"
 
-namespace ZEL::API {
+namespace ZEL::Remote {
 namespace {
 
-using Testing::ScriptedResponse;
-using Testing::TestHttpServer;
+using Core::ResultCode;
+using Testing::HttpReply;
 
 const char kCategory[] = "ZEL.API.LocationDeterminationRemote";
-const ZEL_Authentication kAlice{"alice", "acme"};
+const Core::Credentials kAlice{"alice", "acme"};
 
 std::string answer(const std::string& root, const std::string& body) {
-    return "<" + root + " xmlns='" + Remote::kRequestNamespaceUri + "'>" + body + "</" + root + ">";
+    return "<" + root + " xmlns='" + kRequestNamespaceUri + "'>" + body + "</" + root + ">";
 }
 
 const std::string kLocationAnswer = answer(
@@ -27,222 +25,140 @@ const std::string kLocationAnswer = answer(
     "<street-address><city>Vienna</city><country code='AT'>Austria</country></street-address>"
     "</location>");
 
-TEST(RemoteSettings, DefaultsAndServerUrl) {
-    Remote::LocationDeterminationRemote remote;
-    EXPECT_EQ(remote.serverUrl(), std::string("https://") + Remote::kDefaultServerHost + "/zel2");
-    EXPECT_EQ(remote.userAgent(), "ZEL API");
-    EXPECT_EQ(remote.proxy(), "");
-    EXPECT_EQ(remote.proxyPort(), 0);
-    remote.setServerUrl("anything at all/");
-    EXPECT_EQ(remote.serverUrl(), "anything at all/");
-}
-
-TEST(RemoteSettings, ProxyRules) {
-    Remote::LocationDeterminationRemote remote;
-    remote.setProxy("proxy", 3128, "user", "secret");
-    EXPECT_EQ(remote.proxy(), "proxy:3128");
-    EXPECT_EQ(remote.proxyUser(), "user");
-    EXPECT_EQ(remote.proxyPassword(), "secret");
-    for (int port : {0, -1}) {
-        remote.setProxy("host", port, "u", "p");
-        EXPECT_EQ(remote.proxy(), "host") << port;
-    }
-    remote.setProxy("host", -2, "u", "p");
-    EXPECT_EQ(remote.proxy(), "host:-2");
-    // An empty host turns the proxy off and keeps user and password.
-    remote.setProxy("", 8080, "other", "other");
-    EXPECT_EQ(remote.proxy(), "");
-    EXPECT_EQ(remote.proxyUser(), "u");
-    EXPECT_EQ(remote.proxyPassword(), "p");
-    remote.setProxy(nullptr, 8080, nullptr, nullptr);
-    EXPECT_EQ(remote.proxy(), "");
-    EXPECT_EQ(remote.proxyUser(), "u");
-    EXPECT_EQ(remote.proxyPort(), 0);  // no setter writes it
-}
-
 class RemoteExchange : public ::testing::Test {
   protected:
-    void SetUp() override {
-        server_ = TestHttpServer::start();
-        ASSERT_NE(server_, nullptr);
-        remote_.setServerUrl(server_->url() + "/zel2");
-    }
-    std::unique_ptr<TestHttpServer> server_;
-    Remote::LocationDeterminationRemote remote_;
+    void SetUp() override { remote_.setServerUrl("https://zel.test/zel2"); }
+    const std::vector<Testing::HttpCall>& calls() { return platform_.http().calls; }
+
+    Testing::TestPlatform platform_;
+    LocationDeterminationRemote remote_;
 };
 
 TEST_F(RemoteExchange, LocationPostsTheRequestAndParsesTheAnswer) {
-    server_->respond("/zel2/location", ScriptedResponse{200, {}, kLocationAnswer});
-    Core::ApList aps = {Testing::ap("AB:CD:EF:12:34:56", -71), Testing::ap("01:00:00:00:00:00", -90)};
+    platform_.http().respond({200, kLocationAnswer});
+    Core::ApList aps = {Testing::ap("AB:CD:EF:12:34:56", -71), Testing::ap("010000000000", -90)};
     Core::LocationRecord record;
     record.knownAps = aps;  // the record is reset before the answer is read
-    record.streetAddress.city = "stale";
     Testing::LogCapture log(kCategory);
-    ASSERT_EQ(remote_.location(kAlice, 2, aps, record), 0);
-
+    ASSERT_EQ(remote_.location(kAlice, 2, aps, record), ResultCode::kOk);
     EXPECT_EQ(record.latitude, 48.2);
-    EXPECT_EQ(record.longitude, 16.37);
-    EXPECT_EQ(record.hpe, 30.0);
     EXPECT_EQ(record.nap, 4);
     EXPECT_EQ(record.speed, -1.0);
-    EXPECT_EQ(record.streetAddress.city, "Vienna");
     EXPECT_EQ(record.streetAddress.countryCode, "AT");
     EXPECT_TRUE(record.knownAps.empty());
 
-    auto requests = server_->requests();
-    ASSERT_EQ(requests.size(), 1u);
-    EXPECT_EQ(requests[0].method, "POST");
-    EXPECT_EQ(requests[0].path, "/zel2/location");
-    EXPECT_EQ(requests[0].body, Remote::makeLocationRequest(kAlice, 2, aps));
-    EXPECT_EQ(requests[0].header("Content-Type"), "text/xml");
-    EXPECT_EQ(requests[0].header("User-Agent"), "ZEL API");
-    EXPECT_EQ(requests[0].headerCount("Accept") + requests[0].headerCount("Expect"), 0u);
-
-    using Priority = SPI::LogPriority;
-    EXPECT_EQ(log.count(Priority::kInfo, "about to send request: " + requests[0].body), 1u);
-    EXPECT_EQ(log.count(Priority::kInfo, "status code: 200 status text: OK"), 1u);
-    EXPECT_EQ(log.count(Priority::kInfo, "received response: " + kLocationAnswer), 1u);
-    EXPECT_EQ(log.count(Priority::kDebug, "location request result: 0"), 1u);
-    EXPECT_EQ(log.count(Priority::kDebug, "returning with code 0"), 1u);
-    EXPECT_FALSE(log.contains("about to get ip-location from server"));
+    ASSERT_EQ(calls().size(), 1u);
+    EXPECT_EQ(calls()[0].method, SPI::XmlHttpRequest::kPost);
+    EXPECT_EQ(calls()[0].url, "https://zel.test/zel2/location");
+    EXPECT_EQ(calls()[0].proxy, "");
+    EXPECT_EQ(calls()[0].body, makeLocationRequest(kAlice, 2, aps));
+    EXPECT_EQ(calls()[0].headers, (std::map<std::string, std::string>{{"Content-Type", "text/xml"},
+                                                                      {"User-Agent", "ZEL API"}}));
+    EXPECT_EQ(log.count(SPI::LogPriority::kInfo, "about to send request: " + calls()[0].body), 1u);
+    EXPECT_EQ(log.count(SPI::LogPriority::kInfo, "received response: " + kLocationAnswer), 1u);
 }
 
-TEST_F(RemoteExchange, IpLocationAndRegistration) {
-    server_->respond("/zel2/ip-location",
-                     ScriptedResponse{200,
-                                      {},
-                                      answer("IPLocationRS",
-                                             "<ip-location><ip>203.0.113.9</ip>"
-                                             "<latitude>1</latitude><longitude>2"
-                                             "</longitude></ip-location>")});
-    server_->respond("/zel2/registration", ScriptedResponse{200, {}, answer("RegistrationRS", "")});
-    Testing::LogCapture log(kCategory);
+TEST_F(RemoteExchange, IpLocationAndRegistrationGoToTheirPaths) {
+    remote_.setServerUrl("https://zel.test/zel2/");  // paths are appended as they stand
+    platform_.http().respond({200, answer("IPLocationRS",
+                                          "<ip-location><ip>203.0.113.9</ip><latitude>1</latitude>"
+                                          "<longitude>2</longitude></ip-location>")});
+    platform_.http().respond({200, answer("RegistrationRS", "")});
+    platform_.http().respond({200, answer("RegistrationRS", "<error>taken</error>")});
     Core::IpLocationRecord ip;
-    ASSERT_EQ(remote_.ipLocation(kAlice, 1, ip), 0);
+    ASSERT_EQ(remote_.ipLocation(kAlice, 1, ip), ResultCode::kOk);
     EXPECT_EQ(ip.ip, "203.0.113.9");
     EXPECT_EQ(ip.longitude, 2.0);
-    ZEL_Authentication bob{"bob", "example"};
-    EXPECT_EQ(remote_.registerUser(kAlice, bob), 0);
-
-    auto requests = server_->requests();
-    ASSERT_EQ(requests.size(), 2u);
-    EXPECT_EQ(requests[0].path, "/zel2/ip-location");
-    EXPECT_EQ(requests[0].body, Remote::makeIPLocationRequest(kAlice, 1));
-    EXPECT_EQ(requests[1].path, "/zel2/registration");
-    EXPECT_EQ(requests[1].body, Remote::makeRegistrationRequest(kAlice, bob));
-    EXPECT_EQ(log.count(SPI::LogPriority::kDebug, "about to get ip-location from server"), 1u);
-    EXPECT_EQ(log.count(SPI::LogPriority::kDebug, "about to register a user on server"), 1u);
-    EXPECT_EQ(log.count(SPI::LogPriority::kInfo, "registration request result: 0"), 1u);
-
-    server_->respond("/zel2/registration",
-                     ScriptedResponse{200, {}, answer("RegistrationRS", "<error>taken</error>")});
-    EXPECT_EQ(remote_.registerUser(kAlice, bob), ZEL_ERROR_LOCATION_CANNOT_BE_DETERMINED);
+    Core::Credentials bob{"bob", "example"};
+    EXPECT_EQ(remote_.registerUser(kAlice, bob), ResultCode::kOk);
+    EXPECT_EQ(remote_.registerUser(kAlice, bob), ResultCode::kCannotDetermine);
+    ASSERT_EQ(calls().size(), 3u);
+    EXPECT_EQ(calls()[0].url, "https://zel.test/zel2//ip-location");
+    EXPECT_EQ(calls()[0].body, makeIPLocationRequest(kAlice, 1));
+    EXPECT_EQ(calls()[1].url, "https://zel.test/zel2//registration");
+    EXPECT_EQ(calls()[1].body, makeRegistrationRequest(kAlice, bob));
 }
 
-TEST_F(RemoteExchange, HttpStatusesMapToCodes) {
-    struct Case {
-        int status;
-        int code;
+TEST_F(RemoteExchange, FailuresMapToCodes) {
+    struct Row {
+        HttpReply reply;
+        ResultCode code;
     };
-    for (Case test : {Case{401, 4}, Case{403, 4}, Case{407, 7}, Case{500, 5}, Case{404, 5},
-                      Case{302, 5}, Case{204, 5}}) {
-        server_->respond("/zel2/location", ScriptedResponse{test.status, {}, kLocationAnswer});
+    const Row rows[] = {
+        {{401, kLocationAnswer}, ResultCode::kUnauthorized},
+        {{403, kLocationAnswer}, ResultCode::kUnauthorized},
+        {{407, kLocationAnswer}, ResultCode::kProxyUnauthorized},
+        {{500, kLocationAnswer}, ResultCode::kServerUnavailable},
+        {{302, kLocationAnswer}, ResultCode::kServerUnavailable},
+        {{204, kLocationAnswer}, ResultCode::kServerUnavailable},
+        {{0, "", 10061}, ResultCode::kServerUnavailable},  // the transport failed
+        {{0, "", 10054}, ResultCode::kServerUnavailable},
+        {{200, ""}, ResultCode::kCannotDetermine},
+        {{200, "<html>not ours</html>"}, ResultCode::kCannotDetermine},
+        {{200, "<LocationRS><location nap='1'/></LocationRS>"}, ResultCode::kCannotDetermine},
+        {{200, answer("LocationRS", "<error/>")}, ResultCode::kCannotDetermine},
+        {{200, "<!DOCTYPE a [<!ENTITY x SYSTEM 'file:///etc/passwd'>]><a>&x;</a>"},
+         ResultCode::kCannotDetermine},
+    };
+    for (const Row& row : rows) {
+        platform_.http().replies.assign(3, row.reply);
         Core::LocationRecord record;
         record.nap = 99;
-        Testing::LogCapture log(kCategory);
-        EXPECT_EQ(remote_.location(kAlice, 0, {}, record), test.code) << test.status;
-        EXPECT_EQ(record.nap, 99) << "the record is only reset after a 200";
-        EXPECT_FALSE(log.contains("about to get response text")) << test.status;
-        EXPECT_FALSE(log.contains("received response: " + kLocationAnswer));
+        EXPECT_EQ(remote_.location(kAlice, 2, {}, record), row.code) << row.reply.body;
+        // The record is only reset after a 200.
+        EXPECT_EQ(record.nap, row.reply.status == 200 ? 0 : 99) << row.reply.status;
         Core::IpLocationRecord ip;
-        server_->respond("/zel2/ip-location", ScriptedResponse{test.status, {}, ""});
-        EXPECT_EQ(remote_.ipLocation(kAlice, 0, ip), test.code) << test.status;
-        server_->respond("/zel2/registration", ScriptedResponse{test.status, {}, ""});
-        EXPECT_EQ(remote_.registerUser(kAlice, kAlice), test.code) << test.status;
+        EXPECT_EQ(remote_.ipLocation(kAlice, 0, ip), row.code) << row.reply.status;
+        if (row.reply.status != 200) {  // the registration answer has rules of its own
+            EXPECT_EQ(remote_.registerUser(kAlice, kAlice), row.code) << row.reply.status;
+        }
     }
 }
 
-TEST_F(RemoteExchange, UnusableAnswersGiveSix) {
-    const std::vector<std::string> bodies = {
-        "",  // a 200 without a body
-        "<html>not ours</html>",
-        "<LocationRS><location nap='1'/></LocationRS>",  // no namespace
-        answer("LocationRS", "<error/>"),
-        "<!DOCTYPE a [<!ENTITY x SYSTEM 'file:///etc/passwd'>]><a>&x;</a>",
-    };
-    for (const std::string& body : bodies) {
-        server_->respond("/zel2/location",
-                         ScriptedResponse{200, {{"X-Dup", "1"}, {"X-Dup", "2"}}, body});
-        Core::LocationRecord record;
-        EXPECT_EQ(remote_.location(kAlice, 2, {}, record), ZEL_ERROR_LOCATION_CANNOT_BE_DETERMINED)
-            << body;
-        EXPECT_EQ(record.latitude, 0.0);
-        EXPECT_TRUE(record.streetAddress.empty());
-    }
-}
-
-TEST_F(RemoteExchange, PathsAreAppendedAsTheyStand) {
-    remote_.setServerUrl(server_->url() + "/zel2/");
-    Core::LocationRecord record;
-    EXPECT_EQ(remote_.location(kAlice, 0, {}, record), 5);  // 404
-    ASSERT_EQ(server_->requests().size(), 1u);
-    EXPECT_EQ(server_->requests()[0].path, "/zel2//location");
-}
-
-TEST(RemoteFailures, TransportFailuresGiveFive) {
-    Remote::LocationDeterminationRemote remote;
-    Core::LocationRecord record;
+TEST_F(RemoteExchange, UnopenableUrlAndMissingRequestObjectAreReported) {
     Testing::LogCapture log(kCategory);
-    remote.setServerUrl("http://127.0.0.1:" + std::to_string(Testing::freeLoopbackPort()));
-    EXPECT_EQ(remote.location(kAlice, 0, {}, record), 5);
-    EXPECT_TRUE(log.contains("couldn't send request, error 10061"));
-
-    remote.setServerUrl("no url here");
-    EXPECT_EQ(remote.location(kAlice, 0, {}, record), 5);
+    remote_.setServerUrl("no url here");
+    Core::LocationRecord record;
+    EXPECT_EQ(remote_.location(kAlice, 0, {}, record), ResultCode::kServerUnavailable);
     EXPECT_TRUE(log.contains("couldn't open connection, error 22"));
-    // Through a proxy the open succeeds and the send fails instead.
-    remote.setProxy("127.0.0.1", 1, "", "");
-    EXPECT_EQ(remote.registerUser(kAlice, kAlice), 5);
-    EXPECT_TRUE(log.contains("couldn't send request, error -1"));
 
-    auto cut = Testing::RawHttpServer::replying("HTTP/1.1 200 OK\r\nContent-Length: 50\r\n\r\n<a");
-    ASSERT_NE(cut, nullptr);
-    Remote::LocationDeterminationRemote direct;
-    direct.setServerUrl(cut->url());
-    EXPECT_EQ(direct.location(kAlice, 0, {}, record), 5);
-    EXPECT_TRUE(log.contains("couldn't send request, error 10054"));
-}
-
-TEST(RemoteFailures, NoRequestObjectGivesNinetyNine) {
-    int made = 0;
-    Remote::LocationDeterminationRemote remote([&made]() -> std::unique_ptr<SPI::XmlHttpRequest> {
-        ++made;
-        return nullptr;
-    });
-    Testing::LogCapture log(kCategory);
-    Core::LocationRecord record;
+    Testing::FailingPlatform failing("http", 1, true);
     Core::IpLocationRecord ip;
-    EXPECT_EQ(remote.location(kAlice, 0, {}, record), ZEL_ERROR_NOT_READY);
-    EXPECT_EQ(remote.ipLocation(kAlice, 0, ip), ZEL_ERROR_NOT_READY);
-    EXPECT_EQ(remote.registerUser(kAlice, kAlice), ZEL_ERROR_NOT_READY);
-    EXPECT_EQ(made, 3);
+    EXPECT_EQ(remote_.location(kAlice, 0, {}, record), ResultCode::kRequestNotCreated);
+    EXPECT_EQ(remote_.ipLocation(kAlice, 0, ip), ResultCode::kRequestNotCreated);
+    EXPECT_EQ(remote_.registerUser(kAlice, kAlice), ResultCode::kRequestNotCreated);
     EXPECT_EQ(log.count(SPI::LogPriority::kFatal, "couldn't create new instance of XmlHttpRequest"),
               3u);
 }
 
-TEST(RemoteHttps, SelfSignedServerAnswers) {
-    auto certificate = Testing::TestCertificate::generate();
-    ASSERT_NE(certificate, nullptr) << "the openssl command could not make a certificate";
-    auto server = TestHttpServer::startHttps(*certificate);
-    ASSERT_NE(server, nullptr);
-    server->respond("/zel2/location", ScriptedResponse{200, {}, kLocationAnswer});
-    Remote::LocationDeterminationRemote remote;
-    remote.setServerUrl(server->url() + "/zel2");
-    Core::LocationRecord record;
-    ASSERT_EQ(remote.location(kAlice, 0, {}, record), 0);
-    EXPECT_EQ(record.nap, 4);
-    EXPECT_TRUE(record.streetAddress.empty());  // level 0
+TEST_F(RemoteExchange, ProxyHostPortAndCredentialsReachTheExchange) {
+    struct Row {
+        const char* host;
+        int port;
+        const char* proxy;  // what the exchange is opened with
+    };
+    for (Row row : {Row{"proxy", 3128, "proxy:3128"}, Row{"proxy", 0, "proxy"},
+                    Row{"proxy", -1, "proxy"}, Row{"proxy", -2, "proxy:-2"}}) {
+        remote_.setProxy(row.host, row.port, "user", "secret");
+        platform_.http().respond({200, answer("RegistrationRS", "")});
+        EXPECT_EQ(remote_.registerUser(kAlice, kAlice), ResultCode::kOk);
+        const Testing::HttpCall& call = calls().back();
+        EXPECT_EQ(call.proxy, row.proxy);
+        EXPECT_EQ(call.proxyUser, "user");
+        EXPECT_EQ(call.proxyPassword, "secret");
+        // Kept on purpose: nothing writes the separate port; it travels in the proxy text.
+        EXPECT_EQ(call.proxyPort, 0);
+        EXPECT_EQ(remote_.proxyPort(), 0);
+    }
+    // An empty host turns the proxy off and keeps user and password.
+    remote_.setProxy("", 8080, "other", "other");
+    platform_.http().respond({200, answer("RegistrationRS", "")});
+    EXPECT_EQ(remote_.registerUser(kAlice, kAlice), ResultCode::kOk);
+    EXPECT_EQ(calls().back().proxy, "");
+    EXPECT_EQ(calls().back().proxyUser, "");
+    EXPECT_EQ(remote_.proxyUser(), "user");
+    EXPECT_EQ(remote_.proxyPassword(), "secret");
 }
 
 }  // namespace
-}  // namespace ZEL::API
+}  // namespace ZEL::Remote

@@ -151,19 +151,6 @@ TEST(Nl80211BssTest, SignalFallsBackToUnspecifiedThenUnknown) {
     EXPECT_EQ(entry->ap.rss, -255);
 }
 
-TEST(Nl80211BssTest, SsidFromBeaconWhenNoProbeResponseElements) {
-    MessageBuilder message(NL80211_CMD_NEW_SCAN_RESULTS);
-    message.u32(NL80211_ATTR_IFINDEX, 3)
-        .beginBss()
-        .bytes(NL80211_BSS_BSSID, kBssid)
-        .bytes(NL80211_BSS_BEACON_IES, ssidElement("beacon"))
-        .endBss();
-    auto entry = parseBss(message.header(), kNow);
-    ASSERT_TRUE(entry);
-    EXPECT_EQ(entry->ap.ssidText(), "beacon");
-    EXPECT_FALSE(entry->infrastructure());  // no capability field: not shown to be an AP
-}
-
 TEST(Nl80211BssTest, MalformedEntriesAreRejected) {
     MessageBuilder noBss(NL80211_CMD_NEW_SCAN_RESULTS);
     noBss.u32(NL80211_ATTR_IFINDEX, 3);
@@ -234,22 +221,6 @@ TEST(Nl80211EventTest, ScanEventsAreFilteredByInterface) {
 
     MessageBuilder withoutInterface(NL80211_CMD_NEW_SCAN_RESULTS);
     EXPECT_EQ(scanEventFor(withoutInterface.header(), 0), ScanEvent::None);
-}
-
-TEST(Nl80211InterfaceTest, ReadsNameIndexAndType) {
-    MessageBuilder station(NL80211_CMD_NEW_INTERFACE);
-    station.u32(NL80211_ATTR_IFINDEX, 7)
-        .string(NL80211_ATTR_IFNAME, "wlan2")
-        .u32(NL80211_ATTR_IFTYPE, NL80211_IFTYPE_STATION);
-    auto info = parseInterface(station.header());
-    ASSERT_TRUE(info);
-    EXPECT_EQ(info->name, "wlan2");
-    EXPECT_EQ(info->index, 7u);
-    EXPECT_EQ(info->type, static_cast<uint32_t>(NL80211_IFTYPE_STATION));
-
-    MessageBuilder nameless(NL80211_CMD_NEW_INTERFACE);
-    nameless.u32(NL80211_ATTR_IFINDEX, 7).u32(NL80211_ATTR_IFTYPE, NL80211_IFTYPE_AP);
-    EXPECT_FALSE(parseInterface(nameless.header()));
 }
 
 }  // namespace

@@ -4,19 +4,25 @@
 #include "spi/log.h"
 #include "spi/text.h"
 #include "spi/manual_clock.h"
+#include "spi/time/posix_clock.h"
 
 namespace ZEL::SPI {
 namespace {
 
 TEST(Age, IsComputedFromSecondsAndMillisecondsAndMaySignNegative) {
-    EXPECT_EQ(Core::ageMs({100, 250}, {95, 750}), 4500);
-    EXPECT_EQ(Core::ageMs({100, 0}, {100, 0}), 0);
-    EXPECT_EQ(Core::ageMs({95, 750}, {100, 250}), -4500);
+    struct Row {
+        Core::TimeStamp now, then;
+        int32_t age;
+    };
+    for (Row row : {Row{{100, 250}, {95, 750}, 4500}, Row{{100, 0}, {100, 0}, 0},
+                    Row{{95, 750}, {100, 250}, -4500}}) {
+        EXPECT_EQ(Core::ageMs(row.now, row.then), row.age) << row.now.seconds;
+    }
 }
 
 TEST(SystemClockTime, TwoReadingsWithinASecondAgree) {
-    Core::TimeStamp first = systemClock().now();
-    Core::TimeStamp second = systemClock().now();
+    Core::TimeStamp first = posixClock().now();
+    Core::TimeStamp second = posixClock().now();
     EXPECT_LT(first.milliseconds, 1000u);
     EXPECT_GE(second.totalMilliseconds(), first.totalMilliseconds());
     EXPECT_LE(second.totalMilliseconds() - first.totalMilliseconds(), 1000u);
@@ -28,31 +34,21 @@ TEST(ManualClockTime, MovesOnlyWhenToldAndSleepAdvancesIt) {
     ScopedClock scoped(manual);
     EXPECT_EQ(currentTime(), (Core::TimeStamp{5000, 123}));
     EXPECT_EQ(tickCount(), 0xFFFFFFF0u);
-    clock().sleep(32);  // the tick count wraps
+    platform().clock().sleep(32);  // the tick count wraps
     EXPECT_EQ(tickCount(), 0x10u);
     EXPECT_EQ(currentTime(), (Core::TimeStamp{5000, 155}));
     EXPECT_EQ(manual.sleptMs(), 32u);
 }
 
-TEST(ScopedClockInstall, RestoresThePreviousClock) {
+TEST(ScopedClockInstall, RestoresThePreviousPlatform) {
+    Platform* before = &platform();
     {
         ManualClock manual;
         ScopedClock scoped(manual);
-        EXPECT_EQ(&clock(), &manual);
+        EXPECT_EQ(&platform().clock(), &manual);
     }
-    EXPECT_EQ(&clock(), &systemClock());
-}
-
-TEST(TextConversion, RoundTripsUtf8AndEmptyText) {
-    EXPECT_EQ(toWide(""), L"");
-    EXPECT_EQ(toNarrow(L""), "");
-    EXPECT_EQ(toWide("Stra\xC3\x9F"
-                     "e"),
-              L"Stra\u00DFe");
-    EXPECT_EQ(toNarrow(L"Stra\u00DFe"),
-              "Stra\xC3\x9F"
-              "e");
-    EXPECT_EQ(toWide("bad \xC3"), L"");  // a cut-off sequence converts to nothing
+    EXPECT_EQ(&platform(), before);
+    EXPECT_EQ(&systemPlatform().clock(), &posixClock());
 }
 
 TEST(ModuleDirectory, EndsWithSeparatorAndNamesThisProgramsDirectory) {

@@ -3,11 +3,11 @@
 #include <gtest/gtest.h>
 
 #include "local/location_history.h"
-#include "support/local_entries.h"
 #include "spi/log.h"
+#include "support/local_entries.h"
 #include "support/log_capture.h"
 
-namespace ZEL::API {
+namespace ZEL::Local {
 namespace {
 
 using Testing::entryAt;
@@ -23,24 +23,25 @@ SPI::Logger& log() {
 }
 
 // Runs Local::estimatePosition at kNow and returns the raw record.
-Core::LocationRecord estimate(std::vector<Local::LocalApEntry>& entries, const Local::LocationHistory& history = {},
-                        const std::vector<Local::LocalApEntry>& tracked = {}) {
+Core::LocationRecord estimate(std::vector<Local::LocalApEntry>& entries,
+                              const Local::LocationHistory& history = {},
+                              const std::vector<Local::LocalApEntry>& tracked = {}) {
     Core::LocationRecord raw;
     raw.time = Core::TimeStamp::fromMilliseconds(kNow);
     Local::estimatePosition(entries, raw, history, tracked, log());
     return raw;
 }
 
-Reference referenceAtBase(int32_t ageMs = 0) {
-    return {latitudeAt(0), longitudeAt(0), 0.0, Core::TimeStamp::fromMilliseconds(kNow - Core::ageMs)};
+Local::Reference referenceAtBase(int32_t ageMs = 0) {
+    return {latitudeAt(0), longitudeAt(0), 0.0, Core::TimeStamp::fromMilliseconds(kNow - ageMs)};
 }
 
 TEST(GreatCircleDistance, UsesTheTruncatedDegreeFactorAndTheFixedRadius) {
     // 0.0174532925 x 6372800; the full pi/180 would give 0.000127 m more.
     EXPECT_NEAR(Local::greatCircleDistance(0.0, 0.0, 0.0, 1.0), 111226.3424439902, 1e-6);
     EXPECT_NEAR(Local::greatCircleDistance(0.0, 0.0, 0.0, 180.0), 20020741.662797034, 1e-3);
-    EXPECT_NEAR(Local::greatCircleDistance(0.0, 1.0, 0.0, 0.0), Local::greatCircleDistance(0.0, 0.0, 0.0, 1.0),
-                1e-9);
+    EXPECT_NEAR(Local::greatCircleDistance(0.0, 1.0, 0.0, 0.0),
+                Local::greatCircleDistance(0.0, 0.0, 0.0, 1.0), 1e-9);
 }
 
 TEST(GreatCircleDistance, SamePointIsZeroAlsoWhenRoundingLeavesTheArcCosineDomain) {
@@ -61,7 +62,8 @@ TEST(QualityFactor, IsFlatBelow18AndAbove30AndLogarithmicBetween) {
 }
 
 TEST(GateRadius, WidensFrom75To150To300WhileFewerThanThreeApsAreInside) {
-    std::vector<Local::LocalApEntry> entries{entryAt(1, 0, 10), entryAt(2, 0, 20), entryAt(3, 0, 30)};
+    std::vector<Local::LocalApEntry> entries{entryAt(1, 0, 10), entryAt(2, 0, 20),
+                                             entryAt(3, 0, 30)};
     EXPECT_EQ(Local::gateRadius(entries, referenceAtBase(), 0), 75.0);
     entries[2] = entryAt(3, 0, 100);
     EXPECT_EQ(Local::gateRadius(entries, referenceAtBase(), 0), 150.0);
@@ -73,7 +75,8 @@ TEST(GateRadius, WidensFrom75To150To300WhileFewerThanThreeApsAreInside) {
 }
 
 TEST(GateRadius, GrowsOneMetrePer100MsOfReferenceAgeUpTo20000Ms) {
-    std::vector<Local::LocalApEntry> entries{entryAt(1, 0, 10), entryAt(2, 0, 20), entryAt(3, 0, 30)};
+    std::vector<Local::LocalApEntry> entries{entryAt(1, 0, 10), entryAt(2, 0, 20),
+                                             entryAt(3, 0, 30)};
     EXPECT_DOUBLE_EQ(Local::gateRadius(entries, referenceAtBase(), 5000), 125.0);
     EXPECT_DOUBLE_EQ(Local::gateRadius(entries, referenceAtBase(), 20000), 275.0);
     EXPECT_DOUBLE_EQ(Local::gateRadius(entries, referenceAtBase(), 20001), 75.0);
@@ -81,7 +84,7 @@ TEST(GateRadius, GrowsOneMetrePer100MsOfReferenceAgeUpTo20000Ms) {
 
 TEST(GateRadius, AnApAtExactlyTheRadiusStaysButDoesNotCount) {
     std::vector<Local::LocalApEntry> entries{entryAt(1, 0, 0), entryAt(2, 0, 10), entryAt(3, 0, 60),
-                                      entryAt(4, 0, 61)};
+                                             entryAt(4, 0, 61)};
     const Reference reference = referenceAtBase();
     const double radius = Local::distanceFrom(reference, entries[2]);
     EXPECT_EQ(Local::countWithin(entries, reference, radius), 2u);
@@ -104,7 +107,8 @@ TEST(EstimatePosition, WithoutHistoryTheReferenceIsTheLowerMedianOfEachAxis) {
 }
 
 TEST(EstimatePosition, GateDropsTheFarApOfThreeAndAveragesEqualWeights) {
-    std::vector<Local::LocalApEntry> entries{entryAt(1, 0, 0), entryAt(2, 50, 0), entryAt(3, 1000, 0)};
+    std::vector<Local::LocalApEntry> entries{entryAt(1, 0, 0), entryAt(2, 50, 0),
+                                             entryAt(3, 1000, 0)};
     const Core::LocationRecord raw = estimate(entries);
     EXPECT_EQ(raw.nap, 2);
     EXPECT_NEAR(raw.latitude, latitudeAt(25), 1e-12);
@@ -114,7 +118,7 @@ TEST(EstimatePosition, GateDropsTheFarApOfThreeAndAveragesEqualWeights) {
 TEST(EstimatePosition, AHistoryPositionUnder20000MsIsTheReference) {
     auto entries = [] {
         return std::vector<Local::LocalApEntry>{entryAt(1, 1000, 50), entryAt(2, 1000, -50),
-                                         entryAt(3, 0, 0), entryAt(4, 0, 10)};
+                                                entryAt(3, 0, 0), entryAt(4, 0, 10)};
     };
     Local::LocationHistory history;
     history.add(recordAt(1000, 0, kNow - 19999));
@@ -152,7 +156,7 @@ TEST(EstimatePosition, RssOfMinus20OrStrongerIsWeightedAsMinus90AndLogged) {
 TEST(EstimatePosition, SignalExponentIsClampedToItsRange) {
     // Exponent 0.9 counts as 0.5: weights 10^-2 and 10^-3, B pulls 1/11 of the way.
     std::vector<Local::LocalApEntry> entries{entryAt(1, 0, 0, -40, 50, 0.9),
-                                      entryAt(2, 0, 100, -60, 50, 0.5)};
+                                             entryAt(2, 0, 100, -60, 50, 0.5)};
     Core::LocationRecord raw = estimate(entries);
     EXPECT_NEAR(raw.longitude, longitudeAt(0) + (longitudeAt(100) - longitudeAt(0)) / 11.0, 1e-12);
 
@@ -164,7 +168,8 @@ TEST(EstimatePosition, SignalExponentIsClampedToItsRange) {
 }
 
 TEST(EstimatePosition, LowQualityApsWeighAThousandthOfGoodOnes) {
-    std::vector<Local::LocalApEntry> entries{entryAt(1, 0, 0, -60, 31), entryAt(2, 0, 100, -60, 17)};
+    std::vector<Local::LocalApEntry> entries{entryAt(1, 0, 0, -60, 31),
+                                             entryAt(2, 0, 100, -60, 17)};
     const Core::LocationRecord raw = estimate(entries);
     EXPECT_NEAR(raw.longitude, longitudeAt(0) + (longitudeAt(100) - longitudeAt(0)) * 0.001 / 1.001,
                 1e-12);
@@ -253,4 +258,4 @@ TEST(EstimateHpe, NeverFallsBelowOneMetre) {
 }
 
 }  // namespace
-}  // namespace ZEL::API
+}  // namespace ZEL::Local

@@ -6,6 +6,7 @@
 #include <cstring>
 
 #include "spi/file.h"
+#include "spi/io/posix_file.h"
 #include "support/hand_built_tile.h"
 #include "support/log_capture.h"
 
@@ -18,7 +19,7 @@ class PosixFileTest : public ::testing::Test {
   protected:
     std::string path(const std::string& name) const { return dir_.path() + "/" + name; }
     Testing::TempDir dir_;
-    std::unique_ptr<File> file_ = createFile();
+    std::unique_ptr<File> file_ = newPosixFile();
 };
 
 TEST_F(PosixFileTest, WritesCreatesAppendsTruncatesAndReadsBack) {
@@ -52,16 +53,6 @@ TEST_F(PosixFileTest, FailuresAreLoggedWithPathAndErrno) {
     EXPECT_EQ(file_->open(path("x"), 0), -1);  // neither read nor write access
     EXPECT_EQ(file_->size(), File::kSizeFailure);
     EXPECT_EQ(log.messages().size(), 3u);
-}
-
-TEST_F(PosixFileTest, ClosedFileDoesNothingAndMapsNothingSilently) {
-    Testing::LogCapture log(kCategory);
-    char buffer[4];
-    EXPECT_EQ(file_->read(buffer, sizeof buffer), 0u);
-    EXPECT_EQ(file_->write(buffer, sizeof buffer), 0u);
-    EXPECT_EQ(file_->map(0, 1), nullptr);
-    EXPECT_EQ(file_->close(), 0);
-    EXPECT_TRUE(log.messages().empty());
 }
 
 TEST_F(PosixFileTest, MapsAnyRangeInsideTheFileAndOutlivesTheFile) {

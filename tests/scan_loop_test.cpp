@@ -2,96 +2,78 @@
 
 #include <gtest/gtest.h>
 
-#include "spi/manual_clock.h"
+#include <algorithm>
+
 #include "support/log_capture.h"
-#include "support/scripted_wifi_adapter.h"
-#include "zelapi.h"
+#include "support/test_platform.h"
 
 namespace ZEL::API {
 namespace {
 
-using Testing::AdapterScript;
+using Core::ResultCode;
 using Testing::ap;
 using Testing::LogCapture;
 
 struct Call {
     uint32_t elapsed;
-    int code;
+    ResultCode code;
     size_t recent, fresh, cached;
 };
 
 class ScanLoopTest : public ::testing::Test {
   protected:
-    SPI::ManualClock clock_;
-    SPI::ScopedClock scoped_{clock_};
-    std::shared_ptr<AdapterScript> script_ = std::make_shared<AdapterScript>();
+    Testing::TestPlatform platform_;
+    Testing::AdapterScript& script_ = platform_.wifi();
     std::vector<Call> calls_;
 
     // Runs the loop with a callback that records each call and answers from `answers`
     // (1 once they run out).
-    int run(uint32_t period, uint32_t periods, std::vector<int> answers = {}) {
-        ScanLoop loop(Testing::scriptedEnumerator(script_));
+    ResultCode run(uint32_t period, uint32_t periods, std::vector<int> answers = {}) {
         size_t next = 0;
-        return loop.run(period, periods,
-                        [&](const ScanLoopState& state, int code, const Core::RecentApList& recent,
-                            const Core::ApList& fresh, const Core::ApList& cached) {
-                            calls_.push_back({SPI::tickCount() - state.startTick, code,
-                                              recent.size(), fresh.size(), cached.size()});
-                            return next < answers.size() ? answers[next++] : 1;
-                        });
+        return ScanLoop::run(
+            period, periods,
+            [&](const ScanLoopState& state, ResultCode code, const Core::RecentApList& recent,
+                const Core::ApList& fresh, const Core::ApList& cached) {
+                calls_.push_back({SPI::tickCount() - state.startTick, code, recent.size(),
+                                  fresh.size(), cached.size()});
+                return next < answers.size() ? answers[next++] : 1;
+            });
+    }
+    std::vector<uint32_t> elapsed() const {
+        std::vector<uint32_t> times;
+        for (const Call& call : calls_) {
+            times.push_back(call.elapsed);
+        }
+        return times;
     }
 };
 
 TEST_F(ScanLoopTest, RunsUntilDurationIsStrictlyExceeded) {
-    // Period 500 ms, 10 periods: the loop's own sleeps land cycles at 50, 500, 1000, ...
-    // 5000 is not beyond the duration, so the cycle at 5500 is the last.
-    EXPECT_EQ(run(500, 10), ZEL_OK);
+    // Period 500 ms, 10 periods: cycles at 50, 500, 1000, ... 5000 is not beyond the
+    // duration, so the cycle at 5500 is the last.
+    EXPECT_EQ(run(500, 10), ResultCode::kOk);
     ASSERT_EQ(calls_.size(), 12u);
     EXPECT_EQ(calls_[0].elapsed, 50u);
     EXPECT_EQ(calls_[1].elapsed, 500u);
-    EXPECT_EQ(calls_[10].elapsed, 5000u);
     EXPECT_EQ(calls_[11].elapsed, 5500u);
-    EXPECT_EQ(script_->calls.front(), "open");
-    EXPECT_EQ(script_->calls[script_->calls.size() - 2], "close");
-    EXPECT_EQ(script_->calls.back(), "destroy");
+    EXPECT_EQ(calls_[11].code, ResultCode::kOk);  // empty scans still call back
+    EXPECT_EQ(calls_[11].fresh + calls_[11].cached, 0u);
+    EXPECT_EQ(script_.calls.front(), "open");
+    EXPECT_EQ(script_.calls[script_.calls.size() - 2], "close");
+    EXPECT_EQ(script_.calls.back(), "destroy");
 }
 
 TEST_F(ScanLoopTest, SleepsToTheNextPeriodBoundaryNeverZero) {
-    // A scan that takes exactly one period lands on a boundary: the sleep is a full period.
-    EXPECT_EQ(run(100, 3, {1, 1, 1, 1}), ZEL_OK);
-    std::vector<uint32_t> elapsed;
-    for (const Call& call : calls_) {
-        elapsed.push_back(call.elapsed);
-    }
-    EXPECT_EQ(elapsed, (std::vector<uint32_t>{50, 100, 200, 300, 400}));
-}
-
-TEST_F(ScanLoopTest, CallbackStopsTheLoop) {
-    script_->scans = {{ap("AABBCCDDEEFF", -70)}};
-    LogCapture log("ZEL_periodic_scan");
-    EXPECT_EQ(run(500, 0, {0}), ZEL_OK);
-    ASSERT_EQ(calls_.size(), 1u);
-    EXPECT_EQ(calls_[0].code, ZEL_OK);
-    EXPECT_EQ(calls_[0].fresh, 1u);
-    EXPECT_TRUE(log.contains("stopping"));
-    EXPECT_EQ(script_->calls,
-              (std::vector<std::string>{"open", "start", "get", "close", "destroy"}));
-}
-
-TEST_F(ScanLoopTest, EmptyScansStillCallBack) {
-    EXPECT_EQ(run(500, 1), ZEL_OK);
-    ASSERT_FALSE(calls_.empty());
-    for (const Call& call : calls_) {
-        EXPECT_EQ(call.code, ZEL_OK);
-        EXPECT_EQ(call.fresh + call.cached, 0u);
-    }
+    EXPECT_EQ(run(100, 3), ResultCode::kOk);
+    EXPECT_EQ(elapsed(), (std::vector<uint32_t>{50, 100, 200, 300, 400}));
 }
 
 TEST_F(ScanLoopTest, SplitsRecentlyHeardApsIntoCachedList) {
-    Core::ScannedAP a = ap("000000000001", -60), b = ap("000000000002", -61), c = ap("000000000003", -62);
-    // Duplicates inside one scan are reported once.
-    script_->scans = {{a, b, a}, {a, b, c}, {c}};
-    EXPECT_EQ(run(1000, 0, {1, 1, 0}), ZEL_OK);
+    Core::ScannedAP a = ap("000000000001", -60), b = ap("000000000002", -61),
+                    c = ap("000000000003", -62);
+    script_.scans = {{a, b, a}, {a, b, c}, {c}};  // duplicates in one scan count once
+    LogCapture log("ZEL_periodic_scan");
+    EXPECT_EQ(run(1000, 0, {1, 1, 0}), ResultCode::kOk);
     ASSERT_EQ(calls_.size(), 3u);
     EXPECT_EQ(calls_[0].fresh, 2u);
     EXPECT_EQ(calls_[0].recent, 0u);
@@ -100,91 +82,124 @@ TEST_F(ScanLoopTest, SplitsRecentlyHeardApsIntoCachedList) {
     EXPECT_EQ(calls_[1].recent, 2u);
     EXPECT_EQ(calls_[2].cached, 1u);
     EXPECT_EQ(calls_[2].recent, 3u);
+    EXPECT_TRUE(log.contains("stopping"));
+}
+
+TEST_F(ScanLoopTest, AdapterFailuresResetTheAdapterOrEndTheLoop) {
+    using Calls = std::vector<std::string>;
+    using Codes = std::vector<ResultCode>;
+    constexpr ResultCode kOk = ResultCode::kOk, kWifi = ResultCode::kWifiFailure;
+    struct Row {
+        const char* what;
+        std::deque<bool> failOpen, failStart, failGet;
+        std::vector<int> answers;
+        ResultCode result;
+        Codes codes;  // what the callback saw
+        Calls adapter;
+        const char* logged;
+    };
+    const Row rows[] = {
+        {"open fails",
+         {true},
+         {},
+         {},
+         {},
+         kWifi,
+         {},
+         {"open", "destroy"},
+         "couldn't open Wi-Fi adapter"},
+        {"start fails, callback stops",
+         {},
+         {true},
+         {},
+         {0},
+         kWifi,
+         {kWifi},
+         {"open", "start", "close", "destroy"},
+         "couldn't start scanning"},
+        {"start fails, callback goes on",
+         {},
+         {true},
+         {},
+         {1, 0},
+         kOk,
+         {kWifi, kOk},
+         {"open", "start", "get", "close", "destroy"},
+         "couldn't start scanning"},
+        {"get fails",
+         {},
+         {},
+         {false, true},
+         {1, 1, 0},
+         kOk,
+         {kOk, kWifi, kOk},
+         {"open", "start", "get", "start", "get", "close", "open", "start", "get", "close",
+          "destroy"},
+         "couldn't get scanned AP list"},
+        {"get fails, callback stops",
+         {},
+         {},
+         {true},
+         {0},
+         kWifi,
+         {kWifi},
+         {"open", "start", "get", "close", "destroy"},
+         "couldn't get scanned AP list"},
+        {"re-open fails",
+         {false, true},
+         {},
+         {true},
+         {1, 1},
+         kWifi,
+         {kWifi},
+         {"open", "start", "get", "close", "open", "close", "destroy"},
+         "couldn't re-open Wi-Fi adapter"},
+        {"restart fails",
+         {},
+         {false, true},
+         {},
+         {1, 1, 0},
+         kOk,
+         {kOk, kWifi, kOk},
+         {"open", "start", "get", "start", "close", "open", "get", "close", "destroy"},
+         "couldn't restart scanning"},
+    };
+    for (const Row& row : rows) {
+        SCOPED_TRACE(row.what);
+        script_ = {};
+        script_.failOpen = row.failOpen;
+        script_.failStart = row.failStart;
+        script_.failGet = row.failGet;
+        calls_.clear();
+        LogCapture log("ZEL_periodic_scan");
+        EXPECT_EQ(run(500, 0, row.answers), row.result);
+        Codes codes;
+        for (const Call& call : calls_) {
+            codes.push_back(call.code);
+        }
+        EXPECT_EQ(codes, row.codes);
+        EXPECT_EQ(script_.calls, row.adapter);
+        EXPECT_EQ(log.count(SPI::LogPriority::kError, row.logged), 1u);
+        const bool reopened = std::count(row.adapter.begin(), row.adapter.end(), "open") == 2;
+        EXPECT_EQ(log.contains("resetting Wi-Fi adapter"), reopened);
+    }
 }
 
 TEST_F(ScanLoopTest, NoAdapterIsAWifiError) {
+    platform_.setWifiPresent(false);
     LogCapture log("ZEL_periodic_scan");
-    ScanLoop loop([] { return SPI::AdapterList{}; });
-    EXPECT_EQ(loop.run(500, 10, [](auto&&...) { return 1; }), ZEL_ERROR_WIFI);
+    EXPECT_EQ(run(500, 10), ResultCode::kWifiFailure);
+    EXPECT_TRUE(calls_.empty());
     EXPECT_EQ(log.count(SPI::LogPriority::kError, "couldn't find any Wi-Fi adapters"), 1u);
 }
 
-TEST_F(ScanLoopTest, OpenFailureDestroysAdapterWithoutCallback) {
-    script_->failOpen = {true};
-    LogCapture log("ZEL_periodic_scan");
-    EXPECT_EQ(run(500, 10), ZEL_ERROR_WIFI);
-    EXPECT_TRUE(calls_.empty());
-    EXPECT_EQ(script_->calls, (std::vector<std::string>{"open", "destroy"}));
-    EXPECT_EQ(log.count(SPI::LogPriority::kError, "couldn't open Wi-Fi adapter"), 1u);
-}
-
-TEST_F(ScanLoopTest, StartFailureAskedCallbackStops) {
-    script_->failStart = {true};
-    EXPECT_EQ(run(500, 10, {0}), ZEL_ERROR_WIFI);
-    ASSERT_EQ(calls_.size(), 1u);
-    EXPECT_EQ(calls_[0].code, ZEL_ERROR_WIFI);
-    EXPECT_EQ(script_->calls, (std::vector<std::string>{"open", "start", "close", "destroy"}));
-}
-
-TEST_F(ScanLoopTest, StartFailureAcceptedGoesOnWithoutReset) {
-    script_->failStart = {true};
-    EXPECT_EQ(run(500, 10, {1, 0}), ZEL_OK);
-    ASSERT_EQ(calls_.size(), 2u);
-    EXPECT_EQ(calls_[1].code, ZEL_OK);
-    EXPECT_EQ(script_->calls,
-              (std::vector<std::string>{"open", "start", "get", "close", "destroy"}));
-}
-
-TEST_F(ScanLoopTest, GetFailureResetsAdapterAndSkipsCallback) {
-    script_->failGet = {false, true};
-    LogCapture log("ZEL_periodic_scan");
-    EXPECT_EQ(run(500, 0, {1, 1, 0}), ZEL_OK);
-    ASSERT_EQ(calls_.size(), 3u);
-    EXPECT_EQ(calls_[1].code, ZEL_ERROR_WIFI);
-    EXPECT_EQ(calls_[2].code, ZEL_OK);
-    EXPECT_EQ(script_->calls,
-              (std::vector<std::string>{"open", "start", "get", "start", "get", "close", "open",
-                                        "start", "get", "close", "destroy"}));
-    EXPECT_EQ(log.count(SPI::LogPriority::kError, "couldn't get scanned AP list"), 1u);
-    EXPECT_TRUE(log.contains("resetting Wi-Fi adapter"));
-}
-
-TEST_F(ScanLoopTest, GetFailureStopsWhenCallbackSaysSo) {
-    script_->failGet = {true};
-    EXPECT_EQ(run(500, 0, {0}), ZEL_ERROR_WIFI);
-    EXPECT_EQ(script_->calls,
-              (std::vector<std::string>{"open", "start", "get", "close", "destroy"}));
-}
-
-TEST_F(ScanLoopTest, FailedReopenEndsLoopWithoutAsking) {
-    script_->failGet = {true};
-    script_->failOpen = {false, true};
-    LogCapture log("ZEL_periodic_scan");
-    EXPECT_EQ(run(500, 0, {1, 1, 1}), ZEL_ERROR_WIFI);
-    EXPECT_EQ(calls_.size(), 1u);
-    EXPECT_EQ(log.count(SPI::LogPriority::kError, "couldn't re-open Wi-Fi adapter"), 1u);
-    EXPECT_EQ(script_->calls.back(), "destroy");
-}
-
-TEST_F(ScanLoopTest, RestartFailureResetsAdapter) {
-    script_->failStart = {false, true};
-    LogCapture log("ZEL_periodic_scan");
-    EXPECT_EQ(run(500, 0, {1, 1, 0}), ZEL_OK);
-    ASSERT_EQ(calls_.size(), 3u);
-    EXPECT_EQ(calls_[1].code, ZEL_ERROR_WIFI);
-    EXPECT_EQ(log.count(SPI::LogPriority::kError, "couldn't restart scanning"), 1u);
-    EXPECT_EQ(script_->calls, (std::vector<std::string>{"open", "start", "get", "start", "close",
-                                                        "open", "get", "close", "destroy"}));
-}
-
 TEST_F(ScanLoopTest, ZeroPeriodsRunsUntilAdapterFailureStopsIt) {
-    script_->failGet = std::deque<bool>(40, false);
-    script_->failGet.push_back(true);
+    script_.failGet = std::deque<bool>(40, false);
+    script_.failGet.push_back(true);
     std::vector<int> answers(40, 1);
     answers.push_back(0);  // stop on the failure
-    EXPECT_EQ(run(500, 0, answers), ZEL_ERROR_WIFI);
+    EXPECT_EQ(run(500, 0, answers), ResultCode::kWifiFailure);
     ASSERT_EQ(calls_.size(), 41u);
-    EXPECT_EQ(calls_.back().code, ZEL_ERROR_WIFI);
     EXPECT_GT(calls_.back().elapsed, 500u * 10);  // far beyond any period limit
 }
 

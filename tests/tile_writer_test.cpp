@@ -83,7 +83,8 @@ class TileWriterTest : public ::testing::Test {
     }
 
     Testing::TempDir dir_;
-    std::unique_ptr<Tiles::LocalCompressedFileReader> reader_ = Tiles::LocalCompressedFileReader::create();
+    std::unique_ptr<Tiles::LocalCompressedFileReader> reader_ =
+        Tiles::LocalCompressedFileReader::create();
 };
 
 TEST_F(TileWriterTest, RoundTripsThroughTinyAndNormalBlocksAndTiles) {
@@ -160,16 +161,16 @@ TEST_F(TileWriterTest, EveryTileHasTwoIndexEntriesItsGreatestKeyLastAndTightWidt
         Tiles::BitReader in(result.bytes.data(), static_cast<uint32_t>(result.bytes.size()));
         size_t records = 0;
         for (uint32_t i = 0; i < spans->size(); ++i) {
-            Tile tile;
+            Tiles::Tile tile;
             ASSERT_TRUE(tile.parse((*spans)[i].start, realm, &in, i));
             EXPECT_GE(tile.indexCount(), 2u);
             EXPECT_LE(tile.recordCount(), 40u);
             EXPECT_EQ(tile.qualityBits(), 2u);
             EXPECT_EQ(tile.exponentBits(), 1u);
             uint64_t greatest = 0;
-            EXPECT_EQ(
-                tile.forEachRecord([&](uint64_t key, const Tiles::StoredApData&) { greatest = key; }),
-                tile.recordCount());
+            EXPECT_EQ(tile.forEachRecord(
+                          [&](uint64_t key, const Tiles::StoredApData&) { greatest = key; }),
+                      tile.recordCount());
             EXPECT_EQ(tile.lastKey(), greatest);
             EXPECT_LT(tile.latBits(), 12u);  // a few km at 1.7 m per unit
             records += tile.recordCount();
@@ -195,7 +196,7 @@ TEST_F(TileWriterTest, HashedCityAcrossAGridLineStaysOneCell) {
         Tiles::BitReader in(result.bytes.data(), static_cast<uint32_t>(result.bytes.size()));
         std::set<std::pair<int32_t, int32_t>> bases;
         for (uint32_t i = 0; spans && i < spans->size(); ++i) {
-            Tile tile;
+            Tiles::Tile tile;
             EXPECT_TRUE(tile.parse((*spans)[i].start, "city", &in, i));
             bases.emplace(tile.latBase(), tile.lonBase());
         }
@@ -215,7 +216,8 @@ TEST_F(TileWriterTest, DuplicateMacsAndCollidingKeysAreDroppedWithAWarning) {
     std::unordered_map<uint64_t, uint64_t> seen;
     uint64_t first = 0, second = 0;
     for (uint64_t high = 1; second == 0; ++high) {
-        uint64_t key = Tiles::TileFormat::hashedKey(macOfKey(high << 16 | 0xABCD), latCode, lonCode, "c");
+        uint64_t key =
+            Tiles::TileFormat::hashedKey(macOfKey(high << 16 | 0xABCD), latCode, lonCode, "c");
         auto [it, inserted] = seen.emplace(key, high << 16 | 0xABCD);
         if (!inserted) {
             first = it->second;
@@ -224,9 +226,9 @@ TEST_F(TileWriterTest, DuplicateMacsAndCollidingKeysAreDroppedWithAWarning) {
     }
     double lat = latCode * unit, lon = lonCode * unit;
     std::vector<Tiles::AccessPointPosition> aps = {{macOfKey(first), lat, lon, 30, 0.25},
-                                            {macOfKey(second), lat, lon, 40, 0.25},
-                                            {macOfKey(7), lat, lon, 50, 0.25},
-                                            {macOfKey(7), lat + 1, lon, 60, 0.25}};
+                                                   {macOfKey(second), lat, lon, 40, 0.25},
+                                                   {macOfKey(7), lat, lon, 50, 0.25},
+                                                   {macOfKey(7), lat + 1, lon, 60, 0.25}};
     Testing::LogCapture log("ZEL.API.TileWriter");
     std::string path = dir_.path() + "/dup.zel";
     Tiles::TileWriteResult result = Tiles::TileWriter::writeFile(path, aps, "c");
@@ -235,8 +237,8 @@ TEST_F(TileWriterTest, DuplicateMacsAndCollidingKeysAreDroppedWithAWarning) {
     EXPECT_EQ(result.accessPoints, 2u);
     EXPECT_EQ(result.tileOfInput, (std::vector<int32_t>{0, -1, 0, -1}));
     EXPECT_TRUE(log.contains("dropped 000000000007: given more than once"));
-    EXPECT_TRUE(log.contains("dropped " + Core::macText(macOfKey(second)) + ": its key collides with " +
-                             Core::macText(macOfKey(first))));
+    EXPECT_TRUE(log.contains("dropped " + Core::macText(macOfKey(second)) +
+                             ": its key collides with " + Core::macText(macOfKey(first))));
     ASSERT_TRUE(reader_->open(path, "c"));
     EXPECT_EQ(reader_->lookup(macOfKey(7)).data.quality, 50u);
     EXPECT_EQ(reader_->lookup(macOfKey(first)).data.quality, 30u);
@@ -250,7 +252,7 @@ TEST_F(TileWriterTest, RefusesWhatCannotMakeAValidFile) {
     one.push_back(one[0]);  // the same MAC twice is still one access point
     EXPECT_FALSE(Tiles::TileWriter::build(one, "").ok);
     std::vector<Tiles::AccessPointPosition> two = {{macOfKey(1), 10, 10, 50, 0.25},
-                                            {macOfKey(2), 10, 10, 50, 0.25}};
+                                                   {macOfKey(2), 10, 10, 50, 0.25}};
     EXPECT_TRUE(Tiles::TileWriter::build(two, "").ok);
     EXPECT_TRUE(Tiles::TileWriter::build(two, "far apart", {.cellDegrees = 0.001}).ok);
     two[1].latitude = 90.5;
@@ -260,8 +262,9 @@ TEST_F(TileWriterTest, RefusesWhatCannotMakeAValidFile) {
     two[1].latitude = 10;
     for (Tiles::TileWriterOptions options :
          {Tiles::TileWriterOptions{.precision = 0}, Tiles::TileWriterOptions{.precision = 8},
-          Tiles::TileWriterOptions{.blockRecords = 0}, Tiles::TileWriterOptions{.blockRecords = 497},
-          Tiles::TileWriterOptions{.tileRecords = 3}, Tiles::TileWriterOptions{.cellDegrees = 0}}) {
+          Tiles::TileWriterOptions{.blockRecords = 0},
+          Tiles::TileWriterOptions{.blockRecords = 497}, Tiles::TileWriterOptions{.tileRecords = 3},
+          Tiles::TileWriterOptions{.cellDegrees = 0}}) {
         EXPECT_FALSE(Tiles::TileWriter::build(two, "", options).ok);
     }
     EXPECT_FALSE(Tiles::TileWriter::writeFile(dir_.path() + "/no/such/dir.zel", two, "").ok);

@@ -8,6 +8,7 @@
 
 #include "remote/request_messages.h"
 #include "remote/response_parser.h"
+#include "spi/xml/libxml2_parser.h"
 #include "spi/xml_parser.h"
 #include "support/location_server_fixture.h"
 
@@ -34,7 +35,7 @@ std::string accessPoint(const std::string& mac, const std::string& rss) {
 // The code attribute of the answer's error element, or "" when it has none. Fails
 // the test when the answer is not a document in the request namespace.
 std::string errorCode(const std::string& body) {
-    auto parser = SPI::makeXmlParser();
+    auto parser = SPI::newLibXml2Parser();
     auto document = parser->parse(body.data(), body.size());
     EXPECT_NE(document, nullptr) << body;
     if (!document) {
@@ -151,17 +152,6 @@ TEST_F(HostileRequests, EntitiesAreNeverExpanded) {
     expectStillServing();
 }
 
-TEST_F(HostileRequests, WrongPathsAndMethodsGetErrorDocuments) {
-    auto [status, answer] = post("nothing", locationRequest(""));
-    EXPECT_EQ(status, 404);
-    EXPECT_EQ(errorCode(answer), "http-404");
-    auto get = client_->Get("/zel2/location");
-    ASSERT_TRUE(get);
-    EXPECT_EQ(get->status, 404);
-    // A location request posted to the registration path is the wrong document.
-    EXPECT_EQ(post("registration", locationRequest("")).first, 400);
-}
-
 TEST(ForwardedFor, TrustedOnlyWhenConfigured) {
     const std::string request = "<?xml version='1.0'?><IPLocationRQ xmlns='" + kNamespace +
                                 "' street-address-lookup='limited'>" + kAuthentication +
@@ -176,27 +166,11 @@ TEST(ForwardedFor, TrustedOnlyWhenConfigured) {
         auto result = client.Post("/zel2/ip-location", forwarded, request, "text/xml");
         ASSERT_TRUE(result);
         Core::IpLocationRecord record;
-        ASSERT_EQ(Remote::parseIPLocationResponse(result->body, 1, record), 0) << result->body;
+        ASSERT_EQ(Remote::parseIPLocationResponse(result->body, 1, record), Core::ResultCode::kOk)
+            << result->body;
         EXPECT_EQ(record.ip, trusted ? "10.1.2.3" : "127.0.0.1");
         EXPECT_EQ(record.latitude, trusted ? Testing::kTenNetLatitude : Testing::kLoopbackLatitude);
         EXPECT_EQ(record.streetAddress.city, trusted ? "Ten Town" : "Loopback City");
-    }
-}
-
-TEST(ForwardedFor, AnAddressWithoutARangeIsAnErrorAnswer) {
-    Testing::LocationServerConfig config;
-    config.trustProxy = true;
-    auto server = TestLocationServer::start(config);
-    ASSERT_NE(server, nullptr);
-    httplib::Client client("127.0.0.1", server->port());
-    const std::string request = "<?xml version='1.0'?><IPLocationRQ xmlns='" + kNamespace + "'>" +
-                                kAuthentication + "</IPLocationRQ>";
-    for (const char* address : {"192.0.2.1", "2001:db8::1", "not an address"}) {
-        auto result =
-            client.Post("/zel2/ip-location", {{"X-Forwarded-For", address}}, request, "text/xml");
-        ASSERT_TRUE(result);
-        EXPECT_EQ(result->status, 200);
-        EXPECT_EQ(errorCode(result->body), "unknown-location") << address;
     }
 }
 

@@ -19,7 +19,7 @@ using Testing::kServerRealm;
 using Testing::TestLocationServer;
 using Testing::testMac;
 
-const ZEL_Authentication kAlice{kRegisteredUser, kServerRealm};
+const Core::Credentials kAlice{kRegisteredUser, kServerRealm};
 
 Core::ScannedAP heard(int number, int16_t rss) {
     Core::ScannedAP ap;
@@ -67,8 +67,9 @@ class ServerExchange : public ::testing::TestWithParam<bool> {
         }
     }
 
-    Core::LocationRecord locate(const Core::ApList& aps, int level, int expected = ZEL_OK,
-                               const ZEL_Authentication& user = kAlice) {
+    Core::LocationRecord locate(const Core::ApList& aps, int level,
+                                Core::ResultCode expected = Core::ResultCode::kOk,
+                                const Core::Credentials& user = kAlice) {
         Core::LocationRecord record;
         EXPECT_EQ(remote_.location(user, level, aps, record), expected);
         return record;
@@ -87,7 +88,7 @@ class ServerExchange : public ::testing::TestWithParam<bool> {
 };
 
 TEST_P(ServerExchange, LocationMatchesTheOnDeviceEstimate) {
-    const Core::LocationRecord answer = locate(clusterScan(), ZEL_NO_STREET_ADDRESS_LOOKUP);
+    const Core::LocationRecord answer = locate(clusterScan(), Core::kNoStreetAddress);
     EXPECT_EQ(answer.nap, 8);  // the unknown AP is not counted
     EXPECT_EQ(answer.speed, -1.0);
     EXPECT_TRUE(answer.streetAddress.empty());
@@ -96,11 +97,10 @@ TEST_P(ServerExchange, LocationMatchesTheOnDeviceEstimate) {
     // must give exactly the same figures.
     Local::resetLocationHistoriesForTesting();
     Local::LocationDeterminationPrivate device;
-    const char* paths[] = {TestLocationServer::tilePath().c_str(), nullptr};
-    device.setLocalFilesPath(paths);
-    device.prepare(kAlice);
+    device.setLocalFilesPath({TestLocationServer::tilePath()});
+    device.prepare(kAlice.realm);
     Core::LocationRecord expected;
-    ASSERT_EQ(device.determine(nullptr, clusterScan(), expected), ZEL_OK);
+    ASSERT_EQ(device.determine(nullptr, clusterScan(), expected), Core::ResultCode::kOk);
     Local::resetLocationHistoriesForTesting();
     EXPECT_EQ(answer.latitude, expected.latitude);
     EXPECT_EQ(answer.longitude, expected.longitude);
@@ -109,22 +109,22 @@ TEST_P(ServerExchange, LocationMatchesTheOnDeviceEstimate) {
     EXPECT_NEAR(answer.latitude, Testing::kBaseLatitude, 0.001);
 
     // Stateless: asking again gives the same answer, not a smoothed one.
-    const Core::LocationRecord again = locate(clusterScan(), ZEL_NO_STREET_ADDRESS_LOOKUP);
+    const Core::LocationRecord again = locate(clusterScan(), Core::kNoStreetAddress);
     EXPECT_EQ(again.latitude, answer.latitude);
     EXPECT_EQ(again.longitude, answer.longitude);
 }
 
 TEST_P(ServerExchange, UnknownAccessPointsCannotBeLocated) {
-    locate({heard(98, -50), heard(99, -60)}, ZEL_NO_STREET_ADDRESS_LOOKUP,
-           ZEL_ERROR_LOCATION_CANNOT_BE_DETERMINED);
-    locate({}, ZEL_NO_STREET_ADDRESS_LOOKUP, ZEL_ERROR_LOCATION_CANNOT_BE_DETERMINED);
+    locate({heard(98, -50), heard(99, -60)}, Core::kNoStreetAddress,
+           Core::ResultCode::kCannotDetermine);
+    locate({}, Core::kNoStreetAddress, Core::ResultCode::kCannotDetermine);
 }
 
 TEST_P(ServerExchange, StreetAddressAtEachLevel) {
-    EXPECT_TRUE(locate(clusterScan(), ZEL_NO_STREET_ADDRESS_LOOKUP).streetAddress.empty());
+    EXPECT_TRUE(locate(clusterScan(), Core::kNoStreetAddress).streetAddress.empty());
 
     const Core::StreetAddress limited =
-        locate(clusterScan(), ZEL_LIMITED_STREET_ADDRESS_LOOKUP).streetAddress;
+        locate(clusterScan(), Core::kLimitedStreetAddress).streetAddress;
     EXPECT_EQ(limited.city, "Bern");
     EXPECT_EQ(limited.county, "Bern-Mittelland");
     EXPECT_EQ(limited.region, "Espace Mittelland");
@@ -136,8 +136,7 @@ TEST_P(ServerExchange, StreetAddressAtEachLevel) {
     EXPECT_EQ(limited.postalCode, "");
     EXPECT_TRUE(limited.addressLines.empty());
 
-    const Core::StreetAddress full =
-        locate(clusterScan(), ZEL_FULL_STREET_ADDRESS_LOOKUP).streetAddress;
+    const Core::StreetAddress full = locate(clusterScan(), Core::kFullStreetAddress).streetAddress;
     EXPECT_EQ(full.streetNumber, "12a");
     EXPECT_EQ(full.postalCode, "3011");
     // Markup characters in the data reach the client intact.
@@ -145,14 +144,14 @@ TEST_P(ServerExchange, StreetAddressAtEachLevel) {
     EXPECT_EQ(full.city, "Bern");
 
     // Nothing lies within the radius of the far cluster.
-    const Core::LocationRecord far = locate(farClusterScan(), ZEL_FULL_STREET_ADDRESS_LOOKUP);
+    const Core::LocationRecord far = locate(farClusterScan(), Core::kFullStreetAddress);
     EXPECT_GT(far.latitude, Testing::kBaseLatitude + 0.02);
     EXPECT_TRUE(far.streetAddress.empty());
 }
 
 TEST_P(ServerExchange, IpLocationFromTheClientAddress) {
     Core::IpLocationRecord record;
-    ASSERT_EQ(remote_.ipLocation(kAlice, ZEL_FULL_STREET_ADDRESS_LOOKUP, record), ZEL_OK);
+    ASSERT_EQ(remote_.ipLocation(kAlice, Core::kFullStreetAddress, record), Core::ResultCode::kOk);
     EXPECT_EQ(record.ip, "127.0.0.1");
     EXPECT_EQ(record.latitude, Testing::kLoopbackLatitude);
     EXPECT_EQ(record.longitude, Testing::kLoopbackLongitude);
@@ -160,73 +159,31 @@ TEST_P(ServerExchange, IpLocationFromTheClientAddress) {
     EXPECT_EQ(record.streetAddress.streetNumber, "7");
 
     Core::IpLocationRecord limited;
-    ASSERT_EQ(remote_.ipLocation(kAlice, ZEL_LIMITED_STREET_ADDRESS_LOOKUP, limited), ZEL_OK);
+    ASSERT_EQ(remote_.ipLocation(kAlice, Core::kLimitedStreetAddress, limited),
+              Core::ResultCode::kOk);
     EXPECT_EQ(limited.streetAddress.countryCode, "NW");
     EXPECT_EQ(limited.streetAddress.streetNumber, "");
 }
 
 TEST_P(ServerExchange, RegistrationAndAuthentication) {
-    const ZEL_Authentication bob{"bob", kServerRealm};
-    const ZEL_Authentication carol{"carol", kServerRealm};
-    locate(clusterScan(), 0, ZEL_ERROR_UNAUTHORIZED, bob);
-    EXPECT_EQ(remote_.registerUser(kAlice, bob), ZEL_OK);
-    locate(clusterScan(), 0, ZEL_OK, bob);
+    const Core::Credentials bob{"bob", kServerRealm};
+    const Core::Credentials carol{"carol", kServerRealm};
+    locate(clusterScan(), 0, Core::ResultCode::kUnauthorized, bob);
+    EXPECT_EQ(remote_.registerUser(kAlice, bob), Core::ResultCode::kOk);
+    locate(clusterScan(), 0, Core::ResultCode::kOk, bob);
     // An existing user is an error answer; so is a user of another realm.
-    EXPECT_EQ(remote_.registerUser(kAlice, bob), ZEL_ERROR_LOCATION_CANNOT_BE_DETERMINED);
-    EXPECT_EQ(remote_.registerUser(kAlice, {"dave", "other"}),
-              ZEL_ERROR_LOCATION_CANNOT_BE_DETERMINED);
+    EXPECT_EQ(remote_.registerUser(kAlice, bob), Core::ResultCode::kCannotDetermine);
+    EXPECT_EQ(remote_.registerUser(kAlice, {"dave", "other"}), Core::ResultCode::kCannotDetermine);
     // Only registered users may register others, and realms must match.
-    EXPECT_EQ(remote_.registerUser(carol, {"erin", kServerRealm}), ZEL_ERROR_UNAUTHORIZED);
-    locate(clusterScan(), 0, ZEL_ERROR_UNAUTHORIZED, {kRegisteredUser, "other"});
+    EXPECT_EQ(remote_.registerUser(carol, {"erin", kServerRealm}), Core::ResultCode::kUnauthorized);
+    locate(clusterScan(), 0, Core::ResultCode::kUnauthorized, {kRegisteredUser, "other"});
     Core::IpLocationRecord record;
-    EXPECT_EQ(remote_.ipLocation(carol, 0, record), ZEL_ERROR_UNAUTHORIZED);
+    EXPECT_EQ(remote_.ipLocation(carol, 0, record), Core::ResultCode::kUnauthorized);
     EXPECT_EQ(server_->service().users().count(kServerRealm), 2u);
-}
-
-TEST_P(ServerExchange, EachExchangeIsLogged) {
-    locate(clusterScan(), 0);
-    locate(clusterScan(), 0, ZEL_ERROR_UNAUTHORIZED, {"mallory", kServerRealm});
-    server_->stop();
-    const std::vector<std::string> lines = accessLog();
-    ASSERT_EQ(lines.size(), 2u);
-    // A worker logs after its answer went out, so the two lines may come in either order.
-    auto count = [&](const std::string& text) {
-        return std::count_if(lines.begin(), lines.end(),
-                             [&](const std::string& line) { return line.find(text) != std::string::npos; });
-    };
-    for (const std::string& line : lines) {
-        EXPECT_EQ(line.rfind("127.0.0.1 - - [", 0), 0u) << line;
-        EXPECT_NE(line.find("\"ZEL API\""), std::string::npos) << line;
-    }
-    EXPECT_EQ(count("\"POST /zel2/location HTTP/1.1\" 200 "), 1);
-    EXPECT_EQ(count("\"POST /zel2/location HTTP/1.1\" 401 "), 1);
 }
 
 INSTANTIATE_TEST_SUITE_P(HttpAndHttps, ServerExchange, ::testing::Values(false, true),
                          [](const auto& info) { return info.param ? "Https" : "Http"; });
-
-TEST(OpenServer, AcceptsAnyone) {
-    Testing::LocationServerConfig config;
-    config.open = true;
-    auto server = TestLocationServer::start(config);
-    ASSERT_NE(server, nullptr);
-    Remote::LocationDeterminationRemote remote;
-    remote.setServerUrl(server->serviceUrl());
-    Core::LocationRecord record;
-    EXPECT_EQ(remote.location({"anyone", "anywhere"}, 0, clusterScan(), record), ZEL_OK);
-    EXPECT_EQ(record.nap, 8);
-    EXPECT_EQ(remote.registerUser({"anyone", "x"}, {"zoe", kServerRealm}), ZEL_OK);
-}
-
-TEST(StoppedServer, ClientSeesACommunicationFailure) {
-    auto server = TestLocationServer::start();
-    ASSERT_NE(server, nullptr);
-    Remote::LocationDeterminationRemote remote;
-    remote.setServerUrl(server->serviceUrl());
-    server->stop();
-    Core::LocationRecord record;
-    EXPECT_EQ(remote.location(kAlice, 0, clusterScan(), record), ZEL_ERROR_SERVER_UNAVAILABLE);
-}
 
 }  // namespace
 }  // namespace ZEL::Server

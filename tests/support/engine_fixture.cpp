@@ -1,6 +1,6 @@
 #include "support/engine_fixture.h"
 
-#include <cstdio>
+#include <algorithm>
 
 #include "local/location_history.h"
 #include "remote/request_messages.h"
@@ -9,11 +9,8 @@
 namespace ZEL::Testing {
 
 void EngineTest::SetUp() {
-    scopedClock_ = std::make_unique<SPI::ScopedClock>(clock_);
     Local::resetLocationHistoriesForTesting();
     API::locationCache().clear();
-    SPI::setAdapterEnumerator(scriptedEnumerator(script_));
-
     std::vector<Tiles::AccessPointPosition> positions;
     for (size_t i = 0; i < std::size(kKnown); ++i) {
         Tiles::AccessPointPosition position;
@@ -21,28 +18,19 @@ void EngineTest::SetUp() {
         position.latitude = 48.137 + 0.0002 * static_cast<double>(i);
         position.longitude = 11.575 + 0.0003 * static_cast<double>(i % 2);
         position.quality = 40;
-        position.signalExponent = 0.25;
         positions.push_back(position);
     }
-    const auto* test = ::testing::UnitTest::GetInstance()->current_test_info();
-    tilePath_ =
-        ::testing::TempDir() + "engine_" + test->test_suite_name() + "_" + test->name() + ".zel";
-    auto written = Tiles::TileWriter::writeFile(tilePath_, positions, kRealm);
-    ASSERT_TRUE(written.ok) << written.error;
-    const char* paths[] = {tilePath_.c_str(), nullptr};
-    API::localDetermination().setLocalFilesPath(paths);
-
-    server_ = TestHttpServer::start();
-    ASSERT_NE(server_, nullptr);
-    API::remoteDetermination().setServerUrl(server_->url() + "/zel2");
+    auto built = Tiles::TileWriter::build(positions, kRealm);
+    ASSERT_TRUE(built.ok) << built.error;
+    platform_.addFile("/db/city.zel", std::move(built.bytes));
+    API::localDetermination().setLocalFilesPath({"/db/city.zel"});
+    API::remoteDetermination().setServerUrl(kServer);
     API::remoteDetermination().setProxy("", 0, "", "");
 }
 
 void EngineTest::TearDown() {
-    SPI::setAdapterEnumerator({});
-    API::localDetermination().setLocalFilesPath(nullptr);
-    API::remoteDetermination().setServerUrl("");
-    std::remove(tilePath_.c_str());
+    API::localDetermination().setLocalFilesPath({});
+    API::localDetermination().release();
 }
 
 Core::ApList EngineTest::knownScan(size_t count, int16_t rss) {
@@ -54,9 +42,12 @@ Core::ApList EngineTest::knownScan(size_t count, int16_t rss) {
 }
 
 void EngineTest::repeatScan(const Core::ApList& scan, size_t count) {
-    for (size_t i = 0; i < count; ++i) {
-        script_->scans.push_back(scan);
-    }
+    platform_.wifi().scans.insert(platform_.wifi().scans.end(), count, scan);
+}
+
+size_t EngineTest::scansRead() {
+    const auto& calls = platform_.wifi().calls;
+    return static_cast<size_t>(std::count(calls.begin(), calls.end(), "get"));
 }
 
 std::string EngineTest::locationAnswer(int nap, const std::string& city) {

@@ -13,9 +13,9 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include "core/scanned_ap.h"
 #include "local/location_determination_private.h"
 #include "local/location_history.h"
-#include "core/scanned_ap.h"
 #include "tiles/tile_writer.h"
 
 namespace ZEL::API {
@@ -46,13 +46,15 @@ std::vector<VmAp> configuredAps() {
 // them). Returns its standard output.
 std::string runZelLocate(const std::string& database) {
     int pipeFds[2];
-    if (pipe(pipeFds) != 0) return "";
+    if (pipe(pipeFds) != 0)
+        return "";
     pid_t child = fork();
     if (child == 0) {
         dup2(pipeFds[1], 1);
         ::close(pipeFds[0]);
         if (setgid(65534) == 0 && setuid(65534) == 0) {
-            execl("/bin/zel", "zel", "locate", "--db", database.c_str(), "--json", static_cast<char*>(nullptr));
+            execl("/bin/zel", "zel", "locate", "--db", database.c_str(), "--json",
+                  static_cast<char*>(nullptr));
         }
         _exit(127);
     }
@@ -103,14 +105,13 @@ TEST(VmLocate, ZelLocateGivesTheEstimatorsPositionForTheHeardScan) {
     // What the estimator makes of that scan, on a first call with no history.
     Local::resetLocationHistoriesForTesting();
     Local::LocationDeterminationPrivate local;
-    const char* paths[] = {database.c_str(), nullptr};
-    local.setLocalFilesPath(paths);
-    local.prepare(ZEL_Authentication{"", ""});
+    local.setLocalFilesPath({database});
+    local.prepare("");
     Core::LocationRecord expected;
-    ASSERT_EQ(local.determine(nullptr, scan, expected), 0);
+    ASSERT_EQ(local.determine(nullptr, scan, expected), Core::ResultCode::kOk);
     local.release();
-    std::printf("estimator: %.9f %.9f +/-%.1f m from %u APs\n", expected.latitude, expected.longitude,
-                expected.hpe, expected.nap);
+    std::printf("estimator: %.9f %.9f +/-%.1f m from %u APs\n", expected.latitude,
+                expected.longitude, expected.hpe, expected.nap);
 
     nlohmann::json fix = nlohmann::json::parse(runZelLocate(database), nullptr, false);
     ASSERT_FALSE(fix.is_discarded());
