@@ -57,7 +57,8 @@ class ReaderTest : public ::testing::Test {
 
     Testing::TestPlatform platform_;  // mappings end at an unreadable page
     std::string path_ = "tiles.zel";
-    std::unique_ptr<Tiles::LocalCompressedFileReader> reader_ = Tiles::LocalCompressedFileReader::create();
+    std::unique_ptr<Tiles::LocalCompressedFileReader> reader_ =
+        Tiles::LocalCompressedFileReader::create();
 };
 
 TEST_F(ReaderTest, SmallestFileOpensAndHoldsNothing) {

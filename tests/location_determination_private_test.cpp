@@ -260,7 +260,7 @@ class BearingTest : public DeterminationTest {
         // The raw position is Q as stored (rounded by the writer), so aim from there.
         auto reader = Tiles::LocalCompressedFileReader::create();
         EXPECT_TRUE(reader->open("/db/city.zel", ""));
-        const Tiles::StoredApData q = reader->lookup(testMac(6)).data;
+        const Tiles::StoredApData q = reader->lookup(testMac(6)).value();
         for (int i = 4; i >= 1; --i) {
             Core::LocationRecord result = positionedAt(qNorth, qEast, now - i * 1000, 10.0);
             Testing::destination(q.latitude, q.longitude, 170.0, 100.0 * i, result.latitude,

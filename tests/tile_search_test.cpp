@@ -92,7 +92,9 @@ TEST(TileSearch, AnswersInTheMostRecentlyFoundOrder) {
                     order.insert(order.begin(), *expected);
                 }
             }
-            auto holds = [&](uint32_t tile, uint64_t key) { return model[tile].keys.count(key) > 0; };
+            auto holds = [&](uint32_t tile, uint64_t key) {
+                return model[tile].keys.count(key) > 0;
+            };
             ASSERT_EQ(find(search, mac, holds), expected) << realm << " step " << step;
         }
     }
@@ -130,7 +132,8 @@ TEST(TileSearch, TilesAtEveryBoundaryOfTheKeySpaceAreCandidates) {
     auto any = [](uint32_t, uint64_t) { return true; };
     for (uint64_t start : starts) {
         for (uint64_t key = start - 2; key != start + 4; ++key) {
-            EXPECT_EQ(find(search, macOfKey(key), any).has_value(), inRange(key)) << std::hex << key;
+            EXPECT_EQ(find(search, macOfKey(key), any).has_value(), inRange(key))
+                << std::hex << key;
         }
     }
     EXPECT_FALSE(find(search, macOfKey(0), any));

@@ -64,21 +64,21 @@ class TileWriterTest : public ::testing::Test {
         ASSERT_TRUE(reader_->open(path, realm));
         double halfUnit = Tiles::TileFormat::unitDegrees(options.precision) / 2 * (1 + 1e-9);
         for (const auto& [key, ap] : model) {
-            Tiles::ApRecord record = reader_->lookup(ap.mac);
-            ASSERT_EQ(record.mac, ap.mac) << Core::macText(ap.mac);
-            EXPECT_LE(std::fabs(record.data.latitude - ap.latitude), halfUnit);
-            EXPECT_LE(std::fabs(record.data.longitude - ap.longitude), halfUnit);
-            EXPECT_EQ(record.data.quality, std::clamp<uint32_t>(ap.quality, 18, 145));
+            std::optional<Tiles::StoredApData> record = reader_->lookup(ap.mac);
+            ASSERT_TRUE(record) << Core::macText(ap.mac);
+            EXPECT_LE(std::fabs(record->latitude - ap.latitude), halfUnit);
+            EXPECT_LE(std::fabs(record->longitude - ap.longitude), halfUnit);
+            EXPECT_EQ(record->quality, std::clamp<uint32_t>(ap.quality, 18, 145));
             double exponent = std::clamp(ap.signalExponent, 1.0 / 6, 0.5);
-            EXPECT_LE(std::fabs(record.data.signalExponent - exponent), options.exponentTolerance);
+            EXPECT_LE(std::fabs(record->signalExponent - exponent), options.exponentTolerance);
             for (uint64_t neighbour : {key - 1, key + 1}) {
                 if (neighbour <= 0xFFFFFFFFFFFF && !model.count(neighbour)) {
-                    EXPECT_EQ(reader_->lookup(macOfKey(neighbour)).mac, Core::MacAddress{});
+                    EXPECT_FALSE(reader_->lookup(macOfKey(neighbour)));
                 }
             }
         }
         for (uint64_t outside : {model.begin()->first - 1, model.rbegin()->first + 1}) {
-            EXPECT_EQ(reader_->lookup(macOfKey(outside)).mac, Core::MacAddress{});
+            EXPECT_FALSE(reader_->lookup(macOfKey(outside)));
         }
     }
 
@@ -133,12 +133,12 @@ TEST_F(TileWriterTest, PositionsRoundToTheNearestCodeAroundZeroBases) {
         std::string path = dir_.path() + "/zero.zel";
         ASSERT_TRUE(Tiles::TileWriter::writeFile(path, aps, realm).ok);
         ASSERT_TRUE(reader_->open(path, realm));
-        EXPECT_EQ(reader_->lookup(macOfKey(1)).data.latitude, 0.0);
-        EXPECT_EQ(reader_->lookup(macOfKey(1)).data.longitude, 0.0);
-        EXPECT_EQ(reader_->lookup(macOfKey(2)).data.latitude, unit);
-        EXPECT_EQ(reader_->lookup(macOfKey(2)).data.longitude, 0.0);
-        EXPECT_EQ(reader_->lookup(macOfKey(3)).data.latitude, -unit);
-        EXPECT_EQ(reader_->lookup(macOfKey(3)).data.longitude, 0.0);
+        EXPECT_EQ(reader_->lookup(macOfKey(1)).value().latitude, 0.0);
+        EXPECT_EQ(reader_->lookup(macOfKey(1)).value().longitude, 0.0);
+        EXPECT_EQ(reader_->lookup(macOfKey(2)).value().latitude, unit);
+        EXPECT_EQ(reader_->lookup(macOfKey(2)).value().longitude, 0.0);
+        EXPECT_EQ(reader_->lookup(macOfKey(3)).value().latitude, -unit);
+        EXPECT_EQ(reader_->lookup(macOfKey(3)).value().longitude, 0.0);
     }
 }
 
@@ -240,10 +240,10 @@ TEST_F(TileWriterTest, DuplicateMacsAndCollidingKeysAreDroppedWithAWarning) {
     EXPECT_TRUE(log.contains("dropped " + Core::macText(macOfKey(second)) +
                              ": its key collides with " + Core::macText(macOfKey(first))));
     ASSERT_TRUE(reader_->open(path, "c"));
-    EXPECT_EQ(reader_->lookup(macOfKey(7)).data.quality, 50u);
-    EXPECT_EQ(reader_->lookup(macOfKey(first)).data.quality, 30u);
+    EXPECT_EQ(reader_->lookup(macOfKey(7)).value().quality, 50u);
+    EXPECT_EQ(reader_->lookup(macOfKey(first)).value().quality, 30u);
     // The colliding MAC shares the stored key: it reads the survivor's record.
-    EXPECT_EQ(reader_->lookup(macOfKey(second)).data.quality, 30u);
+    EXPECT_EQ(reader_->lookup(macOfKey(second)).value().quality, 30u);
 }
 
 TEST_F(TileWriterTest, RefusesWhatCannotMakeAValidFile) {
