@@ -248,7 +248,8 @@ TEST_F(TileWriterTest, DuplicateMacsAndCollidingKeysAreDroppedWithAWarning) {
 
 TEST_F(TileWriterTest, RefusesWhatCannotMakeAValidFile) {
     std::vector<Tiles::AccessPointPosition> one = {{macOfKey(1), 10, 10, 50, 0.25}};
-    EXPECT_FALSE(Tiles::TileWriter::build(one, "").ok);
+    EXPECT_EQ(Tiles::TileWriter::build(one, "").error,
+              "a tile file needs at least two distinct access points");
     one.push_back(one[0]);  // the same MAC twice is still one access point
     EXPECT_FALSE(Tiles::TileWriter::build(one, "").ok);
     std::vector<Tiles::AccessPointPosition> two = {{macOfKey(1), 10, 10, 50, 0.25},

@@ -114,6 +114,12 @@ TEST_F(HostileRequests, BadAccessPointsAreRefused) {
         tooMany += accessPoint("000000000001", "-60");
     }
     EXPECT_EQ(post("location", locationRequest(tooMany)).first, 400);
+    // Access points are read wherever they stand, before the authentication too.
+    EXPECT_EQ(
+        post("location", "<?xml version='1.0'?><LocationRQ xmlns='" + kNamespace + "'>" +
+                             accessPoint("0000000001", "-60") + kAuthentication + "</LocationRQ>")
+            .first,
+        400);
     expectStillServing();
 }
 
