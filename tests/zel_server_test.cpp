@@ -1,23 +1,31 @@
-// The library's remote determination against a real location server on loopback.
+// The location server end to end on loopback: the library's remote determination
+// over HTTP and over HTTPS with a certificate the client does not trust, hostile
+// requests, the user table shared by two servers, and the zel-server program.
+#include <httplib.h>
+
 #include <gtest/gtest.h>
+#include <signal.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
-#include <algorithm>
-
-#include <mutex>
+#include <atomic>
+#include <cstdio>
+#include <thread>
 
 #include "local/location_determination_private.h"
 #include "local/location_history.h"
 #include "remote/location_determination_remote.h"
+#include "remote/request_messages.h"
+#include "remote/response_parser.h"
+#include "spi/xml/libxml2_parser.h"
+#include "support/hand_built_tile.h"
 #include "support/local_entries.h"
 #include "support/location_server_fixture.h"
 
 namespace ZEL::Server {
 namespace {
 
-using Testing::kRegisteredUser;
-using Testing::kServerRealm;
-using Testing::TestLocationServer;
-using Testing::testMac;
+using namespace Testing;
 
 const Core::Credentials kAlice{kRegisteredUser, kServerRealm};
 
@@ -38,33 +46,12 @@ Core::ApList clusterScan() {
     return aps;
 }
 
-Core::ApList farClusterScan() {
-    return {heard(21, -60), heard(22, -70), heard(23, -65)};
-}
-
 class ServerExchange : public ::testing::TestWithParam<bool> {
   protected:
     void SetUp() override {
-        Testing::LocationServerConfig config;
-        if (GetParam()) {
-            certificate_ = Testing::TestCertificate::generate();
-            ASSERT_NE(certificate_, nullptr);
-            config.certificate = certificate_.get();
-        }
-        config.accessLog = [this](const std::string& line) {
-            std::lock_guard lock(mutex_);
-            accessLog_.push_back(line);
-        };
-        server_ = TestLocationServer::start(config);
+        server_ = TestLocationServer::start({.https = GetParam()});
         ASSERT_NE(server_, nullptr);
         remote_.setServerUrl(server_->serviceUrl());
-    }
-    // The access log is written after each answer went out: stop the server (which
-    // waits for its workers) before the log is read or destroyed.
-    void TearDown() override {
-        if (server_) {
-            server_->stop();
-        }
     }
 
     Core::LocationRecord locate(const Core::ApList& aps, int level,
@@ -75,26 +62,17 @@ class ServerExchange : public ::testing::TestWithParam<bool> {
         return record;
     }
 
-    std::vector<std::string> accessLog() {
-        std::lock_guard lock(mutex_);
-        return accessLog_;
-    }
-
-    std::unique_ptr<Testing::TestCertificate> certificate_;
     std::unique_ptr<TestLocationServer> server_;
     Remote::LocationDeterminationRemote remote_;
-    std::mutex mutex_;
-    std::vector<std::string> accessLog_;
 };
 
 TEST_P(ServerExchange, LocationMatchesTheOnDeviceEstimate) {
     const Core::LocationRecord answer = locate(clusterScan(), Core::kNoStreetAddress);
-    EXPECT_EQ(answer.nap, 8);  // the unknown AP is not counted
     EXPECT_EQ(answer.speed, -1.0);
     EXPECT_TRUE(answer.streetAddress.empty());
 
     // The library's own first determination from the same file, with no history,
-    // must give exactly the same figures.
+    // must give exactly the same figures; the unknown AP is not counted.
     Local::resetLocationHistoriesForTesting();
     Local::LocationDeterminationPrivate device;
     device.setLocalFilesPath({TestLocationServer::tilePath()});
@@ -105,64 +83,32 @@ TEST_P(ServerExchange, LocationMatchesTheOnDeviceEstimate) {
     EXPECT_EQ(answer.latitude, expected.latitude);
     EXPECT_EQ(answer.longitude, expected.longitude);
     EXPECT_EQ(answer.hpe, expected.hpe);
-    EXPECT_EQ(answer.nap, expected.nap);
-    EXPECT_NEAR(answer.latitude, Testing::kBaseLatitude, 0.001);
+    EXPECT_EQ(answer.nap, 8);
 
     // Stateless: asking again gives the same answer, not a smoothed one.
-    const Core::LocationRecord again = locate(clusterScan(), Core::kNoStreetAddress);
-    EXPECT_EQ(again.latitude, answer.latitude);
-    EXPECT_EQ(again.longitude, answer.longitude);
-}
+    EXPECT_EQ(locate(clusterScan(), 0).latitude, answer.latitude);
 
-TEST_P(ServerExchange, UnknownAccessPointsCannotBeLocated) {
-    locate({heard(98, -50), heard(99, -60)}, Core::kNoStreetAddress,
-           Core::ResultCode::kCannotDetermine);
-    locate({}, Core::kNoStreetAddress, Core::ResultCode::kCannotDetermine);
+    locate({heard(98, -50), heard(99, -60)}, 0, Core::ResultCode::kCannotDetermine);
+    locate({}, 0, Core::ResultCode::kCannotDetermine);
 }
 
 TEST_P(ServerExchange, StreetAddressAtEachLevel) {
-    EXPECT_TRUE(locate(clusterScan(), Core::kNoStreetAddress).streetAddress.empty());
-
     const Core::StreetAddress limited =
         locate(clusterScan(), Core::kLimitedStreetAddress).streetAddress;
-    EXPECT_EQ(limited.city, "Bern");
-    EXPECT_EQ(limited.county, "Bern-Mittelland");
-    EXPECT_EQ(limited.region, "Espace Mittelland");
-    EXPECT_EQ(limited.state, "Bern");
-    EXPECT_EQ(limited.stateCode, "BE");
-    EXPECT_EQ(limited.country, "Switzerland");
-    EXPECT_EQ(limited.countryCode, "CH");
-    EXPECT_EQ(limited.streetNumber, "");
-    EXPECT_EQ(limited.postalCode, "");
+    EXPECT_EQ(limited.city + limited.stateCode + limited.countryCode, "BernBECH");
+    EXPECT_EQ(limited.streetNumber + limited.postalCode, "");
     EXPECT_TRUE(limited.addressLines.empty());
 
     const Core::StreetAddress full = locate(clusterScan(), Core::kFullStreetAddress).streetAddress;
-    EXPECT_EQ(full.streetNumber, "12a");
-    EXPECT_EQ(full.postalCode, "3011");
+    EXPECT_EQ(full.streetNumber + full.postalCode, "12a3011");
     // Markup characters in the data reach the client intact.
     EXPECT_EQ(full.addressLines, (std::vector<std::string>{"Rue <Haute> & Co", "2nd floor, left"}));
-    EXPECT_EQ(full.city, "Bern");
 
     // Nothing lies within the radius of the far cluster.
-    const Core::LocationRecord far = locate(farClusterScan(), Core::kFullStreetAddress);
+    const Core::LocationRecord far =
+        locate({heard(21, -60), heard(22, -70), heard(23, -65)}, Core::kFullStreetAddress);
     EXPECT_GT(far.latitude, Testing::kBaseLatitude + 0.02);
     EXPECT_TRUE(far.streetAddress.empty());
-}
-
-TEST_P(ServerExchange, IpLocationFromTheClientAddress) {
-    Core::IpLocationRecord record;
-    ASSERT_EQ(remote_.ipLocation(kAlice, Core::kFullStreetAddress, record), Core::ResultCode::kOk);
-    EXPECT_EQ(record.ip, "127.0.0.1");
-    EXPECT_EQ(record.latitude, Testing::kLoopbackLatitude);
-    EXPECT_EQ(record.longitude, Testing::kLoopbackLongitude);
-    EXPECT_EQ(record.streetAddress.city, "Loopback City");
-    EXPECT_EQ(record.streetAddress.streetNumber, "7");
-
-    Core::IpLocationRecord limited;
-    ASSERT_EQ(remote_.ipLocation(kAlice, Core::kLimitedStreetAddress, limited),
-              Core::ResultCode::kOk);
-    EXPECT_EQ(limited.streetAddress.countryCode, "NW");
-    EXPECT_EQ(limited.streetAddress.streetNumber, "");
 }
 
 TEST_P(ServerExchange, RegistrationAndAuthentication) {
@@ -184,6 +130,191 @@ TEST_P(ServerExchange, RegistrationAndAuthentication) {
 
 INSTANTIATE_TEST_SUITE_P(HttpAndHttps, ServerExchange, ::testing::Values(false, true),
                          [](const auto& info) { return info.param ? "Https" : "Http"; });
+
+const std::string kNamespace = Remote::kRequestNamespaceUri;
+const std::string kHead = "<?xml version='1.0'?><LocationRQ xmlns='" + kNamespace + "'>";
+const std::string kAuthentication =
+    "<authentication version='2.0'><simple><username>alice</username><realm>acme</realm>"
+    "</simple></authentication>";
+
+std::string simple(const std::string& user, const std::string& realm) {
+    return "<simple><username>" + user + "</username><realm>" + realm + "</realm></simple>";
+}
+std::string locationRequest(const std::string& inside) {
+    return kHead + kAuthentication + inside + "</LocationRQ>";
+}
+std::string accessPoint(const std::string& mac, const std::string& rss) {
+    return "<access-point><mac>" + mac + "</mac><signal-strength>" + rss +
+           "</signal-strength></access-point>";
+}
+
+// The code of the answer's error element, "" without one, "not xml" for no answer.
+std::string errorCode(const std::string& body) {
+    auto document = SPI::newLibXml2Parser()->parse(body.data(), body.size());
+    if (!document || document->documentElement()->namespaceURI() != kNamespace) {
+        return "not xml";
+    }
+    auto error = Remote::findChild(*document->documentElement(), "error");
+    return error ? error->getAttribute("", "code") : "";
+}
+
+TEST(HostileRequests, AreRefusedWithWellFormedAnswers) {
+    auto server = TestLocationServer::start();
+    ASSERT_NE(server, nullptr);
+    httplib::Client client("127.0.0.1", server->port());
+
+    const std::string longName(257, 'u');
+    std::string tooMany;
+    for (int i = 0; i < 101; ++i) {  // the fixture allows 100
+        tooMany += accessPoint("000000000001", "-60");
+    }
+    // Just under the size limit is read (and answered for what it is, not its size).
+    const std::string empty = locationRequest(accessPoint("000000000001", "-60"));
+    const std::string padded = empty.substr(0, empty.size() - 13) +
+                               std::string((1 << 20) - empty.size(), ' ') + "</LocationRQ>";
+    const std::string registration =
+        "<?xml version='1.0'?><RegistrationRQ xmlns='" + kNamespace + "'>" + kAuthentication;
+    auto user = [](const std::string& name, const std::string& realm) {
+        return kHead + "<authentication>" + simple(name, realm) + "</authentication></LocationRQ>";
+    };
+    const std::pair<const char*, std::string> rows[] = {
+        {"location 400", "not xml at all"},
+        {"location 400", kHead + kAuthentication},  // unterminated
+        {"location 400", "<LocationRQ>" + kAuthentication + "</LocationRQ>"},
+        {"ip-location 400", locationRequest("")},  // the wrong root
+        {"location 400", kHead + "</LocationRQ>"},
+        {"location 400", user("", "acme")},
+        {"location 400", user(longName, "acme")},
+        {"location 400", user("alice", longName)},
+        {"location 400", locationRequest(accessPoint("0000000001", "-60"))},
+        {"location 400", locationRequest(accessPoint("00000000000G", "-60"))},
+        {"location 400", locationRequest(accessPoint("000000000001", "-60dBm"))},
+        {"location 400", locationRequest(accessPoint("000000000001", "40000"))},
+        {"location 400", locationRequest(tooMany)},
+        // Access points are read wherever they stand, before the authentication too,
+        // but only in the request namespace.
+        {"location 400",
+         kHead + accessPoint("0000000001", "-60") + kAuthentication + "</LocationRQ>"},
+        {"location 200", locationRequest("<x:access-point xmlns:x='urn:x'><x:mac>1</x:mac>"
+                                         "</x:access-point>" +
+                                         accessPoint("000000000001", "-60"))},
+        {"registration 400", registration + "</RegistrationRQ>"},
+        {"registration 400", registration + simple("", "acme") + "</RegistrationRQ>"},
+        {"location 413", locationRequest(std::string(1 << 20, ' '))},
+        {"location 200", padded},
+    };
+    for (const auto& [route, body] : rows) {
+        const std::string path = route;
+        const int status = std::stoi(path.substr(path.find(' ') + 1));
+        auto result = client.Post("/zel2/" + path.substr(0, path.find(' ')), body, "text/xml");
+        ASSERT_TRUE(result) << body.substr(0, 200);
+        EXPECT_EQ(result->status, status) << body.substr(0, 200);
+        EXPECT_EQ(errorCode(result->body), status == 413   ? "http-413"
+                                           : status == 400 ? "bad-request"
+                                                           : "")
+            << body.substr(0, 200);
+    }
+}
+
+TEST(ForwardedFor, TrustedOnlyWhenConfigured) {
+    const std::string request = "<?xml version='1.0'?><IPLocationRQ xmlns='" + kNamespace +
+                                "' street-address-lookup='limited'>" + kAuthentication +
+                                "</IPLocationRQ>";
+    for (bool trusted : {false, true}) {
+        auto server = TestLocationServer::start({.trustProxy = trusted});
+        ASSERT_NE(server, nullptr);
+        httplib::Client client("127.0.0.1", server->port());
+        auto result =
+            client.Post("/zel2/ip-location", {{"X-Forwarded-For", "203.0.113.9, 10.1.2.3"}},
+                        request, "text/xml");
+        ASSERT_TRUE(result);
+        Core::IpLocationRecord record;
+        ASSERT_EQ(Remote::parseIPLocationResponse(result->body, 1, record), Core::ResultCode::kOk)
+            << result->body;
+        EXPECT_EQ(record.ip, trusted ? "10.1.2.3" : "127.0.0.1");
+        EXPECT_EQ(record.latitude, trusted ? Testing::kTenNetLatitude : Testing::kLoopbackLatitude);
+        EXPECT_EQ(record.streetAddress.countryCode + record.streetAddress.streetNumber,
+                  trusted ? "ES" : "NW");  // limited: no street number
+    }
+}
+
+TEST(SharedUserDatabase, ConcurrentRegistrationsCreateEachUserOnce) {
+    const TempDir directory;
+    const std::string path = directory.path() + "/users.db";
+    auto first = TestLocationServer::start({.usersPath = path});
+    auto second = TestLocationServer::start({.usersPath = path});
+    ASSERT_NE(first, nullptr);
+    ASSERT_NE(second, nullptr);
+
+    // Every thread tries every name, half through each server: each name must be
+    // created exactly once, and every other attempt told that it exists.
+    constexpr int kThreads = 6, kNames = 30;
+    std::atomic<int> created{0};
+    std::atomic<int> refused{0};
+    std::vector<std::thread> threads;
+    for (int t = 0; t < kThreads; ++t) {
+        threads.emplace_back([&, t] {
+            Remote::LocationDeterminationRemote remote;
+            for (int n = 0; n < kNames; ++n) {
+                const int name = (n + t * 5) % kNames;
+                remote.setServerUrl(((n + t) % 2 ? first : second)->serviceUrl());
+                const std::string user = "user" + std::to_string(name);
+                const Core::ResultCode code = remote.registerUser({kRegisteredUser, kServerRealm},
+                                                                  {user.c_str(), kServerRealm});
+                created += code == Core::ResultCode::kOk;
+                refused += code == Core::ResultCode::kCannotDetermine;
+            }
+        });
+    }
+    for (auto& thread : threads) {
+        thread.join();
+    }
+    EXPECT_EQ(created.load(), kNames);
+    EXPECT_EQ(refused.load(), kThreads * kNames - kNames);
+    first.reset();
+    second.reset();
+
+    std::string error;
+    auto store = UserStore::open(path, error);
+    ASSERT_NE(store, nullptr) << error;
+    EXPECT_EQ(store->count(kServerRealm), size_t{kNames + 1});
+    EXPECT_EQ(store->find("user17", kServerRealm), UserStore::Lookup::Registered);
+    EXPECT_EQ(store->find("user17", "other"), UserStore::Lookup::Unknown);
+}
+
+// The next line the program writes (standard output and error), "" at the end.
+std::string nextLine(FILE* output) {
+    char buffer[1024];
+    return std::fgets(buffer, sizeof buffer, output) ? buffer : "";
+}
+
+TEST(ServerProgram, ServesUntilTerminated) {
+    // The shell prints its process id, then becomes the server.
+    const std::string command = "echo $$; exec " + std::string(ZEL_BINARY_DIR) +
+                                "/bin/zel-server --tiles " + TestLocationServer::tilePath() +
+                                " --realm " + kServerRealm +
+                                " --listen 127.0.0.1:0 --add-user alice 2>&1";
+    FILE* output = popen(command.c_str(), "r");
+    ASSERT_NE(output, nullptr);
+    const pid_t pid = std::stoi(nextLine(output));
+    const std::string started = nextLine(output);
+    const size_t at = started.find("listening on http://127.0.0.1:");
+    if (at == std::string::npos) {
+        kill(pid, SIGKILL);
+        pclose(output);
+        FAIL() << started;
+    }
+    const std::string url = started.substr(at + 13, started.find('\n') - at - 13);
+
+    Remote::LocationDeterminationRemote remote;
+    remote.setServerUrl(url);
+    Core::LocationRecord record;
+    EXPECT_EQ(remote.location(kAlice, 0, {heard(1, -60)}, record), Core::ResultCode::kOk);
+    EXPECT_EQ(record.nap, 1);
+    kill(pid, SIGTERM);
+    const int status = pclose(output);
+    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << status;
+}
 
 }  // namespace
 }  // namespace ZEL::Server

@@ -1,38 +1,17 @@
 #include "support/location_server_fixture.h"
 
 #include <gtest/gtest.h>
-#include <unistd.h>
 
+#include <cstdlib>
 #include <filesystem>
 #include <sstream>
 
+#include "support/hand_built_tile.h"
 #include "support/local_entries.h"
 #include "tiles/tile_writer.h"
 
 namespace ZEL::Testing {
 namespace {
-
-// Removes the process's tile file at exit.
-struct TileFile {
-    std::string path;
-    ~TileFile() {
-        std::error_code ignored;
-        std::filesystem::remove(path, ignored);
-    }
-};
-
-std::vector<Tiles::AccessPointPosition> storedAps() {
-    std::vector<Tiles::AccessPointPosition> aps;
-    for (int i = 1; i <= 12; ++i) {
-        const double north = (i % 4) * 20.0 - 30.0;
-        const double east = (i / 4) * 25.0 - 30.0;
-        aps.push_back({testMac(i), latitudeAt(north), longitudeAt(east), 40, 0.3});
-    }
-    for (int i = 21; i <= 24; ++i) {
-        aps.push_back({testMac(i), latitudeAt(3000.0 + i), longitudeAt(10.0 * i), 40, 0.3});
-    }
-    return aps;
-}
 
 constexpr const char kAddresses[] =
     "latitude,longitude,street_number,address_lines,city,postal_code,county,province,region,"
@@ -49,15 +28,22 @@ constexpr const char kRanges[] =
 }  // namespace
 
 const std::string& TestLocationServer::tilePath() {
-    static const TileFile file = [] {
-        TileFile made{(std::filesystem::temp_directory_path() /
-                       ("zel-server-test-" + std::to_string(::getpid()) + ".zel"))
-                          .string()};
-        const auto result = Tiles::TileWriter::writeFile(made.path, storedAps(), kServerRealm);
+    static const TempDir directory;  // removed at exit
+    static const std::string path = [] {
+        std::vector<Tiles::AccessPointPosition> aps;
+        for (int i = 1; i <= 12; ++i) {
+            aps.push_back({testMac(i), latitudeAt((i % 4) * 20.0 - 30.0),
+                           longitudeAt((i / 4) * 25.0 - 30.0), 40, 0.3});
+        }
+        for (int i = 21; i <= 24; ++i) {
+            aps.push_back({testMac(i), latitudeAt(3000.0 + i), longitudeAt(10.0 * i), 40, 0.3});
+        }
+        const auto result =
+            Tiles::TileWriter::writeFile(directory.path() + "/tiles.zel", aps, kServerRealm);
         EXPECT_TRUE(result.ok) << result.error;
-        return made;
+        return directory.path() + "/tiles.zel";
     }();
-    return file.path;
+    return path;
 }
 
 std::unique_ptr<TestLocationServer> TestLocationServer::start(const LocationServerConfig& config) {
@@ -73,7 +59,7 @@ std::unique_ptr<TestLocationServer> TestLocationServer::start(const LocationServ
         return nullptr;
     }
     data.users->add(kRegisteredUser, kServerRealm);
-    Server::ServiceOptions options{{tilePath()}, kServerRealm, config.open, 100};
+    Server::ServiceOptions options{{tilePath()}, kServerRealm, false, 100};
     auto test = std::unique_ptr<TestLocationServer>(new TestLocationServer);
     test->service_ = Server::LocationService::create(options, std::move(data), error);
     if (!test->service_) {
@@ -84,10 +70,21 @@ std::unique_ptr<TestLocationServer> TestLocationServer::start(const LocationServ
     serverOptions.port = 0;
     serverOptions.threads = 8;
     serverOptions.trustProxy = config.trustProxy;
-    serverOptions.accessLog = config.accessLog;
-    if (config.certificate) {
-        serverOptions.tlsCertificate = config.certificate->certificatePath();
-        serverOptions.tlsKey = config.certificate->keyPath();
+    if (config.https) {
+        std::string& directory = test->certificateDirectory_;
+        directory = std::filesystem::temp_directory_path() / "zel_cert_XXXXXX";
+        const bool made = mkdtemp(directory.data()) != nullptr;
+        serverOptions.tlsCertificate = directory + "/certificate.pem";
+        serverOptions.tlsKey = directory + "/key.pem";
+        // An EC key is made in milliseconds; RSA would slow every TLS test down.
+        const std::string command =
+            "openssl req -x509 -newkey ec -pkeyopt ec_paramgen_curve:prime256v1 -nodes -days 2"
+            " -subj /CN=localhost -keyout '" +
+            serverOptions.tlsKey + "' -out '" + serverOptions.tlsCertificate + "' >/dev/null 2>&1";
+        if (!made || std::system(command.c_str()) != 0) {
+            ADD_FAILURE() << "no certificate";
+            return nullptr;
+        }
     }
     test->server_ = Server::LocationServer::start(serverOptions, test->service_, error);
     if (!test->server_) {
@@ -95,6 +92,12 @@ std::unique_ptr<TestLocationServer> TestLocationServer::start(const LocationServ
         return nullptr;
     }
     return test;
+}
+
+TestLocationServer::~TestLocationServer() {
+    server_.reset();
+    std::error_code ignored;
+    std::filesystem::remove_all(certificateDirectory_, ignored);
 }
 
 }  // namespace ZEL::Testing

@@ -1,18 +1,13 @@
-// A location server on 127.0.0.1 (ephemeral port) for tests, over a small tile
-// file written for the run, with street addresses and IP ranges of its own.
-//
-// The tile file (realm "acme") holds a cluster of twelve APs, testMac(1..12),
-// within 60 m of the base point of local_entries.h, and a second cluster,
-// testMac(21..24), 3 km north of it. Only the first cluster has a street address
-// within the radius. IP ranges: 127.0.0.0/8 and 10.0.0.0/8.
+// A location server on 127.0.0.1 (ephemeral port) for tests, over a tile file
+// (realm "acme") of twelve APs, testMac(1..12), within 60 m of the base point of
+// local_entries.h, and four, testMac(21..24), 3 km north of it; only the first
+// cluster has a street address within the radius. IP ranges: 127/8 and 10/8.
 #pragma once
 
-#include <functional>
 #include <memory>
 #include <string>
 
 #include "server/location_server.h"
-#include "support/test_certificate.h"
 
 namespace ZEL::Testing {
 
@@ -21,34 +16,31 @@ inline constexpr const char kRegisteredUser[] = "alice";
 
 // Where 127.0.0.0/8 and 10.0.0.0/8 are said to be.
 inline constexpr double kLoopbackLatitude = 47.5;
-inline constexpr double kLoopbackLongitude = 8.5;
 inline constexpr double kTenNetLatitude = 40.25;
 
 struct LocationServerConfig {
-    const TestCertificate* certificate = nullptr;  // set: HTTPS
-    bool open = false;
+    // HTTPS with a self-signed certificate for "localhost", so a client reaching
+    // 127.0.0.1 sees an unknown issuer and a name that does not match.
+    bool https = false;
     bool trustProxy = false;
     std::string usersPath = ":memory:";
-    std::function<void(const std::string&)> accessLog;
 };
 
 class TestLocationServer {
   public:
     // Null (after a gtest failure message) when anything fails to start.
     static std::unique_ptr<TestLocationServer> start(const LocationServerConfig& config = {});
+    ~TestLocationServer();
 
     // The client's server URL: "http(s)://127.0.0.1:PORT/zel2".
     std::string serviceUrl() const { return server_->url() + "/zel2"; }
-    // Scheme, host and port only.
-    std::string baseUrl() const { return server_->url(); }
     int port() const { return server_->port(); }
     Server::LocationService& service() { return *service_; }
-    void stop() { server_->stop(); }
 
-    // The tile file every server of this process answers from.
     static const std::string& tilePath();
 
   private:
+    std::string certificateDirectory_;
     std::shared_ptr<Server::LocationService> service_;
     std::unique_ptr<Server::LocationServer> server_;
 };
