@@ -4,15 +4,18 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <map>
+#include <numeric>
 #include <optional>
 #include <random>
 #include <set>
 
+#include "support/hand_built_tile.h"
 #include "tiles/tile_search.h"
 
 namespace ZEL::Tiles {
 namespace {
+
+using Testing::macOfKey;
 
 // Drives the search as the reader does; `holds` says whether a tile has the key.
 template <typename Holds>
@@ -45,11 +48,12 @@ TEST(TileSearch, AnswersInTheMostRecentlyFoundOrder) {
     for (const std::string realm : {"order", ""}) {
         const int32_t bases[][2] = {{1000, 500'000}, {1000, 500'001}, {-2000, 7}, {3, -9}};
         std::vector<Core::MacAddress> macs;
-        for (uint8_t i = 0; i < 12; ++i) {
-            macs.push_back({i, 0x44, static_cast<uint8_t>(i * 7), 0x22, 0x11, 0x02});
+        for (uint64_t i = 0; i < 12; ++i) {
+            macs.push_back(macOfKey(0x021122004400 | i * 7 << 16 | i));
         }
         std::mt19937 random(5);
         std::vector<ModelTile> model;
+        std::vector<TileSearch::TileRange> ranges;
         for (uint32_t t = 0; t < 48; ++t) {
             ModelTile tile;
             tile.range.latBase = bases[t % 4][0];
@@ -64,17 +68,13 @@ TEST(TileSearch, AnswersInTheMostRecentlyFoundOrder) {
             tile.range.firstKey = *tile.keys.begin() - (random() % 2);
             tile.range.lastKey = *tile.keys.rbegin() + (random() % 2);
             model.push_back(tile);
-        }
-        std::vector<TileSearch::TileRange> ranges;
-        for (const ModelTile& tile : model) {
             ranges.push_back(tile.range);
         }
         TileSearch search;
         search.reset(ranges, realm);
         std::vector<uint32_t> order(model.size());
-        for (uint32_t i = 0; i < order.size(); ++i) {
-            order[i] = i;
-        }
+        std::iota(order.begin(), order.end(), 0u);
+        auto holds = [&](uint32_t tile, uint64_t key) { return model[tile].keys.count(key) > 0; };
         for (int step = 0; step < 2000; ++step) {
             Core::MacAddress mac = macs[random() % macs.size()];
             if (step % 7 == 0) {
@@ -92,20 +92,9 @@ TEST(TileSearch, AnswersInTheMostRecentlyFoundOrder) {
                     order.insert(order.begin(), *expected);
                 }
             }
-            auto holds = [&](uint32_t tile, uint64_t key) {
-                return model[tile].keys.count(key) > 0;
-            };
             ASSERT_EQ(find(search, mac, holds), expected) << realm << " step " << step;
         }
     }
-}
-
-Core::MacAddress macOfKey(uint64_t key) {
-    Core::MacAddress mac{};
-    for (int i = 0; i < 6; ++i) {
-        mac[i] = static_cast<uint8_t>(key >> (8 * i));
-    }
-    return mac;
 }
 
 // The groups are narrowed by the high bits of the key: tiles that start exactly at,
@@ -138,12 +127,8 @@ TEST(TileSearch, TilesAtEveryBoundaryOfTheKeySpaceAreCandidates) {
     }
     EXPECT_FALSE(find(search, macOfKey(0), any));
     EXPECT_FALSE(find(search, macOfKey(0xFFFFFFFFFFFF), any));
-}
-
-TEST(TileSearch, NoTilesAnswerNothing) {
-    TileSearch search;
     search.reset({}, "city");
-    EXPECT_FALSE(find(search, macOfKey(1), [](uint32_t, uint64_t) { return true; }));
+    EXPECT_FALSE(find(search, macOfKey(1), any));
 }
 
 }  // namespace

@@ -9,8 +9,6 @@
 
 namespace ZEL::Testing {
 
-using Tiles::BitWriter;
-
 std::vector<uint8_t> encodeHandTile(const HandTile& tile) {
     Tiles::BitWriter records;
     std::vector<uint64_t> blockBits;
@@ -52,9 +50,7 @@ std::vector<uint8_t> encodeHandTile(const HandTile& tile) {
 std::vector<uint8_t> handFile(const std::vector<std::vector<uint8_t>>& tiles,
                               const std::string& realm) {
     Tiles::BitWriter out;
-    for (char c : std::string("ZEL2")) {
-        out.write(static_cast<uint8_t>(c), 8);
-    }
+    out.writeBytes({'Z', 'E', 'L', '2'});
     for (const auto& tile : tiles) {
         out.writeBytes(tile);
     }
@@ -62,9 +58,8 @@ std::vector<uint8_t> handFile(const std::vector<std::vector<uint8_t>>& tiles,
         out.write(tile.size(), 32);
     }
     out.write(tiles.size(), 16);
-    for (uint8_t byte : Tiles::TileFormat::realmDigest(realm)) {
-        out.write(byte, 8);
-    }
+    const auto digest = Tiles::TileFormat::realmDigest(realm);
+    out.writeBytes({digest.begin(), digest.end()});
     return out.take();
 }
 

@@ -7,14 +7,22 @@
 #include <string>
 #include <vector>
 
+#include "core/scanned_ap.h"
+
 namespace ZEL::Testing {
+
+// The MAC whose plain tile key is `key`: the last octet is stored first.
+inline Core::MacAddress macOfKey(uint64_t key) {
+    Core::MacAddress mac{};
+    for (int i = 0; i < 6; ++i) {
+        mac[i] = static_cast<uint8_t>(key >> (8 * i));
+    }
+    return mac;
+}
 
 struct HandRecord {
     uint64_t keyDelta = 0;  // written as given: 0 opens a block
-    uint64_t latOffset = 0;
-    uint64_t lonOffset = 0;
-    uint64_t qualityCode = 0;
-    uint64_t exponentCode = 0;
+    uint64_t latOffset = 0, lonOffset = 0, qualityCode = 0, exponentCode = 0;
 };
 
 struct HandBlock {

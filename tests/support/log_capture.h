@@ -1,6 +1,7 @@
 // Captures what one log category writes, for tests that check messages.
 #pragma once
 
+#include <algorithm>
 #include <string>
 #include <vector>
 
@@ -17,17 +18,33 @@ struct LoggedMessage {
 // writing it; the category writes to its back end again afterwards.
 class LogCapture {
   public:
-    explicit LogCapture(const std::string& category);
-    ~LogCapture();
+    explicit LogCapture(const std::string& category) : logger_(SPI::getLogger(category)) {
+        logger_.setCapture([this](SPI::LogPriority priority, const std::string& text) {
+            messages_.push_back({priority, text});
+        });
+    }
+    ~LogCapture() { logger_.setCapture({}); }
     LogCapture(const LogCapture&) = delete;
     LogCapture& operator=(const LogCapture&) = delete;
 
     const std::vector<LoggedMessage>& messages() const { return messages_; }
-    // The texts only, in order.
-    std::vector<std::string> texts() const;
+    std::vector<std::string> texts() const {  // in order
+        std::vector<std::string> texts;
+        for (const auto& message : messages_) {
+            texts.push_back(message.text);
+        }
+        return texts;
+    }
     // How many messages equal `text` at `priority`.
-    size_t count(SPI::LogPriority priority, const std::string& text) const;
-    bool contains(const std::string& text) const;
+    size_t count(SPI::LogPriority priority, const std::string& text) const {
+        return std::count_if(messages_.begin(), messages_.end(), [&](const LoggedMessage& m) {
+            return m.priority == priority && m.text == text;
+        });
+    }
+    bool contains(const std::string& text) const {
+        return std::any_of(messages_.begin(), messages_.end(),
+                           [&](const LoggedMessage& m) { return m.text == text; });
+    }
 
   private:
     SPI::Logger& logger_;

@@ -6,6 +6,7 @@
 #include <algorithm>
 #include <cstring>
 #include <stdexcept>
+#include <tuple>
 
 #include "spi/xml/libxml2_parser.h"
 
@@ -14,32 +15,33 @@ namespace {
 
 using FileTable = std::map<std::string, std::vector<uint8_t>>;
 
-// A copy of the mapped range in pages of its own, followed by a page that cannot
-// be read: the copy ends exactly where the unreadable page begins.
+// A copy of the mapped range in pages of its own that ends exactly where a page
+// that cannot be read begins.
 class GuardedMapping final : public SPI::FileMapping {
   public:
     GuardedMapping(const uint8_t* bytes, size_t length) : length_(length) {
         const size_t page = static_cast<size_t>(sysconf(_SC_PAGESIZE));
-        const size_t dataPages = (length + page - 1) / page;
-        total_ = (dataPages + 1) * page;
-        void* area = mmap(nullptr, total_, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+        const size_t dataBytes = (length + page - 1) / page * page;
+        total_ = dataBytes + page;
+        void* area =
+            mmap(nullptr, total_, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
         if (area == MAP_FAILED) {
             throw std::runtime_error("test mapping: mmap failed");
         }
         area_ = static_cast<uint8_t*>(area);
-        data_ = area_ + dataPages * page - length;
-        std::memcpy(data_, bytes, length);
-        mprotect(area_ + dataPages * page, page, PROT_NONE);
-        mprotect(area_, dataPages * page, PROT_READ);
+        std::memcpy(area_ + dataBytes - length, bytes, length);
+        mprotect(area_ + dataBytes, page, PROT_NONE);
+        mprotect(area_, dataBytes, PROT_READ);
+        data_ = area_ + dataBytes - length;
     }
     ~GuardedMapping() override { munmap(area_, total_); }
     const uint8_t* data() const override { return data_; }
     size_t length() const override { return length_; }
 
   private:
-    uint8_t* area_ = nullptr;
-    uint8_t* data_ = nullptr;
-    size_t total_ = 0;
+    uint8_t* area_;
+    uint8_t* data_;
+    size_t total_;
     size_t length_;
 };
 
@@ -49,19 +51,15 @@ class MemoryFile final : public SPI::File {
 
     int open(const std::string& path, uint32_t mode) override {
         close();
-        if ((mode & (kRead | kWrite)) == 0) {
+        auto found = files_->find(path);
+        if ((mode & (kRead | kWrite)) == 0 || (found == files_->end() && !(mode & kCreate))) {
             return -1;
         }
-        auto found = files_->find(path);
-        if (mode & kCreate) {
-            found = files_->insert_or_assign(path, std::vector<uint8_t>{}).first;
-        } else if (found == files_->end()) {
-            return -1;
-        } else if (mode & kTruncate) {
-            found->second.clear();
+        if (mode & (kCreate | kTruncate)) {
+            (*files_)[path].clear();
         }
         path_ = path;
-        position_ = (mode & kAppend) ? found->second.size() : 0;
+        position_ = (mode & kAppend) ? bytes().size() : 0;
         return 0;
     }
     int close() override {
@@ -82,12 +80,9 @@ class MemoryFile final : public SPI::File {
         if (path_.empty()) {
             return 0;
         }
-        std::vector<uint8_t>& content = bytes();
-        const auto* in = static_cast<const uint8_t*>(buffer);
-        if (content.size() < position_ + count) {
-            content.resize(position_ + count);
-        }
-        std::copy(in, in + count, content.begin() + static_cast<ptrdiff_t>(position_));
+        bytes().resize(std::max(bytes().size(), position_ + count));
+        std::copy_n(static_cast<const uint8_t*>(buffer), count,
+                    bytes().begin() + static_cast<ptrdiff_t>(position_));
         position_ += count;
         return count;
     }
@@ -117,10 +112,8 @@ class ScriptedHttpRequest final : public SPI::XmlHttpRequest {
     int open(int method, const std::string& url, const std::string& proxy, int proxyPort,
              const std::string& proxyUser, const std::string& proxyPassword, bool async) override {
         int result = open(method, url, async);
-        call_.proxy = proxy;
-        call_.proxyPort = proxyPort;
-        call_.proxyUser = proxyUser;
-        call_.proxyPassword = proxyPassword;
+        std::tie(call_.proxy, call_.proxyPort, call_.proxyUser, call_.proxyPassword) =
+            std::tie(proxy, proxyPort, proxyUser, proxyPassword);
         return result;
     }
     int open(int method, const std::string& url, bool async) override {
@@ -147,97 +140,76 @@ class ScriptedHttpRequest final : public SPI::XmlHttpRequest {
             script_->replies.pop_front();
         }
         if (reply.sendError == 0) {
-            status_ = reply.status;
-            statusText_ = reply.statusText;
-            body_ = reply.body;
+            answer_ = reply;
         }
-        if (async_) {
-            if (callback_ != nullptr) {
-                callback_(reply.sendError, context_);
-            }
-            return 0;
+        if (async_ && callback_ != nullptr) {
+            callback_(reply.sendError, context_);
         }
-        return reply.sendError;
+        return async_ ? 0 : reply.sendError;
     }
     void abort() override {
-        status_ = -1;
-        statusText_.clear();
-        body_.clear();
+        answer_ = {-1, "", 0, ""};
         opened_ = false;
     }
     std::string getAllResponseHeaders() const override { return ""; }
     std::string getResponseHeader(const std::string&) const override { return ""; }
     int responseBody(std::string_view& body) const override {
-        body = body_;
+        body = answer_.body;
         return 0;
     }
-    int status() const override { return status_; }
-    std::string statusText() const override { return statusText_; }
+    int status() const override { return answer_.status; }
+    std::string statusText() const override { return answer_.statusText; }
 
   private:
     std::shared_ptr<HttpScript> script_;
     HttpCall call_;
     bool opened_ = false;
     bool async_ = false;
-    int status_ = -1;
-    std::string statusText_;
-    std::string body_;
+    HttpReply answer_{-1, "", 0, ""};
     CompletionCallback callback_ = nullptr;
     void* context_ = nullptr;
 };
 
-bool nextFails(std::deque<bool>& script) {
-    if (script.empty()) {
-        return false;
+// Records `call`; the error `code` when the script's next entry says fail, else 0.
+int scripted(AdapterScript& script, const char* call, std::deque<bool>* fails, int code) {
+    script.calls.push_back(call);
+    bool fail = fails && !fails->empty() && fails->front();
+    if (fails && !fails->empty()) {
+        fails->pop_front();
     }
-    bool fails = script.front();
-    script.pop_front();
-    return fails;
+    return fail ? code : 0;
 }
 
 class ScriptedWifiAdapter final : public SPI::WifiAdapter {
   public:
-    explicit ScriptedWifiAdapter(std::shared_ptr<AdapterScript> script)
-        : script_(std::move(script)) {}
-    ~ScriptedWifiAdapter() override { script_->calls.push_back("destroy"); }
+    explicit ScriptedWifiAdapter(std::shared_ptr<AdapterScript> script) : s_(std::move(script)) {}
+    ~ScriptedWifiAdapter() override { s_->calls.push_back("destroy"); }
     std::string name() const override { return "scripted0"; }
-    int open() override {
-        script_->calls.push_back("open");
-        return nextFails(script_->failOpen) ? 5 : 0;
-    }
-    void close() override { script_->calls.push_back("close"); }
-    int startScan() override {
-        script_->calls.push_back("start");
-        return nextFails(script_->failStart) ? 21 : 0;
-    }
+    int open() override { return scripted(*s_, "open", &s_->failOpen, 5); }
+    void close() override { scripted(*s_, "close", nullptr, 0); }
+    int startScan() override { return scripted(*s_, "start", &s_->failStart, 21); }
     int getScanResults(Core::ApList& list) override {
-        script_->calls.push_back("get");
         list.clear();
-        if (nextFails(script_->failGet)) {
-            return 31;
+        if (int error = scripted(*s_, "get", &s_->failGet, 31)) {
+            return error;
         }
-        if (!script_->scans.empty()) {
-            list = std::move(script_->scans.front());
-            script_->scans.pop_front();
+        if (!s_->scans.empty()) {
+            list = std::move(s_->scans.front());
+            s_->scans.pop_front();
         }
         return 0;
     }
 
   private:
-    std::shared_ptr<AdapterScript> script_;
+    std::shared_ptr<AdapterScript> s_;
 };
 
 }  // namespace
 
-TestPlatform::TestPlatform()
-    : files_(std::make_shared<FileTable>()), previous_(SPI::setPlatform(this)) {}
+TestPlatform::TestPlatform() : previous_(SPI::setPlatform(this)) {}
 
 TestPlatform::~TestPlatform() {
     SPI::setPlatform(previous_);
-}
-
-void TestPlatform::addFile(const std::string& path, std::vector<uint8_t> bytes) {
-    (*files_)[path] = std::move(bytes);
 }
 
 const std::vector<uint8_t>* TestPlatform::file(const std::string& path) const {
@@ -277,11 +249,7 @@ FailingPlatform::~FailingPlatform() {
 }
 
 bool FailingPlatform::fails(const char* service) {
-    if (service_ != service) {
-        return false;
-    }
-    ++calls_;
-    return calls_ == n_ || (forGood_ && calls_ > n_);
+    return service_ == service && (++calls_ == n_ || (forGood_ && calls_ > n_));
 }
 
 std::unique_ptr<SPI::File> FailingPlatform::newFile() {
@@ -301,12 +269,8 @@ SPI::AdapterList FailingPlatform::wifiAdapters() {
 }
 
 Core::ScannedAP ap(const char* text, int16_t rss) {
-    auto mac = Core::parseMacText(text);
-    if (!mac) {
-        throw std::invalid_argument(std::string("bad MAC in test: ") + text);
-    }
     Core::ScannedAP record;
-    record.mac = *mac;
+    record.mac = Core::parseMacText(text).value();  // throws on a bad MAC
     record.rss = rss;
     return record;
 }

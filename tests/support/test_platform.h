@@ -1,12 +1,6 @@
 // The platform the tests run the engine on: files in memory, a scripted HTTP
 // exchange, a scripted Wi-Fi adapter, a clock that moves only when told, and a
 // wrapper that makes the Nth call of a service fail.
-//
-//   Testing::TestPlatform platform;              // installed while it lives
-//   platform.addFile("/db/city.zel", bytes);
-//   platform.http().respond({200, body});
-//   platform.wifi().scans.push_back({ap("0A0000000001", -60)});
-//   platform.clock().advance(500);
 #pragma once
 
 #include <cstdint>
@@ -16,17 +10,14 @@
 #include <string>
 #include <vector>
 
-#include "spi/platform.h"
 #include "spi/manual_clock.h"
+#include "spi/platform.h"
 
 namespace ZEL::Testing {
 
-// What the Wi-Fi adapter plays: each scan's result and which calls fail. Shared
-// with the adapters handed out, so the record survives them.
+// What the Wi-Fi adapter plays, shared with the adapters handed out.
 struct AdapterScript {
-    // Results of successive getScanResults calls; when the script runs out, scans
-    // return no AP.
-    std::deque<Core::ApList> scans;
+    std::deque<Core::ApList> scans;  // successive scan results; then no AP
     std::deque<bool> failOpen;       // successive open() results: true = fail
     std::deque<bool> failStart;      // successive startScan() results
     std::deque<bool> failGet;        // successive getScanResults() results
@@ -45,8 +36,7 @@ struct HttpCall {
     std::string body;
 };
 
-// What one send() does: a transport error (non-zero: send fails with it), or an
-// answer with a status, a reason phrase and a body.
+// What one send() does: fail with a non-zero sendError, or answer.
 struct HttpReply {
     int status = 200;
     std::string body;
@@ -55,15 +45,14 @@ struct HttpReply {
 };
 
 struct HttpScript {
-    // Replies to successive sends; when it runs out, sends fail with 10061.
-    std::deque<HttpReply> replies;
+    std::deque<HttpReply> replies;  // to successive sends; then sends fail with 10061
     std::vector<HttpCall> calls;
     void respond(HttpReply reply) { replies.push_back(std::move(reply)); }
 };
 
+// Installs itself as the platform in force while it lives.
 class TestPlatform final : public SPI::Platform {
   public:
-    // Installs itself as the platform in force until destroyed.
     TestPlatform();
     ~TestPlatform() override;
     TestPlatform(const TestPlatform&) = delete;
@@ -71,15 +60,16 @@ class TestPlatform final : public SPI::Platform {
 
     // A file that newFile() objects open by `path`; its mappings end right before
     // an unreadable page, so a read past the end faults at once.
-    void addFile(const std::string& path, std::vector<uint8_t> bytes);
+    void addFile(const std::string& path, std::vector<uint8_t> bytes) {
+        (*files_)[path] = std::move(bytes);
+    }
     // The bytes written to `path` through newFile() objects (or added).
     const std::vector<uint8_t>* file(const std::string& path) const;
 
     HttpScript& http() { return *http_; }
     AdapterScript& wifi() { return *wifi_; }
     SPI::ManualClock& manualClock() { return clock_; }
-    // No adapter at all when false.
-    void setWifiPresent(bool present) { wifiPresent_ = present; }
+    void setWifiPresent(bool present) { wifiPresent_ = present; }  // no adapter when false
 
     std::unique_ptr<SPI::File> newFile() override;
     std::unique_ptr<SPI::XmlHttpRequest> newHttpRequest() override;
@@ -88,7 +78,8 @@ class TestPlatform final : public SPI::Platform {
     SPI::Clock& clock() override { return clock_; }
 
   private:
-    std::shared_ptr<std::map<std::string, std::vector<uint8_t>>> files_;
+    std::shared_ptr<std::map<std::string, std::vector<uint8_t>>> files_ =
+        std::make_shared<std::map<std::string, std::vector<uint8_t>>>();
     std::shared_ptr<HttpScript> http_ = std::make_shared<HttpScript>();
     std::shared_ptr<AdapterScript> wifi_ = std::make_shared<AdapterScript>();
     SPI::ManualClock clock_;
@@ -103,12 +94,10 @@ class FailingPlatform final : public SPI::PlatformWrapper {
   public:
     FailingPlatform(std::string service, int n, bool forGood = false);
     ~FailingPlatform() override;
-
     std::unique_ptr<SPI::File> newFile() override;
     std::unique_ptr<SPI::XmlHttpRequest> newHttpRequest() override;
     std::unique_ptr<SPI::XmlParser> newXmlParser() override;
     SPI::AdapterList wifiAdapters() override;
-    int calls() const { return calls_; }
 
   private:
     bool fails(const char* service);
