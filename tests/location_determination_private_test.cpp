@@ -85,8 +85,6 @@ TEST_F(DeterminationTest, PrepareOpensTheFilesOfTheRealmAndSkipsTheOthers) {
     const std::string city = writeFile("city.zel", {storedAt(1, 0, 0), storedAt(2, 10, 0)}, "city");
     use({plain, "/db/missing.zel", city}, "city");
     EXPECT_EQ(determination_.openReaderCount(), 1u);
-    use({plain, "/db/missing.zel", city});
-    EXPECT_EQ(determination_.openReaderCount(), 1u);
     // Each prepare starts over; release closes everything.
     use({plain, plain});
     EXPECT_EQ(determination_.openReaderCount(), 2u);
@@ -102,16 +100,13 @@ TEST_F(DeterminationTest, LookupAsksReadersInPathOrderAndLogsEveryScanRecord) {
         readers.push_back(Tiles::LocalCompressedFileReader::create());
         ASSERT_TRUE(readers.back()->open(path, ""));
     }
-    clock_.set(kT0);
     const Core::ApList scan{heard(2, -60), heard(9, -70), heard(3, -80), heard(2, -65)};
     Testing::LogCapture capture(kCategory);
     const StoredApMap known = lookupStoredAps(readers, scan, SPI::getLogger(kCategory));
     ASSERT_EQ(known.size(), 2u);
     EXPECT_NEAR(known.at(testMac(2)).latitude, latitudeAt(10), 1e-5);  // the first file's
     EXPECT_NEAR(known.at(testMac(3)).latitude, latitudeAt(20), 1e-5);
-    const auto texts = capture.texts();
-    ASSERT_EQ(texts.size(), 4u);  // one per scan record, the repeated MAC too
-    EXPECT_EQ(texts[1], "MAC 000000000009 not found");
+    EXPECT_EQ(capture.texts().size(), 4u);  // one per scan record, the repeated MAC too
 }
 
 TEST_F(DeterminationTest, FirstCallWithoutAKnownApIsRefusedAndLeavesNoHistory) {
@@ -119,15 +114,12 @@ TEST_F(DeterminationTest, FirstCallWithoutAKnownApIsRefusedAndLeavesNoHistory) {
     Core::LocationRecord out;
     EXPECT_EQ(determineAt(kT0, {{9, -60}, {10, -70}}, out), Core::ResultCode::kCannotDetermine);
     EXPECT_TRUE(rawHistory().empty());
-    EXPECT_TRUE(resultHistory().empty());
-    EXPECT_TRUE(out.knownAps.empty());
     EXPECT_TRUE(determination_.trackedAps().empty());
 }
 
 TEST_F(DeterminationTest, SplitsTheScanIntoKnownAndUnknownApsInScanOrder) {
     useCity();
     Core::LocationRecord out;
-    Testing::LogCapture capture(kCategory);
     ASSERT_EQ(determineAt(kT0, {{1, -60}, {9, -50}, {2, -60}, {4, -60}, {10, -50}}, out),
               Core::ResultCode::kOk);
     auto macs = [](const Core::ApList& list) {
@@ -139,13 +131,8 @@ TEST_F(DeterminationTest, SplitsTheScanIntoKnownAndUnknownApsInScanOrder) {
     };
     EXPECT_EQ(macs(out.knownAps), (std::vector{testMac(1), testMac(2), testMac(4)}));
     EXPECT_EQ(macs(out.unknownAps), (std::vector{testMac(9), testMac(10)}));
-    EXPECT_EQ(capture.count(SPI::LogPriority::kDebug, "unknown AP: 000000000009"), 1u);
-    EXPECT_EQ(out.nap, 3);
-    // Equal signals: the centroid of (0,0), (30,0) and (30,30) metres.
-    EXPECT_NEAR(out.latitude, latitudeAt(20), 1e-5);
-    EXPECT_NEAR(out.longitude, longitudeAt(10), 1e-5);
+    EXPECT_NEAR(out.longitude, longitudeAt(10), 1e-5);  // the centroid of the three
     EXPECT_EQ(out.time, Core::TimeStamp::fromMilliseconds(kT0));
-    EXPECT_EQ(rawHistory().size(), 1u);
     EXPECT_EQ(resultHistory().size(), 1u);
     EXPECT_EQ(determination_.trackedAps().size(), 5u);  // the unknown ones too
 }
@@ -158,7 +145,6 @@ TEST_F(DeterminationTest, WithoutKnownApsARawEstimateUnder20SecondsIsReturned) {
     ASSERT_EQ(determineAt(kT0 + 15000, {{9, -60}}, out), Core::ResultCode::kOk);
     EXPECT_EQ(out.latitude, rawHistory()[1].latitude);
     EXPECT_EQ(out.hpe, 150.0);
-    EXPECT_EQ(out.nap, 3);
     EXPECT_EQ(out.time, Core::TimeStamp::fromMilliseconds(kT0 + 15000));
     // The raw record is the history's copy, stamp included.
     EXPECT_EQ(rawHistory()[0].time, Core::TimeStamp::fromMilliseconds(kT0));
@@ -169,7 +155,6 @@ TEST_F(DeterminationTest, EarlyRefusalOnlyBeyond20000Ms) {
     Core::LocationRecord out;
     ASSERT_EQ(determineAt(kT0, {{1, -60}, {2, -60}, {4, -60}}, out), Core::ResultCode::kOk);
     EXPECT_EQ(determineAt(kT0 + 20001, {{9, -60}}, out), Core::ResultCode::kCannotDetermine);
-    EXPECT_EQ(rawHistory().size(), 1u);
     EXPECT_EQ(resultHistory().size(), 1u);
 }
 
@@ -183,8 +168,7 @@ TEST_F(DeterminationTest, AFailedEstimatePushesAZeroRecordThatLaterCallsSee) {
     ASSERT_EQ(resultHistory().size(), 2u);
     EXPECT_EQ(resultHistory()[0].latitude, 0.0);
     EXPECT_EQ(resultHistory()[0].time, Core::TimeStamp::fromMilliseconds(kT0 + 20000));
-    // The zero record is the newest result, 1000 ms old, so smoothing is attempted
-    // (and, with too few samples, gives the raw position).
+    // The zero record, 1000 ms old, starts smoothing, which with too few samples is raw.
     Core::LocationRecord later;
     EXPECT_EQ(determineAt(kT0 + 21000, {{1, -60}, {2, -60}, {4, -60}}, later),
               Core::ResultCode::kOk);
@@ -192,11 +176,10 @@ TEST_F(DeterminationTest, AFailedEstimatePushesAZeroRecordThatLaterCallsSee) {
     EXPECT_EQ(later.speed, 0.0);
 }
 
-// Smoothing with seeded histories: `seeds` raw records at P (20 m north of the base
-// point), 1000 ms apart, and a newest result `resultAgeMs` old at `resultSpeed`.
+// `seeds` raw records at P (20 m north), 1000 ms apart (the oldest `oldestAgeMs` old
+// if given), and a newest result `resultAgeMs` old at `resultSpeed`.
 class SmoothingTest : public DeterminationTest {
   protected:
-    // With `oldestAgeMs`, the oldest seed is that old instead.
     double smoothedLatitude(int seeds, double resultSpeed, uint64_t resultAgeMs,
                             uint64_t oldestAgeMs = 0) {
         useCity();

@@ -25,7 +25,8 @@ Local::LocationHistory historyOf(std::initializer_list<Core::LocationRecord> old
 }
 
 // A record `metres` from the base point in direction `bearing`.
-Core::LocationRecord recordToward(double bearing, double metres, uint64_t timeMs, double speed = 10.0) {
+Core::LocationRecord recordToward(double bearing, double metres, uint64_t timeMs,
+                                  double speed = 10.0) {
     Core::LocationRecord record;
     destination(kBaseLatitude, kBaseLongitude, bearing, metres, record.latitude, record.longitude);
     record.time = Core::TimeStamp::fromMilliseconds(timeMs);
@@ -53,9 +54,8 @@ TEST(EstimateSpeed, NeedsAResultWithAPositionAndMoreThanTwoSamples) {
 }
 
 TEST(EstimateSpeed, StepSpeedsAreCappedAt150KmhBeforeTheMedian) {
-    // Steps of 100 m in 1 s are capped at 41.67 m/s; the overall 100 m/s is not:
-    // (100 + 41.67) / 3.6 x 0.88 x 3.6 = 124.67 km/h. Uncapped steps would give
-    // 200 x 0.88 = 176 km/h, capped at the end to 150.
+    // Steps of 100 m/s are capped at 41.67 m/s, the overall 100 m/s is not:
+    // (100 + 41.67) x 0.88 = 124.67 km/h (uncapped: 176, then capped to 150).
     const Core::LocationRecord raw = recordAt(200, 0, kNow);
     const auto results =
         historyOf({recordAt(0, 0, kNow - 2000, 0.0), recordAt(100, 0, kNow - 1000, 0.0)});
@@ -67,7 +67,8 @@ TEST(EstimateSpeed, MixesInTwelvePercentOfTheNewestResultsSpeedAsItStands) {
     const Core::LocationRecord raw = recordAt(20, 0, kNow);
     const auto results =
         historyOf({recordAt(0, 0, kNow - 2000, 0.0), recordAt(10, 0, kNow - 1000, 36.0)});
-    EXPECT_NEAR(Local::estimateSpeed(raw, results, {}), (20.0 / 3.6 * 0.88 + 0.12 * 36.0) * 3.6, 1e-3);
+    EXPECT_NEAR(Local::estimateSpeed(raw, results, {}), (20.0 / 3.6 * 0.88 + 0.12 * 36.0) * 3.6,
+                1e-3);
 }
 
 TEST(EstimateSpeed, SkipsPairsWithTheSameTimeAndNeedsOneStep) {
@@ -97,7 +98,7 @@ TEST(EstimateSpeed, UsesAtMostFiveSamples) {
     EXPECT_NEAR(Local::estimateSpeed(raw, results, {}), 20.0 / 3.6 * 0.88 * 3.6, 1e-3);
 }
 
-TEST(EstimateSpeed, SteadySignalsMeanStandingStill) {
+TEST(EstimateSpeed, SteadySignalsOrApsHeardInMostRecentScansCapOrStopTheSpeed) {
     const Core::LocationRecord raw = recordAt(200, 0, kNow);
     const auto results = historyOf({recordAt(0, 0, kNow - 2000), recordAt(100, 0, kNow - 1000)});
     Local::LocalApEntry steady = entryAt(1, 0, 0, -70);
@@ -105,50 +106,40 @@ TEST(EstimateSpeed, SteadySignalsMeanStandingStill) {
     EXPECT_EQ(Local::estimateSpeed(raw, results, {steady}), 0.0);
     // Fluctuating by 3 dB and heard in 7 of 21 scans: no limit beyond 150 km/h.
     EXPECT_NEAR(Local::estimateSpeed(raw, results, {fluctuating(1, 7)}), 124.66666666666671, 1e-3);
-}
-
-TEST(EstimateSpeed, ApsHeardInMostRecentScansCapOrStopTheSpeed) {
-    const Core::LocationRecord raw = recordAt(200, 0, kNow);
-    const auto results = historyOf({recordAt(0, 0, kNow - 2000), recordAt(100, 0, kNow - 1000)});
     // Heard in 8 of 21: above 7.5, capped at 4 m/s.
     EXPECT_NEAR(Local::estimateSpeed(raw, results, {fluctuating(1, 8)}), 14.4, 1e-12);
     // 7 and 9: mean 8, still the cap; 8 and 9: mean 8.5, standing still.
-    EXPECT_NEAR(Local::estimateSpeed(raw, results, {fluctuating(1, 7), fluctuating(2, 9)}), 14.4, 1e-12);
+    EXPECT_NEAR(Local::estimateSpeed(raw, results, {fluctuating(1, 7), fluctuating(2, 9)}), 14.4,
+                1e-12);
     EXPECT_EQ(Local::estimateSpeed(raw, results, {fluctuating(1, 8), fluctuating(2, 9)}), 0.0);
     // An entry not heard in slots 0..10 adds to the mean heard count only.
     Local::LocalApEntry lateOnly = entryAt(3, 0, 0);
     lateOnly.rss[15] = -80;
-    EXPECT_NEAR(Local::estimateSpeed(raw, results, {fluctuating(1, 8), lateOnly}), 124.66666666666671,
-                1e-3);
+    EXPECT_NEAR(Local::estimateSpeed(raw, results, {fluctuating(1, 8), lateOnly}),
+                124.66666666666671, 1e-3);
 }
 
-TEST(EstimateBearing, NeedsAPositionAndThreeMovingResults) {
-    const Core::LocationRecord raw = recordToward(0, 0, kNow);
-    const auto moving =
-        historyOf({recordToward(270, 300, kNow - 3000), recordToward(270, 200, kNow - 2000),
-                   recordToward(270, 100, kNow - 1000)});
-    EXPECT_NEAR(Local::estimateBearing(raw, moving), 90.0, 0.01);
-    Core::LocationRecord zero;
-    zero.time = raw.time;
-    EXPECT_EQ(Local::estimateBearing(zero, moving), 0.0);
-    EXPECT_EQ(Local::estimateBearing(raw, historyOf({recordToward(270, 200, kNow - 2000),
-                                              recordToward(270, 100, kNow - 1000)})),
-              0.0);
-    const auto stopped =
-        historyOf({recordToward(270, 300, kNow - 3000, 0.0), recordToward(270, 200, kNow - 2000),
-                   recordToward(270, 100, kNow - 1000)});
-    EXPECT_EQ(Local::estimateBearing(raw, stopped), 0.0);
-}
-
-TEST(EstimateBearing, LastSampleMustBeUnder41001MsOld) {
+TEST(EstimateBearing, NeedsAPositionAndThreeMovingResultsTheLastUnder41001MsOld) {
     const Core::LocationRecord raw = recordToward(0, 0, kNow);
     auto track = [&](uint64_t oldestAge) {
         return historyOf({recordToward(270, 300, kNow - oldestAge),
                           recordToward(270, 200, kNow - 2000),
                           recordToward(270, 100, kNow - 1000)});
     };
+    const auto moving = track(3000);
+    EXPECT_NEAR(Local::estimateBearing(raw, moving), 90.0, 0.01);
     EXPECT_NEAR(Local::estimateBearing(raw, track(41000)), 90.0, 0.01);
     EXPECT_EQ(Local::estimateBearing(raw, track(41001)), 0.0);
+    Core::LocationRecord zero;
+    zero.time = raw.time;
+    EXPECT_EQ(Local::estimateBearing(zero, moving), 0.0);
+    EXPECT_EQ(Local::estimateBearing(raw, historyOf({recordToward(270, 200, kNow - 2000),
+                                                     recordToward(270, 100, kNow - 1000)})),
+              0.0);
+    const auto stopped =
+        historyOf({recordToward(270, 300, kNow - 3000, 0.0), recordToward(270, 200, kNow - 2000),
+                   recordToward(270, 100, kNow - 1000)});
+    EXPECT_EQ(Local::estimateBearing(raw, stopped), 0.0);
 }
 
 TEST(EstimateBearing, PicksTheUpperMiddleAndTheLastSampleGivesNoAngle) {

@@ -2,10 +2,11 @@
 
 #include <gtest/gtest.h>
 
+#include <tuple>
+
 #include "local/location_history.h"
 #include "spi/log.h"
 #include "support/local_entries.h"
-#include "support/log_capture.h"
 
 namespace ZEL::Local {
 namespace {
@@ -40,25 +41,18 @@ TEST(GreatCircleDistance, UsesTheTruncatedDegreeFactorAndTheFixedRadius) {
     // 0.0174532925 x 6372800; the full pi/180 would give 0.000127 m more.
     EXPECT_NEAR(Local::greatCircleDistance(0.0, 0.0, 0.0, 1.0), 111226.3424439902, 1e-6);
     EXPECT_NEAR(Local::greatCircleDistance(0.0, 0.0, 0.0, 180.0), 20020741.662797034, 1e-3);
-    EXPECT_NEAR(Local::greatCircleDistance(0.0, 1.0, 0.0, 0.0),
-                Local::greatCircleDistance(0.0, 0.0, 0.0, 1.0), 1e-9);
-}
-
-TEST(GreatCircleDistance, SamePointIsZeroAlsoWhenRoundingLeavesTheArcCosineDomain) {
-    // At 47 degrees sin^2 + cos^2 rounds to exactly 1; at 45 it rounds above 1 and
-    // the arc cosine is NaN, which counts as 0.
-    EXPECT_EQ(Local::greatCircleDistance(47.0, 8.0, 47.0, 8.0), 0.0);
+    // At 45 degrees sin^2 + cos^2 rounds above 1: the arc cosine's NaN counts as 0.
     EXPECT_EQ(Local::greatCircleDistance(45.0, 8.0, 45.0, 8.0), 0.0);
 }
 
 TEST(QualityFactor, IsFlatBelow18AndAbove30AndLogarithmicBetween) {
-    EXPECT_EQ(Local::qualityFactor(0), 0.001);
-    EXPECT_EQ(Local::qualityFactor(17), 0.001);
-    EXPECT_DOUBLE_EQ(Local::qualityFactor(18), 0.001);
-    EXPECT_NEAR(Local::qualityFactor(24), 0.5636076238316982, 1e-15);
-    EXPECT_NEAR(Local::qualityFactor(30), 1.0, 1e-15);
-    EXPECT_EQ(Local::qualityFactor(31), 1.0);
-    EXPECT_EQ(Local::qualityFactor(4000000000u), 1.0);
+    for (auto [quality, factor] : {std::pair{17u, 0.001},
+                                   {18u, 0.001},
+                                   {24u, 0.5636076238316982},
+                                   {30u, 1.0},
+                                   {4000000000u, 1.0}}) {
+        EXPECT_NEAR(Local::qualityFactor(quality), factor, 1e-15) << quality;
+    }
 }
 
 TEST(GateRadius, WidensFrom75To150To300WhileFewerThanThreeApsAreInside) {
@@ -68,9 +62,6 @@ TEST(GateRadius, WidensFrom75To150To300WhileFewerThanThreeApsAreInside) {
     entries[2] = entryAt(3, 0, 100);
     EXPECT_EQ(Local::gateRadius(entries, referenceAtBase(), 0), 150.0);
     entries[2] = entryAt(3, 0, 200);
-    EXPECT_EQ(Local::gateRadius(entries, referenceAtBase(), 0), 300.0);
-    // 300 m is the last step, whatever it holds.
-    entries = {entryAt(1, 0, 1000)};
     EXPECT_EQ(Local::gateRadius(entries, referenceAtBase(), 0), 300.0);
 }
 
@@ -90,8 +81,6 @@ TEST(GateRadius, AnApAtExactlyTheRadiusStaysButDoesNotCount) {
     EXPECT_EQ(Local::countWithin(entries, reference, radius), 2u);
     Local::removeBeyond(entries, reference, radius);
     ASSERT_EQ(entries.size(), 3u);
-    EXPECT_EQ(entries[0].mac, Testing::testMac(1));
-    EXPECT_EQ(entries[1].mac, Testing::testMac(2));
     EXPECT_EQ(entries[2].mac, Testing::testMac(3));
 }
 
@@ -101,8 +90,6 @@ TEST(EstimatePosition, WithoutHistoryTheReferenceIsTheLowerMedianOfEachAxis) {
     std::vector<Local::LocalApEntry> entries{entryAt(1, 0, 200), entryAt(2, 450, 0)};
     const Core::LocationRecord raw = estimate(entries);
     ASSERT_EQ(entries.size(), 1u);
-    EXPECT_EQ(raw.nap, 1);
-    EXPECT_NEAR(raw.latitude, latitudeAt(0), 1e-12);
     EXPECT_NEAR(raw.longitude, longitudeAt(200), 1e-12);
 }
 
@@ -112,7 +99,6 @@ TEST(EstimatePosition, GateDropsTheFarApOfThreeAndAveragesEqualWeights) {
     const Core::LocationRecord raw = estimate(entries);
     EXPECT_EQ(raw.nap, 2);
     EXPECT_NEAR(raw.latitude, latitudeAt(25), 1e-12);
-    EXPECT_NEAR(raw.longitude, longitudeAt(0), 1e-12);
 }
 
 TEST(EstimatePosition, AHistoryPositionUnder20000MsIsTheReference) {
@@ -124,33 +110,23 @@ TEST(EstimatePosition, AHistoryPositionUnder20000MsIsTheReference) {
     history.add(recordAt(1000, 0, kNow - 19999));
     auto list = entries();
     Core::LocationRecord raw = estimate(list, history);
-    EXPECT_EQ(raw.nap, 2);  // only the two APs near the history position
-    EXPECT_NEAR(raw.latitude, latitudeAt(1000), 1e-12);
-    EXPECT_NEAR(raw.longitude, longitudeAt(0), 1e-12);
+    EXPECT_NEAR(raw.latitude, latitudeAt(1000), 1e-12);  // the two APs near it
 
     // At exactly 20000 ms it is too old: the median (0 N, 0 E) decides.
     history.clear();
     history.add(recordAt(1000, 0, kNow - 20000));
     list = entries();
     raw = estimate(list, history);
-    EXPECT_EQ(raw.nap, 2);
-    EXPECT_NEAR(raw.latitude, latitudeAt(0), 1e-12);
     EXPECT_NEAR(raw.longitude, longitudeAt(5), 1e-12);
 }
 
-TEST(EstimatePosition, RssOfMinus20OrStrongerIsWeightedAsMinus90AndLogged) {
-    for (int32_t strong : {-15, -20, 10}) {
-        Testing::LogCapture capture(kCategory);
+TEST(EstimatePosition, RssOfMinus20OrStrongerIsWeightedAsMinus90) {
+    for (int32_t strong : {-20, 10}) {
         std::vector<Local::LocalApEntry> entries{entryAt(1, 0, 0, strong), entryAt(2, 0, 20, -90)};
-        const Core::LocationRecord raw = estimate(entries);
-        EXPECT_NEAR(raw.longitude, longitudeAt(10), 1e-12) << strong;
-        EXPECT_EQ(capture.count(SPI::LogPriority::kError, "AP RSS was limited to -90dBm"), 1u);
+        EXPECT_NEAR(estimate(entries).longitude, longitudeAt(10), 1e-12) << strong;
     }
-    Testing::LogCapture capture(kCategory);
     std::vector<Local::LocalApEntry> entries{entryAt(1, 0, 0, -21), entryAt(2, 0, 20, -90)};
-    const Core::LocationRecord raw = estimate(entries);
-    EXPECT_LT(raw.longitude, longitudeAt(1));
-    EXPECT_FALSE(capture.contains("AP RSS was limited to -90dBm"));
+    EXPECT_LT(estimate(entries).longitude, longitudeAt(1));
 }
 
 TEST(EstimatePosition, SignalExponentIsClampedToItsRange) {
@@ -190,7 +166,6 @@ TEST(EstimatePosition, RssIsAveragedOverTheTrackedHistoryOnlyBelowTheSpeedLimit)
     };
     const double midpoint = longitudeAt(0) + (longitudeAt(100) - longitudeAt(0)) / 2.0;
     const double unaveraged = longitudeAt(0) + (longitudeAt(100) - longitudeAt(0)) / 11.0;
-    EXPECT_NEAR(run(0.0), midpoint, 1e-12);
     EXPECT_NEAR(run(16.09), midpoint, 1e-12);
     EXPECT_NEAR(run(Local::kRssAveragingSpeedLimit), unaveraged, 1e-12);
     EXPECT_NEAR(run(16.1), unaveraged, 1e-12);
@@ -212,12 +187,9 @@ TEST(EstimatePosition, WithNoApLeftTheNewestRecentHistoryPositionIsCopied) {
         }
         const Core::LocationRecord raw = estimate(entries, history);
         EXPECT_TRUE(entries.empty());
-        EXPECT_EQ(raw.latitude, old.latitude);
         EXPECT_EQ(raw.longitude, old.longitude);
-        EXPECT_EQ(raw.hpe, 42.0);
-        EXPECT_EQ(raw.nap, 7);
-        EXPECT_EQ(raw.speed, 12.5);
-        EXPECT_EQ(raw.bearing, 45.0);
+        EXPECT_EQ(std::tie(raw.hpe, raw.nap, raw.speed, raw.bearing),
+                  std::tie(old.hpe, old.nap, old.speed, old.bearing));
         EXPECT_EQ(raw.time, old.time);
     }
 }
@@ -228,8 +200,6 @@ TEST(EstimatePosition, WithNoApAndNoRecentHistoryThePositionStaysZero) {
     std::vector<Local::LocalApEntry> entries;
     const Core::LocationRecord raw = estimate(entries, history);
     EXPECT_EQ(raw.latitude, 0.0);
-    EXPECT_EQ(raw.longitude, 0.0);
-    EXPECT_EQ(raw.nap, 0);
     EXPECT_EQ(raw.speed, 0.0);
     EXPECT_EQ(raw.time, Core::TimeStamp::fromMilliseconds(kNow));
 }
@@ -245,16 +215,8 @@ TEST(EstimateHpe, FollowsTheCountAndTheSmallestStoredExponent) {
         four.push_back(entryAt(i, 0, i, -60, 50, 0.5));
     }
     EXPECT_NEAR(Local::estimateHpe(four), 75.47236280887124, 1e-9);
-    four[2].signalExponent = 0.25;  // a smaller exponent lowers it
-    EXPECT_LT(Local::estimateHpe(four), 75.0);
-}
-
-TEST(EstimateHpe, NeverFallsBelowOneMetre) {
-    std::vector<Local::LocalApEntry> many;
-    for (int i = 0; i < 30; ++i) {
-        many.push_back(entryAt(i, 0, i, -60, 50, 1.0 / 6.0));
-    }
-    EXPECT_EQ(Local::estimateHpe(many), 1.0);
+    std::vector<Local::LocalApEntry> many(30, entryAt(1, 0, 0, -60, 50, 1.0 / 6.0));
+    EXPECT_EQ(Local::estimateHpe(many), 1.0);  // never below one metre
 }
 
 }  // namespace

@@ -1,6 +1,4 @@
-// A test bench for the engine as the exports drive it: the test platform with a
-// small tile file of known access points, a scripted location server, and clean
-// process-wide state.
+// The engine as the exports drive it: a tile file of known APs, a scripted server.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -30,7 +28,6 @@ class EngineTest : public ::testing::Test {
     // How many scan results the engine read.
     size_t scansRead();
 
-    // A location answer of the server with `nap` APs and, optionally, a city.
     static std::string locationAnswer(int nap, const std::string& city = "");
     static std::string errorAnswer();
 

@@ -21,7 +21,7 @@ Core::MacAddress testMac(int number) {
 }
 
 Local::LocalApEntry entryAt(int number, double northMetres, double eastMetres, int32_t rss,
-                          uint32_t quality, double signalExponent) {
+                            uint32_t quality, double signalExponent) {
     Local::LocalApEntry entry;
     entry.mac = testMac(number);
     entry.latitude = latitudeAt(northMetres);
@@ -33,7 +33,7 @@ Local::LocalApEntry entryAt(int number, double northMetres, double eastMetres, i
 }
 
 Core::LocationRecord recordAt(double northMetres, double eastMetres, uint64_t timeMs, double speed,
-                             double bearing) {
+                              double bearing) {
     Core::LocationRecord record;
     record.latitude = latitudeAt(northMetres);
     record.longitude = longitudeAt(eastMetres);

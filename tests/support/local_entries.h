@@ -24,11 +24,11 @@ Core::MacAddress testMac(int number);
 
 // An entry heard now at `rss`, placed `north`/`east` metres from the base point.
 Local::LocalApEntry entryAt(int number, double northMetres, double eastMetres, int32_t rss = -60,
-                          uint32_t quality = 50, double signalExponent = 0.5);
+                            uint32_t quality = 50, double signalExponent = 0.5);
 
 // A record at the given offset, time and speed.
 Core::LocationRecord recordAt(double northMetres, double eastMetres, uint64_t timeMs,
-                             double speed = 0.0, double bearing = 0.0);
+                              double speed = 0.0, double bearing = 0.0);
 
 // The point `metres` away from (latitude, longitude) in the direction `bearing`
 // (degrees clockwise from north), on a sphere with the estimator's radius.
