@@ -53,7 +53,7 @@ void decodeAll(const std::vector<uint8_t>& file, const std::string& realm) {
     Tiles::BitReader bits(file.data(), static_cast<uint32_t>(file.size()));
     for (uint32_t i = 0; i < spans->size(); ++i) {
         Tile tile;
-        if (tile.parse((*spans)[i].start, realm, &bits, i)) {
+        if (tile.parse((*spans)[i].start, &bits, i)) {
             std::vector<uint64_t> keys{0, tile.firstKey(), tile.lastKey(), tile.lastKey() + 1};
             tile.forEachRecord([&](uint64_t key, const Tiles::StoredApData&) {
                 if (keys.size() < 64) {

@@ -49,7 +49,7 @@ void forEachTile(const TileWriteResult& result, const std::string& realm,
     BitReader in(result.bytes.data(), static_cast<uint32_t>(result.bytes.size()));
     for (uint32_t i = 0; i < spans->size(); ++i) {
         Tile tile;
-        ASSERT_TRUE(tile.parse((*spans)[i].start, realm, &in, i));
+        ASSERT_TRUE(tile.parse((*spans)[i].start, &in, i));
         visit(tile);
     }
 }

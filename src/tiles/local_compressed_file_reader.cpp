@@ -99,7 +99,7 @@ bool CompressedFileReader::loadTiles() {
     ranges.reserve(spans->size());
     for (uint32_t i = 0; i < spans->size(); ++i) {
         Tile& tile = tiles_.emplace_back();
-        if (!tile.parse((*spans)[i].start, realm_, bitReader_.get(), i)) {
+        if (!tile.parse((*spans)[i].start, bitReader_.get(), i)) {
             ZEL_LOG_ERROR(log_, "invalid tile %u", i);
             return false;
         }

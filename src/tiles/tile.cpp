@@ -6,10 +6,8 @@
 
 namespace ZEL::Tiles {
 
-bool Tile::parse(uint32_t startByte, const std::string& realm, BitReader* bitReader,
-                 uint32_t tileIndex) {
+bool Tile::parse(uint32_t startByte, BitReader* bitReader, uint32_t tileIndex) {
     bitReader_ = bitReader;
-    realm_ = realm;
     tileIndex_ = tileIndex;
     BitReader& in = *bitReader_;
     in.setPosition(startByte * 8);
@@ -44,19 +42,6 @@ bool Tile::parse(uint32_t startByte, const std::string& realm, BitReader* bitRea
                    8);
     lastKey_ = in.read(TileFormat::kKeyBits);
     return true;
-}
-
-uint64_t Tile::keyFor(const Core::MacAddress& mac) const {
-    return TileFormat::keyFor(mac, latBase_, lonBase_, realm_);
-}
-
-std::optional<StoredApData> Tile::find(const Core::MacAddress& mac) const {
-    uint64_t key = keyFor(mac);
-    StoredApData data;
-    if (!contains(key) || !findKey(key, data)) {
-        return std::nullopt;
-    }
-    return data;
 }
 
 Tile::Block Tile::locate(uint64_t key) const {

@@ -34,17 +34,12 @@ class Tile {
     // Parses the header of the tile that starts at byte `startByte` of the
     // stream. Returns whether the header is valid (precision 1..7, non-zero bases
     // and widths); the reader keeps `bitReader` alive as long as the tile.
-    bool parse(uint32_t startByte, const std::string& realm, BitReader* bitReader,
-               uint32_t tileIndex);
+    bool parse(uint32_t startByte, BitReader* bitReader, uint32_t tileIndex);
 
     // Whether `key` lies in the tile's range [first block key, last block key].
     bool contains(uint64_t key) const { return firstKey_ <= key && key <= lastKey_; }
-    // The 48-bit key of `mac` in this tile: hashed with the bases when the realm
-    // is not empty.
-    uint64_t keyFor(const Core::MacAddress& mac) const;
-    // What the tile stores for `mac`, if anything.
-    std::optional<StoredApData> find(const Core::MacAddress& mac) const;
-    // The same for a key already computed by keyFor().
+    // What the tile stores under `key` (computed with TileFormat::keyFor and this
+    // tile's bases), searching through the bounds-checked BitReader.
     bool findKey(uint64_t key, StoredApData& data) const { return decode(locate(key), key, data); }
 
     // Where `key` can lie: the key and the bit position of the last block whose
@@ -109,7 +104,6 @@ class Tile {
     uint32_t indexCount_ = 0;
     uint64_t firstKey_ = 0;
     uint64_t lastKey_ = 0;
-    std::string realm_;
     uint32_t tileIndex_ = 0;
 };
 

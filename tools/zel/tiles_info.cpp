@@ -103,7 +103,7 @@ int info(const InfoArguments& arguments) {
     uint64_t records = 0;
     for (uint32_t i = 0; spans && i < spans->size(); ++i) {
         ZEL::Tiles::Tile tile;
-        tile.parse((*spans)[i].start, arguments.realm, &bits, i);
+        tile.parse((*spans)[i].start, &bits, i);
         records += tile.recordCount();
         tiles.push_back(describeTile(tile, (*spans)[i]));
     }
