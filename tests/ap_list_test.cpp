@@ -21,11 +21,6 @@ TEST(MacText, PrintsLastStoredByteFirstAndParsesWithAndWithoutSeparators) {
     }
 }
 
-TEST(ListText, JoinsMacAndSignal) {
-    EXPECT_EQ(toText(ApList{ap("AABBCCDDEEFF", -75), ap("112233445566", -80)}),
-              "AABBCCDDEEFF, -75; 112233445566, -80");
-}
-
 TEST(Unique, SortsByPrintedMacAndKeepsOnePerMac) {
     ApList list{ap("020000000001", -1), ap("010000000002", -2), ap("020000000001", -3),
                 ap("010000000001", -4)};
@@ -33,6 +28,17 @@ TEST(Unique, SortsByPrintedMacAndKeepsOnePerMac) {
     ASSERT_EQ(list.size(), 3u);
     EXPECT_EQ(macText(list[0].mac), "010000000001");
     EXPECT_EQ(macText(list[2].mac), "020000000001");
+}
+
+TEST(Age, IsComputedFromSecondsAndMillisecondsAndMaySignNegative) {
+    struct Row {
+        TimeStamp now, then;
+        int32_t age;
+    };
+    for (Row row : {Row{{100, 250}, {95, 750}, 4500}, Row{{100, 0}, {100, 0}, 0},
+                    Row{{95, 750}, {100, 250}, -4500}}) {
+        EXPECT_EQ(ageMs(row.now, row.then), row.age) << row.now.seconds;
+    }
 }
 
 TimeStamp at(uint64_t ms) {

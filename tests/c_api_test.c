@@ -1,5 +1,5 @@
-/* The public header as a C program sees it: plain C89/C99, records and codes usable,
- * the free functions linked from libzelapi.so and accepting null. */
+/* The public header as a C program sees it: plain C89/C99, the records' layout, the
+ * free functions linked from libzelapi.so and accepting null. */
 #include <stddef.h>
 #include <stdio.h>
 
@@ -26,14 +26,6 @@ int main(void) {
     failures +=
         check(offsetof(ZEL_StreetAddress, state_code) == 7 * sizeof(char*), "state_code offset");
     failures += check(sizeof(((ZEL_StreetAddress*)0)->country_code) == 4, "country_code size");
-    failures += check(ZEL_OK == 0 && ZEL_ERROR_WIFI == 2 && ZEL_ERROR_NO_WIFI_IN_RANGE == 3 &&
-                          ZEL_ERROR_UNAUTHORIZED == 4 && ZEL_ERROR_SERVER_UNAVAILABLE == 5 &&
-                          ZEL_ERROR_LOCATION_CANNOT_BE_DETERMINED == 6 &&
-                          ZEL_ERROR_PROXY_UNAUTHORIZED == 7 && ZEL_ERROR_NOT_READY == 99,
-                      "result codes");
-    failures += check(ZEL_NO_STREET_ADDRESS_LOOKUP == 0 && ZEL_LIMITED_STREET_ADDRESS_LOOKUP == 1 &&
-                          ZEL_FULL_STREET_ADDRESS_LOOKUP == 2,
-                      "lookup levels");
     location.known_aps.count = 0;
     location.known_aps.aps = NULL;
     failures += check(location.known_aps.aps == NULL && callback == NULL, "AP table");
@@ -41,6 +33,6 @@ int main(void) {
     ZEL_free_location(NULL);
     ZEL_free_ip_location(NULL);
 
-    printf("%d passed, %d failed\n", 7 - failures, failures);
+    printf("%d passed, %d failed\n", 5 - failures, failures);
     return failures == 0 ? 0 : 1;
 }

@@ -41,7 +41,7 @@ TEST(CallerStreetAddress, EveryFieldSurvivesInOneBlock) {
     freeCallerStreetAddress(record);
 }
 
-TEST(CallerLocation, CopiesNumbersAndApTables) {
+TEST(CallerLocation, CopiesNumbersApTablesAndIpLocations) {
     Core::LocationRecord source;
     source.bearing = 270.5;
     source.streetAddress = fullAddress();
@@ -59,18 +59,13 @@ TEST(CallerLocation, CopiesNumbersAndApTables) {
     location = makeCallerLocation(Core::LocationRecord{});
     EXPECT_EQ(location->street_address, nullptr);
     freeCallerLocation(location);
-}
 
-TEST(CallerIpLocation, CopiesIpAndAddress) {
-    ZEL_IPLocation* location =
+    ZEL_IPLocation* ip =
         makeCallerIpLocation(Core::IpLocationRecord{"192.0.2.7", 48.1, 11.6, fullAddress()});
-    EXPECT_STREQ(location->ip, "192.0.2.7");
-    EXPECT_EQ(location->longitude, 11.6);
-    EXPECT_STREQ(location->street_address->address_line[1], "Marylebone");
-    freeCallerIpLocation(location);
-    location = makeCallerIpLocation(Core::IpLocationRecord{});
-    EXPECT_EQ(location->street_address, nullptr);
-    freeCallerIpLocation(location);
+    EXPECT_STREQ(ip->ip, "192.0.2.7");
+    EXPECT_EQ(ip->longitude, 11.6);
+    EXPECT_STREQ(ip->street_address->address_line[1], "Marylebone");
+    freeCallerIpLocation(ip);
 }
 
 }  // namespace

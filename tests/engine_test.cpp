@@ -62,7 +62,9 @@ TEST_F(OneShotFlow, ServerAnswersDecideWhetherTheLoopGoesOn) {
         ResultCode code;
         size_t requests;  // a server that cannot place the APs is asked every cycle
     };
-    for (const Row& row : {Row{{200, errorAnswer()}, ResultCode::kCannotDetermine, kFullLoopCycles},
+    for (const Row& row : {Row{{200, Testing::serverAnswer("LocationRS", "<error/>")},
+                               ResultCode::kCannotDetermine,
+                               kFullLoopCycles},
                            Row{{500, "broken"}, ResultCode::kServerUnavailable, 1},
                            Row{{0, "", 10061}, ResultCode::kServerUnavailable, 1}}) {
         platform_.http().calls.clear();
@@ -83,13 +85,6 @@ TEST_F(OneShotFlow, NoAccessPointHeardGivesThreeAfterTheLoop) {
     EXPECT_EQ(scansRead(), kFullLoopCycles);
     EXPECT_EQ(platform_.manualClock().sleptMs(), 5500u);  // the last cycle does not sleep
     EXPECT_EQ(locationCache().size(), 0u);                // nothing heard, nothing cached
-}
-
-TEST_F(OneShotFlow, AdapterFailuresGiveTwoAndNoRecord) {
-    platform_.wifi().failGet = {true};
-    std::optional<Core::LocationRecord> location;
-    EXPECT_EQ(locate(credentials_, Core::kNoStreetAddress, location), ResultCode::kWifiFailure);
-    EXPECT_FALSE(location);
 }
 
 TEST_F(OneShotFlow, CacheAnswersARepeatedSetAfterTwoSeconds) {

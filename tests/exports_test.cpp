@@ -5,7 +5,6 @@
 #include <mutex>
 #include <thread>
 
-#include "remote/request_messages.h"
 #include "support/engine_fixture.h"
 #include "zelapi.h"
 #include "zelapi_ext.h"
@@ -32,10 +31,9 @@ TEST_F(Exports, SettersTranslateNullToEmpty) {
 }
 
 TEST_F(Exports, IpLocationGivesARecordOnlyOnSuccess) {
-    platform_.http().respond({200, "<IPLocationRS xmlns='" +
-                                       std::string(Remote::kRequestNamespaceUri) +
-                                       "'><ip-location><ip>192.0.2.9</ip><latitude>1.5</latitude>"
-                                       "<longitude>2.5</longitude></ip-location></IPLocationRS>"});
+    platform_.http().respond(
+        {200,
+         Testing::serverAnswer("IPLocationRS", "<ip-location><ip>192.0.2.9</ip></ip-location>")});
     ZEL_IPLocation* location = nullptr;
     ASSERT_EQ(ZEL_ip_location(&kTester, ZEL_NO_STREET_ADDRESS_LOOKUP, &location), ZEL_OK);
     EXPECT_STREQ(location->ip, "192.0.2.9");
@@ -46,14 +44,6 @@ TEST_F(Exports, IpLocationGivesARecordOnlyOnSuccess) {
     EXPECT_EQ(ZEL_ip_location(&kTester, ZEL_NO_STREET_ADDRESS_LOOKUP, &untouched),
               ZEL_ERROR_UNAUTHORIZED);
     EXPECT_EQ(untouched, nullptr);
-}
-
-TEST_F(Exports, RegisterUserSendsTheNewUser) {
-    platform_.http().respond({200, "<RegistrationRS/>"});
-    ZEL_Authentication newUser{"bob", "acme"};
-    EXPECT_EQ(ZEL_register_user(&kTester, &newUser), ZEL_OK);
-    EXPECT_NE(platform_.http().calls.at(0).body.find("<username>bob</username><realm>acme"),
-              std::string::npos);
 }
 
 // A scan source over a fixed list of APs, as an application would write one.

@@ -106,7 +106,7 @@ TEST_F(DeterminationTest, LookupAsksReadersInPathOrderAndLogsEveryScanRecord) {
     ASSERT_EQ(known.size(), 2u);
     EXPECT_NEAR(known.at(testMac(2)).latitude, latitudeAt(10), 1e-5);  // the first file's
     EXPECT_NEAR(known.at(testMac(3)).latitude, latitudeAt(20), 1e-5);
-    EXPECT_EQ(capture.texts().size(), 4u);  // one per scan record, the repeated MAC too
+    EXPECT_EQ(capture.messages().size(), 4u);  // one per scan record, the repeated MAC too
 }
 
 TEST_F(DeterminationTest, FirstCallWithoutAKnownApIsRefusedAndLeavesNoHistory) {

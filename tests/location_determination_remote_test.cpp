@@ -10,14 +10,11 @@ namespace {
 
 using Core::ResultCode;
 using Testing::HttpReply;
+using Testing::serverAnswer;
 
 const Core::Credentials kAlice{"alice", "acme"};
 
-std::string answer(const std::string& root, const std::string& body) {
-    return "<" + root + " xmlns='" + kRequestNamespaceUri + "'>" + body + "</" + root + ">";
-}
-
-const std::string kLocationAnswer = answer(
+const std::string kLocationAnswer = serverAnswer(
     "LocationRS",
     "<location nap='4'><latitude>48.2</latitude><longitude>16.37</longitude><hpe>30</hpe>"
     "<street-address><city>Vienna</city><country code='AT'>Austria</country></street-address>"
@@ -51,11 +48,12 @@ TEST_F(RemoteExchange, LocationPostsTheRequestAndParsesTheAnswer) {
 
 TEST_F(RemoteExchange, IpLocationAndRegistrationGoToTheirPaths) {
     remote_.setServerUrl("https://zel.test/zel2/");  // paths are appended as they stand
-    platform_.http().respond({200, answer("IPLocationRS",
-                                          "<ip-location><ip>203.0.113.9</ip><latitude>1</latitude>"
-                                          "<longitude>2</longitude></ip-location>")});
-    platform_.http().respond({200, answer("RegistrationRS", "")});
-    platform_.http().respond({200, answer("RegistrationRS", "<error>taken</error>")});
+    platform_.http().respond(
+        {200, serverAnswer("IPLocationRS",
+                           "<ip-location><ip>203.0.113.9</ip><latitude>1</latitude>"
+                           "<longitude>2</longitude></ip-location>")});
+    platform_.http().respond({200, serverAnswer("RegistrationRS", "")});
+    platform_.http().respond({200, serverAnswer("RegistrationRS", "<error>taken</error>")});
     Core::IpLocationRecord ip;
     ASSERT_EQ(remote_.ipLocation(kAlice, 1, ip), ResultCode::kOk);
     EXPECT_EQ(ip.ip, "203.0.113.9");
@@ -121,7 +119,7 @@ TEST_F(RemoteExchange, ProxyHostPortAndCredentialsReachTheExchange) {
     for (Row row : {Row{"proxy", 3128, "proxy:3128"}, Row{"proxy", 0, "proxy"},
                     Row{"proxy", -1, "proxy"}, Row{"proxy", -2, "proxy:-2"}}) {
         remote_.setProxy(row.host, row.port, "user", "secret");
-        platform_.http().respond({200, answer("RegistrationRS", "")});
+        platform_.http().respond({200, serverAnswer("RegistrationRS", "")});
         EXPECT_EQ(remote_.registerUser(kAlice, kAlice), ResultCode::kOk);
         const Testing::HttpCall& call = calls().back();
         EXPECT_EQ(call.proxy, row.proxy);
@@ -132,7 +130,7 @@ TEST_F(RemoteExchange, ProxyHostPortAndCredentialsReachTheExchange) {
     }
     // An empty host turns the proxy off and keeps user and password.
     remote_.setProxy("", 8080, "other", "other");
-    platform_.http().respond({200, answer("RegistrationRS", "")});
+    platform_.http().respond({200, serverAnswer("RegistrationRS", "")});
     EXPECT_EQ(remote_.registerUser(kAlice, kAlice), ResultCode::kOk);
     EXPECT_EQ(calls().back().proxy, "");
     EXPECT_EQ(calls().back().proxyUser, "");

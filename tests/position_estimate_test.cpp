@@ -55,22 +55,21 @@ TEST(QualityFactor, IsFlatBelow18AndAbove30AndLogarithmicBetween) {
     }
 }
 
-TEST(GateRadius, WidensFrom75To150To300WhileFewerThanThreeApsAreInside) {
-    std::vector<Local::LocalApEntry> entries{entryAt(1, 0, 10), entryAt(2, 0, 20),
-                                             entryAt(3, 0, 30)};
-    EXPECT_EQ(Local::gateRadius(entries, referenceAtBase(), 0), 75.0);
-    entries[2] = entryAt(3, 0, 100);
-    EXPECT_EQ(Local::gateRadius(entries, referenceAtBase(), 0), 150.0);
-    entries[2] = entryAt(3, 0, 200);
-    EXPECT_EQ(Local::gateRadius(entries, referenceAtBase(), 0), 300.0);
-}
-
-TEST(GateRadius, GrowsOneMetrePer100MsOfReferenceAgeUpTo20000Ms) {
-    std::vector<Local::LocalApEntry> entries{entryAt(1, 0, 10), entryAt(2, 0, 20),
-                                             entryAt(3, 0, 30)};
-    EXPECT_DOUBLE_EQ(Local::gateRadius(entries, referenceAtBase(), 5000), 125.0);
-    EXPECT_DOUBLE_EQ(Local::gateRadius(entries, referenceAtBase(), 20000), 275.0);
-    EXPECT_DOUBLE_EQ(Local::gateRadius(entries, referenceAtBase(), 20001), 75.0);
+// 75, then 150, then 300 m while fewer than three APs lie inside; one metre more
+// per 100 ms of the reference's age, up to 20000 ms.
+TEST(GateRadius, WidensWhileFewApsAreInsideAndWithTheReferencesAge) {
+    struct Row {
+        double thirdEast;
+        int32_t ageMs;
+        double radius;
+    };
+    for (Row row : {Row{30, 0, 75}, Row{100, 0, 150}, Row{200, 0, 300}, Row{30, 5000, 125},
+                    Row{30, 20000, 275}, Row{30, 20001, 75}}) {
+        std::vector<Local::LocalApEntry> entries{entryAt(1, 0, 10), entryAt(2, 0, 20),
+                                                 entryAt(3, 0, row.thirdEast)};
+        EXPECT_DOUBLE_EQ(Local::gateRadius(entries, referenceAtBase(), row.ageMs), row.radius)
+            << row.thirdEast << " m, " << row.ageMs << " ms";
+    }
 }
 
 TEST(GateRadius, AnApAtExactlyTheRadiusStaysButDoesNotCount) {
@@ -192,13 +191,11 @@ TEST(EstimatePosition, WithNoApLeftTheNewestRecentHistoryPositionIsCopied) {
                   std::tie(old.hpe, old.nap, old.speed, old.bearing));
         EXPECT_EQ(raw.time, old.time);
     }
-}
-
-TEST(EstimatePosition, WithNoApAndNoRecentHistoryThePositionStaysZero) {
-    Local::LocationHistory history;
+    // At 20000 ms the position is too old to copy: it stays zero, stamped now.
+    history.clear();
     history.add(recordAt(300, 400, kNow - 20000, 12.5, 45.0));
-    std::vector<Local::LocalApEntry> entries;
-    const Core::LocationRecord raw = estimate(entries, history);
+    std::vector<Local::LocalApEntry> none;
+    const Core::LocationRecord raw = estimate(none, history);
     EXPECT_EQ(raw.latitude, 0.0);
     EXPECT_EQ(raw.speed, 0.0);
     EXPECT_EQ(raw.time, Core::TimeStamp::fromMilliseconds(kNow));

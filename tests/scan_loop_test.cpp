@@ -149,15 +149,5 @@ TEST_F(ScanLoopTest, NoAdapterIsAWifiError) {
     EXPECT_EQ(log.count(SPI::LogPriority::kError, "couldn't find any Wi-Fi adapters"), 1u);
 }
 
-TEST_F(ScanLoopTest, ZeroPeriodsRunsUntilAdapterFailureStopsIt) {
-    script_.failGet = std::deque<bool>(40, false);
-    script_.failGet.push_back(true);
-    std::vector<int> answers(40, 1);
-    answers.push_back(0);  // stop on the failure
-    EXPECT_EQ(run(500, 0, answers), ResultCode::kWifiFailure);
-    ASSERT_EQ(calls_.size(), 41u);
-    EXPECT_GT(calls_.back().elapsed, 500u * 10);  // far beyond any period limit
-}
-
 }  // namespace
 }  // namespace ZEL::API

@@ -2,8 +2,6 @@
 
 #include <gtest/gtest.h>
 
-#include <sstream>
-
 namespace ZEL::API {
 namespace {
 
@@ -39,28 +37,6 @@ TEST(ScanRecording, RejectsMalformedLinesWithAReason) {
     EXPECT_EQ(errorOf(R"({"t_ms": 4294967296000, "aps": []})"), badTime);
     EXPECT_EQ(errorOf(R"({"t_ms": 1, "aps": {}})"), "\"aps\" missing or not an array");
     EXPECT_EQ(errorOf(std::string(Local::kMaxRecordingLineBytes + 1, ' ')), "line too long");
-}
-
-TEST(ScanRecordingReader, NumbersLinesSkipsBlankOnesAndGoesOnAfterABadOne) {
-    std::istringstream in(
-        "{\"t_ms\":1,\"aps\":[]}\n"
-        "\n"
-        "   \r\n"
-        "{\"t_ms\":oops}\n"
-        "{\"t_ms\":3,\"aps\":[{\"mac\":\"AABBCCDDEEFF\",\"rss\":-50}]}");  // no final newline
-    Local::ScanRecordingReader reader(in);
-    auto first = reader.next();
-    ASSERT_TRUE(first && first->scan);
-    EXPECT_EQ(first->line, 1u);
-    auto bad = reader.next();
-    ASSERT_TRUE(bad.has_value());
-    EXPECT_FALSE(bad->scan.has_value());
-    EXPECT_EQ(bad->line, 4u);
-    auto last = reader.next();
-    ASSERT_TRUE(last && last->scan);
-    EXPECT_EQ(last->line, 5u);
-    EXPECT_EQ(last->scan->timeMs, 3u);
-    EXPECT_FALSE(reader.next().has_value());
 }
 
 }  // namespace

@@ -48,10 +48,18 @@ TEST(UpdateTrackedAps, EachCallShiftsTheHistoryBySlot) {
     EXPECT_EQ(tracked[1].rss[2], -60);
 }
 
-TEST(UpdateTrackedAps, AnApUnheardFor21CallsIsDropped) {
+// An AP unheard for 21 calls is dropped; an AP whose slots sum to 0 too (a nonsense
+// positive RSS cancelling an earlier one). Heard twice in one scan: one entry.
+TEST(UpdateTrackedAps, ApsLeaveAfter21SilentCallsOrWhenTheirSlotsSumToZero) {
     std::vector<Local::LocalApEntry> tracked;
-    Local::updateTrackedAps(tracked, {}, {heard(1, -50), heard(2, -60)});
-    for (int call = 1; call <= 20; ++call) {
+    Local::updateTrackedAps(tracked, {},
+                            {heard(1, -50), heard(2, -60), heard(3, -50), heard(3, -55)});
+    ASSERT_EQ(tracked.size(), 3u);
+    EXPECT_EQ(tracked[2].rss[0], -55);
+    Local::updateTrackedAps(tracked, {}, {heard(3, 55)});
+    ASSERT_EQ(tracked.size(), 2u);
+    EXPECT_EQ(tracked[1].rss[1], -60);
+    for (int call = 2; call <= 20; ++call) {
         // AP 2 is heard again on the 20th call and keeps its history.
         Local::updateTrackedAps(tracked, {},
                                 call == 20 ? Core::ApList{heard(2, -61)} : Core::ApList{});
@@ -63,17 +71,6 @@ TEST(UpdateTrackedAps, AnApUnheardFor21CallsIsDropped) {
     EXPECT_EQ(tracked[0].mac, testMac(2));
     EXPECT_EQ(tracked[0].rss[1], -61);
     EXPECT_EQ(tracked[0].rss[20], 0);  // its first scan fell off the end
-}
-
-TEST(UpdateTrackedAps, RemovalGoesBySlotSumAndDuplicatesShareOneEntry) {
-    std::vector<Local::LocalApEntry> tracked;
-    // Heard twice in one scan: one entry, the later record's RSS in slot 0.
-    Local::updateTrackedAps(tracked, {}, {heard(1, -50), heard(1, -55)});
-    ASSERT_EQ(tracked.size(), 1u);
-    EXPECT_EQ(tracked[0].rss[0], -55);
-    // A nonsense positive RSS that cancels an earlier one sums to 0: dropped.
-    Local::updateTrackedAps(tracked, {}, {heard(1, 55)});
-    EXPECT_TRUE(tracked.empty());
 }
 
 }  // namespace

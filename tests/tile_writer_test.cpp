@@ -6,7 +6,6 @@
 #include <functional>
 #include <map>
 #include <random>
-#include <set>
 #include <unordered_map>
 
 #include "support/hand_built_tile.h"
@@ -156,28 +155,6 @@ TEST_F(TileWriterTest, EveryTileHasTwoIndexEntriesItsGreatestKeyLastAndTightWidt
         });
         EXPECT_EQ(records, aps.size());
     }
-}
-
-// A MAC absent from a hashed file costs one key per cell: a city smaller than a
-// cell must make one cell even where it straddles a multiple of the cell size.
-TEST_F(TileWriterTest, HashedCityAcrossAGridLineStaysOneCell) {
-    std::vector<AccessPointPosition> aps = cityOf(3000, 12, 9);
-    for (auto& ap : aps) {  // around 46.0 N 9.0 E, both multiples of half a degree
-        ap.latitude -= 1.5;
-        ap.longitude += 0.5;
-    }
-    auto cellsOf = [&](const TileWriterOptions& options) {
-        TileWriteResult result = TileWriter::build(aps, "city", options);
-        EXPECT_TRUE(result.ok) << result.error;
-        std::set<std::pair<int32_t, int32_t>> bases;
-        forEachTile(result, "city",
-                    [&](const Tile& tile) { bases.emplace(tile.latBase(), tile.lonBase()); });
-        return std::pair(bases.size(), result.tiles);
-    };
-    auto [cells, tiles] = cellsOf({});
-    EXPECT_EQ(cells, 1u);
-    EXPECT_GT(tiles, 1u);
-    EXPECT_GT(cellsOf({.cellDegrees = 0.02}).first, 4u);
 }
 
 TEST_F(TileWriterTest, DuplicateMacsAndCollidingKeysAreDroppedWithAWarning) {

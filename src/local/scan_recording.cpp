@@ -50,10 +50,6 @@ bool parseAp(const json& item, uint64_t timeMs, Core::ScannedAP& ap, std::string
     return true;
 }
 
-bool isBlank(std::string_view line) {
-    return line.find_first_not_of(" \t\r") == std::string_view::npos;
-}
-
 }  // namespace
 
 std::optional<RecordedScan> parseRecordedScan(std::string_view line, std::string& error) {
@@ -111,18 +107,14 @@ std::string formatRecordedScan(const RecordedScan& scan) {
 }
 
 std::optional<ScanRecordingReader::Item> ScanRecordingReader::next() {
-    std::string text;
-    while (std::getline(in_, text)) {
-        ++line_;
-        if (isBlank(text)) {
-            continue;
-        }
-        Item item;
-        item.line = line_;
-        item.scan = parseRecordedScan(text, item.error);
-        return item;
+    std::string_view text;
+    if (!lines_.nextLine(text)) {
+        return std::nullopt;
     }
-    return std::nullopt;
+    Item item;
+    item.line = lines_.lineNumber();
+    item.scan = parseRecordedScan(text, item.error);
+    return item;
 }
 
 }  // namespace ZEL::Local

@@ -17,6 +17,7 @@
 #include <string_view>
 
 #include "core/scanned_ap.h"
+#include "core/text_reader.h"
 
 namespace ZEL::Local {
 
@@ -48,14 +49,13 @@ class ScanRecordingReader {
         std::string error;                 // why, when malformed
     };
 
-    explicit ScanRecordingReader(std::istream& in) : in_(in) {}
+    explicit ScanRecordingReader(std::istream& in) : lines_(in) {}
 
     // The next non-blank line, parsed; nothing at the end of the stream.
     std::optional<Item> next();
 
   private:
-    std::istream& in_;
-    size_t line_ = 0;
+    Core::TextReader lines_;
 };
 
 }  // namespace ZEL::Local

@@ -3,7 +3,6 @@
 #include <algorithm>
 
 #include "local/location_history.h"
-#include "remote/request_messages.h"
 #include "tiles/tile_writer.h"
 
 namespace ZEL::Testing {
@@ -53,15 +52,10 @@ size_t EngineTest::scansRead() {
 std::string EngineTest::locationAnswer(int nap, const std::string& city) {
     std::string address =
         city.empty() ? "" : "<street-address><city>" + city + "</city></street-address>";
-    return "<?xml version='1.0'?><LocationRS xmlns='" + std::string(Remote::kRequestNamespaceUri) +
-           "'><location nap='" + std::to_string(nap) +
-           "'><latitude>52.52</latitude><longitude>13.405</longitude><hpe>42</hpe>" + address +
-           "</location></LocationRS>";
-}
-
-std::string EngineTest::errorAnswer() {
-    return "<?xml version='1.0'?><LocationRS xmlns='" + std::string(Remote::kRequestNamespaceUri) +
-           "'><error/></LocationRS>";
+    return serverAnswer("LocationRS", "<location nap='" + std::to_string(nap) +
+                                          "'><latitude>52.52</latitude><longitude>13.405"
+                                          "</longitude><hpe>42</hpe>" +
+                                          address + "</location>");
 }
 
 }  // namespace ZEL::Testing

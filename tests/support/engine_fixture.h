@@ -29,7 +29,6 @@ class EngineTest : public ::testing::Test {
     size_t scansRead();
 
     static std::string locationAnswer(int nap, const std::string& city = "");
-    static std::string errorAnswer();
 
     Core::Credentials credentials_{"tester", kRealm};
     TestPlatform platform_;

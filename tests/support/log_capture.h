@@ -28,13 +28,6 @@ class LogCapture {
     LogCapture& operator=(const LogCapture&) = delete;
 
     const std::vector<LoggedMessage>& messages() const { return messages_; }
-    std::vector<std::string> texts() const {  // in order
-        std::vector<std::string> texts;
-        for (const auto& message : messages_) {
-            texts.push_back(message.text);
-        }
-        return texts;
-    }
     // How many messages equal `text` at `priority`.
     size_t count(SPI::LogPriority priority, const std::string& text) const {
         return std::count_if(messages_.begin(), messages_.end(), [&](const LoggedMessage& m) {

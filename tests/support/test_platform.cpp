@@ -8,6 +8,7 @@
 #include <stdexcept>
 #include <tuple>
 
+#include "remote/request_messages.h"
 #include "spi/xml/libxml2_parser.h"
 
 namespace ZEL::Testing {
@@ -45,30 +46,25 @@ class GuardedMapping final : public SPI::FileMapping {
     size_t length_;
 };
 
+// Read-only: the code under test only reads and maps tile files.
 class MemoryFile final : public SPI::File {
   public:
     explicit MemoryFile(std::shared_ptr<FileTable> files) : files_(std::move(files)) {}
 
     int open(const std::string& path, uint32_t mode) override {
-        close();
-        auto found = files_->find(path);
-        if ((mode & (kRead | kWrite)) == 0 || (found == files_->end() && !(mode & kCreate))) {
-            return -1;
-        }
-        if (mode & (kCreate | kTruncate)) {
-            (*files_)[path].clear();
-        }
-        path_ = path;
-        position_ = (mode & kAppend) ? bytes().size() : 0;
-        return 0;
+        found_ = (mode & kRead) != 0 && (mode & (kWrite | kCreate | kTruncate)) == 0
+                     ? files_->find(path)
+                     : files_->end();
+        position_ = 0;
+        return found_ == files_->end() ? -1 : 0;
     }
     int close() override {
-        path_.clear();
+        found_ = files_->end();
         return 0;
     }
-    uint64_t size() override { return path_.empty() ? kSizeFailure : bytes().size(); }
+    uint64_t size() override { return found_ == files_->end() ? kSizeFailure : bytes().size(); }
     size_t read(void* buffer, size_t count) override {
-        if (path_.empty() || position_ >= bytes().size()) {
+        if (found_ == files_->end() || position_ >= bytes().size()) {
             return 0;
         }
         size_t done = std::min(count, bytes().size() - position_);
@@ -76,18 +72,9 @@ class MemoryFile final : public SPI::File {
         position_ += done;
         return done;
     }
-    size_t write(const void* buffer, size_t count) override {
-        if (path_.empty()) {
-            return 0;
-        }
-        bytes().resize(std::max(bytes().size(), position_ + count));
-        std::copy_n(static_cast<const uint8_t*>(buffer), count,
-                    bytes().begin() + static_cast<ptrdiff_t>(position_));
-        position_ += count;
-        return count;
-    }
+    size_t write(const void*, size_t) override { return 0; }
     std::unique_ptr<SPI::FileMapping> map(uint64_t offset, size_t length) override {
-        if (path_.empty() || length == 0 || offset > bytes().size() ||
+        if (found_ == files_->end() || length == 0 || offset > bytes().size() ||
             length > bytes().size() - offset) {
             return nullptr;
         }
@@ -95,9 +82,9 @@ class MemoryFile final : public SPI::File {
     }
 
   private:
-    std::vector<uint8_t>& bytes() { return (*files_)[path_]; }
+    const std::vector<uint8_t>& bytes() const { return found_->second; }
     std::shared_ptr<FileTable> files_;
-    std::string path_;
+    FileTable::iterator found_ = files_->end();
     size_t position_ = 0;
 };
 
@@ -105,10 +92,8 @@ class ScriptedHttpRequest final : public SPI::XmlHttpRequest {
   public:
     explicit ScriptedHttpRequest(std::shared_ptr<HttpScript> script) : script_(std::move(script)) {}
 
-    void setCompletionCallback(CompletionCallback callback, void* context) override {
-        callback_ = callback;
-        context_ = context;
-    }
+    // Synchronous only: the engine never sends asynchronously.
+    void setCompletionCallback(CompletionCallback, void*) override {}
     int open(int method, const std::string& url, const std::string& proxy, int proxyPort,
              const std::string& proxyUser, const std::string& proxyPassword, bool async) override {
         int result = open(method, url, async);
@@ -121,8 +106,8 @@ class ScriptedHttpRequest final : public SPI::XmlHttpRequest {
         call_ = HttpCall{};
         call_.method = method;
         call_.url = url;
-        async_ = async;
-        opened_ = method >= kGet && method <= kHead && url.find("://") != std::string::npos;
+        opened_ =
+            !async && method >= kGet && method <= kHead && url.find("://") != std::string::npos;
         return opened_ ? 0 : 22;
     }
     void setRequestHeader(const std::string& name, const std::string& value) override {
@@ -142,10 +127,7 @@ class ScriptedHttpRequest final : public SPI::XmlHttpRequest {
         if (reply.sendError == 0) {
             answer_ = reply;
         }
-        if (async_ && callback_ != nullptr) {
-            callback_(reply.sendError, context_);
-        }
-        return async_ ? 0 : reply.sendError;
+        return reply.sendError;
     }
     void abort() override {
         answer_ = {-1, "", 0, ""};
@@ -164,10 +146,7 @@ class ScriptedHttpRequest final : public SPI::XmlHttpRequest {
     std::shared_ptr<HttpScript> script_;
     HttpCall call_;
     bool opened_ = false;
-    bool async_ = false;
     HttpReply answer_{-1, "", 0, ""};
-    CompletionCallback callback_ = nullptr;
-    void* context_ = nullptr;
 };
 
 // Records `call`; the error `code` when the script's next entry says fail, else 0.
@@ -210,11 +189,6 @@ TestPlatform::TestPlatform() : previous_(SPI::setPlatform(this)) {}
 
 TestPlatform::~TestPlatform() {
     SPI::setPlatform(previous_);
-}
-
-const std::vector<uint8_t>* TestPlatform::file(const std::string& path) const {
-    auto found = files_->find(path);
-    return found == files_->end() ? nullptr : &found->second;
 }
 
 std::unique_ptr<SPI::File> TestPlatform::newFile() {
@@ -266,6 +240,11 @@ std::unique_ptr<SPI::XmlParser> FailingPlatform::newXmlParser() {
 
 SPI::AdapterList FailingPlatform::wifiAdapters() {
     return fails("wifi") ? SPI::AdapterList{} : PlatformWrapper::wifiAdapters();
+}
+
+std::string serverAnswer(const std::string& root, const std::string& body) {
+    return "<?xml version='1.0'?><" + root + " xmlns='" + Remote::kRequestNamespaceUri + "'>" +
+           body + "</" + root + ">";
 }
 
 Core::ScannedAP ap(const char* text, int16_t rss) {

@@ -63,8 +63,6 @@ class TestPlatform final : public SPI::Platform {
     void addFile(const std::string& path, std::vector<uint8_t> bytes) {
         (*files_)[path] = std::move(bytes);
     }
-    // The bytes written to `path` through newFile() objects (or added).
-    const std::vector<uint8_t>* file(const std::string& path) const;
 
     HttpScript& http() { return *http_; }
     AdapterScript& wifi() { return *wifi_; }
@@ -107,6 +105,9 @@ class FailingPlatform final : public SPI::PlatformWrapper {
     int calls_ = 0;
     SPI::Platform* previous_;
 };
+
+// A location server's answer: `body` inside the element `root`, in the protocol's namespace.
+std::string serverAnswer(const std::string& root, const std::string& body);
 
 // A scan record for tests: MAC given as printed text, RSS in dBm.
 Core::ScannedAP ap(const char* macText, int16_t rss);
