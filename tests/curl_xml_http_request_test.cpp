@@ -3,7 +3,6 @@
 #include <arpa/inet.h>
 #include <gtest/gtest.h>
 #include <netinet/in.h>
-#include <poll.h>
 #include <signal.h>
 #include <spawn.h>
 #include <sys/socket.h>
@@ -13,7 +12,6 @@
 #include <atomic>
 #include <chrono>
 #include <cstdlib>
-#include <filesystem>
 #include <fstream>
 #include <mutex>
 #include <optional>
@@ -21,6 +19,7 @@
 
 #include "spi/http/curl_xml_http_request.h"
 #include "spi/http_request.h"
+#include "support/hand_built_tile.h"
 
 extern char** environ;
 
@@ -41,11 +40,6 @@ int bindLoopback(int& port) {
     return fd;
 }
 
-bool readable(int fd) {
-    pollfd entry{fd, POLLIN, 0};
-    return poll(&entry, 1, 50) > 0;
-}
-
 // Serves connections one after another: reads one request (head and Content-Length
 // body), records it, then writes the reply verbatim and closes; without a reply it
 // holds the connection until the client gives up.
@@ -57,7 +51,7 @@ class RawHttpServer {
         thread_ = std::thread([this] { serve(); });
     }
     ~RawHttpServer() {
-        stopping_ = true;
+        shutdown(listener_, SHUT_RDWR);  // ends the accept the server waits in
         thread_.join();
         close(listener_);
     }
@@ -76,39 +70,25 @@ class RawHttpServer {
                data.size() >= head + 4 + (field < head ? std::stoul(data.substr(field + 16)) : 0);
     }
     void serve() {
-        while (!stopping_) {
-            const int client = readable(listener_) ? accept(listener_, nullptr, nullptr) : -1;
-            if (client < 0) {
-                continue;
-            }
+        for (int client; (client = accept(listener_, nullptr, nullptr)) >= 0; close(client)) {
             ++connections_;
             std::string data;
             char buffer[4096];
-            while (!stopping_ && !(reply_ && complete(data))) {
-                if (!readable(client)) {
-                    continue;
-                }
-                const ssize_t got = recv(client, buffer, sizeof buffer, 0);
-                if (got <= 0) {
-                    break;
-                }
-                data.append(buffer, static_cast<size_t>(got));
+            for (ssize_t got = 1; got > 0 && !(reply_ && complete(data));) {
+                got = recv(client, buffer, sizeof buffer, 0);
+                data.append(buffer, static_cast<size_t>(std::max<ssize_t>(got, 0)));
             }
-            {
-                std::lock_guard lock(mutex_);
-                requests_.push_back(data);
-            }
+            std::lock_guard lock(mutex_);
+            requests_.push_back(data);
             if (reply_) {
                 send(client, reply_->data(), reply_->size(), MSG_NOSIGNAL);
             }
-            close(client);
         }
     }
 
     std::optional<std::string> reply_;
     int listener_ = -1;
     int port_ = 0;
-    std::atomic<bool> stopping_{false};
     std::atomic<int> connections_{0};
     std::thread thread_;
     mutable std::mutex mutex_;
@@ -234,25 +214,21 @@ TEST(CurlXmlHttpRequest, RejectsBadMethodsUrlsAndEmptyBodies) {
     EXPECT_EQ(request->send("", 0), -1);
 }
 
-// A real proxy: tinyproxy on 127.0.0.1, demanding basic authentication, stopped
-// with the object.
+// A real proxy: tinyproxy on 127.0.0.1 in the foreground, demanding basic
+// authentication; stopped with the object.
 struct TinyProxy {
-    std::string directory = std::filesystem::temp_directory_path() / "zel_proxy_XXXXXX";
+    Testing::TempDir dir;
     int port = freeLoopbackPort();
     pid_t pid = -1;
 
     // Whether it came up: the free port may be taken before tinyproxy binds it.
-    bool start(const std::string& user, const std::string& password) {
-        if (mkdtemp(directory.data()) == nullptr) {
-            return false;
-        }
-        std::string config = directory + "/tinyproxy.conf";
-        std::ofstream(config) << "Port " << port << "\nListen 127.0.0.1\nTimeout 60\n"
-                              << "LogFile \"" << directory << "/log\"\nDisableViaHeader Yes\n"
-                              << "BasicAuth " << user << " " << password << "\n";
-        char* argv[] = {const_cast<char*>("tinyproxy"), const_cast<char*>("-d"),
-                        const_cast<char*>("-c"), config.data(), nullptr};
-        if (posix_spawnp(&pid, "tinyproxy", nullptr, nullptr, argv, environ) != 0) {
+    bool start() {
+        std::string config = dir.path() + "/tinyproxy.conf";
+        std::ofstream(config) << "Port " << port << "\nListen 127.0.0.1\nTimeout 60\nLogFile \""
+                              << dir.path() << "/log\"\nDisableViaHeader Yes\n"
+                              << "BasicAuth proxyuser proxysecret\n";
+        const char* argv[] = {"tinyproxy", "-d", "-c", config.c_str(), nullptr};
+        if (posix_spawnp(&pid, "tinyproxy", nullptr, nullptr, const_cast<char**>(argv), environ)) {
             pid = -1;
             return false;
         }
@@ -260,10 +236,9 @@ struct TinyProxy {
             int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
             sockaddr_in address{
                 AF_INET, htons(static_cast<uint16_t>(port)), {htonl(INADDR_LOOPBACK)}, {}};
-            const bool accepting =
-                connect(fd, reinterpret_cast<sockaddr*>(&address), sizeof address) == 0;
+            const bool up = connect(fd, reinterpret_cast<sockaddr*>(&address), sizeof address) == 0;
             close(fd);
-            if (accepting) {
+            if (up) {
                 return true;
             }
             std::this_thread::sleep_for(std::chrono::milliseconds(10));
@@ -275,8 +250,6 @@ struct TinyProxy {
             kill(pid, SIGTERM);
             waitpid(pid, nullptr, 0);
         }
-        std::error_code ignored;
-        std::filesystem::remove_all(directory, ignored);
     }
 };
 
@@ -287,7 +260,7 @@ TEST(CurlXmlHttpRequest, ProxyDemandsItsCredentials) {
     std::optional<TinyProxy> proxy;
     bool up = false;
     for (int attempt = 0; attempt < 3 && !up; ++attempt) {
-        up = proxy.emplace().start("proxyuser", "proxysecret");
+        up = proxy.emplace().start();
     }
     ASSERT_TRUE(up) << "tinyproxy did not come up";
     RawHttpServer server("HTTP/1.1 200 OK\r\nContent-Length: 2\r\n\r\nok");

@@ -58,18 +58,6 @@ Core::LocationRecord at(double latitude) {
     return record;
 }
 
-TEST(LocationCache, AMatchingStoreReplacesTheOlderEntry) {
-    Testing::TestPlatform platform;
-    LocationCache cache;
-    cache.store(aps(1, 10), at(1.0));
-    cache.store(aps(30, 10), at(3.0));
-    cache.store(join(aps(1, 10), aps(50, 2)), at(2.0));  // 12 APs: replaces the first
-    EXPECT_EQ(cache.size(), 2u);
-    Core::LocationRecord out;
-    ASSERT_TRUE(cache.find(aps(1, 10), out));
-    EXPECT_EQ(out.latitude, 2.0);
-}
-
 TEST(LocationCache, PrunesEntriesOlderThanMaxAgeSeconds) {
     Testing::TestPlatform platform;
     LocationCache cache(100);

@@ -14,6 +14,7 @@ namespace {
 
 using Testing::latitudeAt;
 using Testing::longitudeAt;
+using Testing::recordAt;
 using Testing::testMac;
 
 constexpr uint64_t kT0 = 1'750'000'000'000ull;
@@ -21,11 +22,6 @@ constexpr const char* kCategory = "ZEL.API.LocationDeterminationPrivate";
 
 Tiles::AccessPointPosition storedAt(int number, double north, double east, uint32_t quality = 50) {
     return {testMac(number), latitudeAt(north), longitudeAt(east), quality, 0.25};
-}
-
-Core::LocationRecord positionedAt(double north, double east, uint64_t timeMs, double speed = 0.0,
-                                  double bearing = 0.0) {
-    return Testing::recordAt(north, east, timeMs, speed, bearing);
 }
 
 class DeterminationTest : public ::testing::Test {
@@ -186,9 +182,9 @@ class SmoothingTest : public DeterminationTest {
         const uint64_t now = kT0 + 100000;
         for (int age = seeds; age >= 1; --age) {
             const uint64_t ageMs = age == seeds && oldestAgeMs != 0 ? oldestAgeMs : age * 1000;
-            rawHistory().add(positionedAt(20, 0, now - ageMs));
+            rawHistory().add(recordAt(20, 0, now - ageMs));
         }
-        resultHistory().add(positionedAt(20, 0, now - resultAgeMs, resultSpeed));
+        resultHistory().add(recordAt(20, 0, now - resultAgeMs, resultSpeed));
         Core::LocationRecord out;
         EXPECT_EQ(determineAt(now, {{1, -60}, {2, -60}, {4, -60}}, out), Core::ResultCode::kOk);
         raw_ = rawHistory()[0].latitude;
@@ -245,14 +241,14 @@ class BearingTest : public DeterminationTest {
         EXPECT_TRUE(reader->open("/db/city.zel", ""));
         const Tiles::StoredApData q = reader->lookup(testMac(6)).value();
         for (int i = 4; i >= 1; --i) {
-            Core::LocationRecord result = positionedAt(qNorth, qEast, now - i * 1000, 10.0);
+            Core::LocationRecord result = recordAt(qNorth, qEast, now - i * 1000, 10.0);
             Testing::destination(q.latitude, q.longitude, 170.0, 100.0 * i, result.latitude,
                                  result.longitude);
             resultHistory().add(result);
         }
         std::vector<double> bearings(newestFirst);
         for (size_t i = bearings.size(); i >= 1; --i) {
-            rawHistory().add(positionedAt(qNorth, qEast, now - i * 1000, 10.0, bearings[i - 1]));
+            rawHistory().add(recordAt(qNorth, qEast, now - i * 1000, 10.0, bearings[i - 1]));
         }
         Core::LocationRecord out;
         EXPECT_EQ(determineAt(now, {{6, -60}, {7, -60}, {8, -60}}, out), Core::ResultCode::kOk);
@@ -295,7 +291,7 @@ TEST_F(BearingTest, ANegativeWeightedSumGets36001Added) {
 
 TEST_F(DeterminationTest, StandingStillKeepsTheNewestRawBearing) {
     useCity();
-    rawHistory().add(positionedAt(20, 20, kT0 - 1000, 0.0, 123.0));
+    rawHistory().add(recordAt(20, 20, kT0 - 1000, 0.0, 123.0));
     Core::LocationRecord out;
     // A fresh tracked list has steady signals: speed 0.
     ASSERT_EQ(determineAt(kT0, {{6, -60}, {7, -60}, {8, -60}}, out), Core::ResultCode::kOk);

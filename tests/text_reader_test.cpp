@@ -4,8 +4,6 @@
 
 #include <gtest/gtest.h>
 
-#include <sstream>
-
 namespace ZEL::Core {
 namespace {
 
@@ -55,7 +53,7 @@ std::vector<NumberedRecord> readAll(TextReader& reader) {
     return records;
 }
 
-TEST(TextReader, LineEndsBlankLinesAndNumbersFromTextAndStream) {
+TEST(TextReader, LineEndsBlankLinesAndNumbers) {
     struct Row {
         const char* text;
         std::vector<NumberedRecord> records;
@@ -69,12 +67,9 @@ TEST(TextReader, LineEndsBlankLinesAndNumbersFromTextAndStream) {
         {"\"open\nnext\"", {{1, {}, "unterminated quote"}, {2, {"next\""}, ""}}},
         {"\"a\" ,b \r\n\"\"\"\"", {{1, {"a", "b"}, ""}, {2, {"\""}, ""}}},
     };
-    for (const Row& row : rows) {
-        TextReader fromText(row.text);
-        EXPECT_EQ(readAll(fromText), row.records) << row.text;
-        std::istringstream stream(row.text);
-        TextReader fromStream(stream);
-        EXPECT_EQ(readAll(fromStream), row.records) << row.text;
+    for (const Row& row : rows) {  // the fuzzer checks that a stream reads alike
+        TextReader reader(row.text);
+        EXPECT_EQ(readAll(reader), row.records) << row.text;
     }
 }
 

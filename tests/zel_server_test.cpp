@@ -103,12 +103,6 @@ TEST_P(ServerExchange, StreetAddressAtEachLevel) {
     EXPECT_EQ(full.streetNumber + full.postalCode, "12a3011");
     // Markup characters in the data reach the client intact.
     EXPECT_EQ(full.addressLines, (std::vector<std::string>{"Rue <Haute> & Co", "2nd floor, left"}));
-
-    // Nothing lies within the radius of the far cluster.
-    const Core::LocationRecord far =
-        locate({heard(21, -60), heard(22, -70), heard(23, -65)}, Core::kFullStreetAddress);
-    EXPECT_GT(far.latitude, Testing::kBaseLatitude + 0.02);
-    EXPECT_TRUE(far.streetAddress.empty());
 }
 
 TEST_P(ServerExchange, RegistrationAndAuthentication) {

@@ -17,8 +17,7 @@ constexpr const char kAddresses[] =
     "latitude,longitude,street_number,address_lines,city,postal_code,county,province,region,"
     "state,state_code,country,country_code\n"
     "47.0,8.0,12a,\"Rue <Haute> & Co|2nd floor, left\",Bern,3011,Bern-Mittelland,,Espace "
-    "Mittelland,Bern,BE,Switzerland,CH\n"
-    "47.02,8.0,1,Far Away Road,Elsewhere,9999,,,,,,Switzerland,CH\n";
+    "Mittelland,Bern,BE,Switzerland,CH\n";
 
 constexpr const char kRanges[] =
     "first,last,latitude,longitude,city,country,country_code,street_number\n"
@@ -34,9 +33,6 @@ const std::string& TestLocationServer::tilePath() {
         for (int i = 1; i <= 12; ++i) {
             aps.push_back({testMac(i), latitudeAt((i % 4) * 20.0 - 30.0),
                            longitudeAt((i / 4) * 25.0 - 30.0), 40, 0.3});
-        }
-        for (int i = 21; i <= 24; ++i) {
-            aps.push_back({testMac(i), latitudeAt(3000.0 + i), longitudeAt(10.0 * i), 40, 0.3});
         }
         const auto result =
             Tiles::TileWriter::writeFile(directory.path() + "/tiles.zel", aps, kServerRealm);

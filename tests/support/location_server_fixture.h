@@ -1,7 +1,6 @@
 // A location server on 127.0.0.1 (ephemeral port) for tests, over a tile file
 // (realm "acme") of twelve APs, testMac(1..12), within 60 m of the base point of
-// local_entries.h, and four, testMac(21..24), 3 km north of it; only the first
-// cluster has a street address within the radius. IP ranges: 127/8 and 10/8.
+// local_entries.h, which has a street address. IP ranges: 127/8 and 10/8.
 #pragma once
 
 #include <memory>
