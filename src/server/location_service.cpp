@@ -44,8 +44,11 @@ std::unique_ptr<LocationService> LocationService::create(ServiceOptions options,
     if (!readers) {
         return nullptr;
     }
-    return std::unique_ptr<LocationService>(
+    const auto files = static_cast<int64_t>(options.tileFiles.size());
+    std::unique_ptr<LocationService> service(
         new LocationService(std::move(options), std::move(data), std::move(readers)));
+    service->metrics_.tileFilesLoaded = files;
+    return service;
 }
 
 std::optional<ClientRequest> LocationService::accept(Question question, std::string_view body,
@@ -56,7 +59,12 @@ std::optional<ClientRequest> LocationService::accept(Question question, std::str
         reply = refusal(400, question, "bad-request", read.error);
         return std::nullopt;
     }
-    if (!authorised(question, read.request->authentication, reply)) {
+    const Credentials& user = read.request->authentication;
+    if (!authorised(question, user, reply)) {
+        return std::nullopt;
+    }
+    if (admitUser_ && !admitUser_(user.username + "@" + user.realm)) {
+        reply = refusal(429, question, "rate-limited", "too many requests");
         return std::nullopt;
     }
     return std::move(read.request);
@@ -126,9 +134,11 @@ Reply LocationService::location(std::string_view body) {
     if (!estimate(request->accessPoints, position)) {
         ZEL_LOG_DEBUG(category_, "no position from %zu access points",
                       request->accessPoints.size());
+        ++metrics_.positionsNotFound;
         return refusal(200, Question::Location, "unknown-location",
                        "the location cannot be determined");
     }
+    ++metrics_.positionsFound;
     const Core::StreetAddress address =
         addressNear(position.latitude, position.longitude, request->streetAddressLookup);
     return Reply{200, locationAnswer(position, address)};

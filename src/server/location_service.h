@@ -12,12 +12,14 @@
 // Threading: all operations may run concurrently.
 #pragma once
 
+#include <functional>
 #include <memory>
 #include <string>
 #include <string_view>
 #include <vector>
 
 #include "server/ip_ranges.h"
+#include "server/metrics.h"
 #include "server/reader_pool.h"
 #include "server/request_reader.h"
 #include "server/street_address_index.h"
@@ -60,6 +62,13 @@ class LocationService {
     Reply registration(std::string_view body);
 
     UserStore& users() { return *data_.users; }
+    Metrics& metrics() { return metrics_; }
+    // Refuses a request with 429 when `admit`, asked with its user as
+    // "username@realm" once the user is authorised, says no. Set before serving;
+    // empty: no limit.
+    void limitUsers(std::function<bool(const std::string& user)> admit) {
+        admitUser_ = std::move(admit);
+    }
 
   private:
     LocationService(ServiceOptions options, ServiceData data, std::unique_ptr<ReaderPool> readers);
@@ -76,6 +85,8 @@ class LocationService {
     ServiceOptions options_;
     ServiceData data_;
     std::unique_ptr<ReaderPool> readers_;
+    Metrics metrics_;
+    std::function<bool(const std::string&)> admitUser_;
 };
 
 }  // namespace ZEL::Server

@@ -1,5 +1,6 @@
 // zel-server: answers the library's location, ip-location and registration
-// requests over HTTP or HTTPS from tile files, with its users in SQLite.
+// requests over HTTP or HTTPS from tile files, with its users in SQLite; /health
+// and /metrics for load balancers and monitoring.
 //
 // Runs until SIGTERM or SIGINT, then finishes the exchanges under way and exits 0.
 // Exit status 2: bad options or data that cannot be loaded.
@@ -29,7 +30,41 @@ struct Arguments {
     std::string accessLog = "-";
     bool noAccessLog = false;
     bool verbose = false;
+    double headSeconds = 10, bodySeconds = 30, keepAliveSeconds = 30;
 };
+
+void addLimitOptions(CLI::App& app, Arguments& a) {
+    app.add_option("--head-timeout", a.headSeconds,
+                   "Seconds a client has for the TLS handshake and a request head (from the "
+                   "connection, or the request's first byte), however it trickles")
+        ->default_val(a.headSeconds)
+        ->check(CLI::Range(0.1, 3600.0));
+    app.add_option("--body-timeout", a.bodySeconds, "Seconds for a request body after its head")
+        ->default_val(a.bodySeconds)
+        ->check(CLI::Range(0.1, 3600.0));
+    app.add_option("--keep-alive-timeout", a.keepAliveSeconds,
+                   "Seconds a kept-alive connection may idle between requests")
+        ->default_val(a.keepAliveSeconds)
+        ->check(CLI::Range(0.1, 3600.0));
+    app.add_option("--max-connections-per-address", a.server.maxConnectionsPerAddress,
+                   "Open connections one client address may hold (0: unlimited)")
+        ->default_val(0);
+    app.add_option("--rate-per-address", a.server.ratePerAddress.perSecond,
+                   "Requests per second one client address may make (0: unlimited)")
+        ->default_val(0)
+        ->check(CLI::NonNegativeNumber);
+    app.add_option("--address-burst", a.server.ratePerAddress.burst,
+                   "Requests one address may make at once (default: one second's worth)")
+        ->check(CLI::NonNegativeNumber);
+    app.add_option("--rate-per-key", a.server.ratePerKey.perSecond,
+                   "Requests per second one key may make: the ?key= parameter, or the "
+                   "user as username@realm (0: unlimited)")
+        ->default_val(0)
+        ->check(CLI::NonNegativeNumber);
+    app.add_option("--key-burst", a.server.ratePerKey.burst,
+                   "Requests one key may make at once (default: one second's worth)")
+        ->check(CLI::NonNegativeNumber);
+}
 
 void addOptions(CLI::App& app, Arguments& a) {
     app.add_option("--tiles", a.service.tileFiles, "Tile files to answer locations from")
@@ -54,9 +89,11 @@ void addOptions(CLI::App& app, Arguments& a) {
         ->check(CLI::Range(1.0, 100000.0));
     app.add_flag("--trust-proxy", a.server.trustProxy,
                  "Take the client address from X-Forwarded-For (behind a proxy)");
-    app.add_option("--threads", a.server.threads, "Worker threads (one per open connection)")
+    app.add_option("--threads", a.server.threads,
+                   "Threads running the event loop and the requests (open connections hold none)")
         ->default_val(a.server.threads)
         ->check(CLI::Range(1, 1024));
+    addLimitOptions(app, a);
     app.add_option("--prefix", a.server.prefix, "Path prefix of the three requests")
         ->default_val(a.server.prefix);
     app.add_option("--max-aps", a.service.maxAccessPoints,
@@ -128,6 +165,10 @@ std::shared_ptr<LocationService> makeService(Arguments& a, std::string& error) {
 
 int run(Arguments& a) {
     setUpLogging(a.verbose);
+    using std::chrono::duration_cast, std::chrono::milliseconds, std::chrono::duration;
+    a.server.headTimeout = duration_cast<milliseconds>(duration<double>(a.headSeconds));
+    a.server.bodyTimeout = duration_cast<milliseconds>(duration<double>(a.bodySeconds));
+    a.server.keepAliveTimeout = duration_cast<milliseconds>(duration<double>(a.keepAliveSeconds));
     std::string error;
     if (!parseListenAddress(a.listen, a.server.host, a.server.port)) {
         std::fprintf(stderr, "zel-server: --listen wants HOST:PORT, not %s\n", a.listen.c_str());
