@@ -1,15 +1,23 @@
 // The location server end to end on loopback: the library's remote determination
 // over HTTP and over HTTPS with a certificate the client does not trust, hostile
-// requests, the user table shared by two servers, and the zel-server program.
+// requests, slow and idle clients, the limits and the metrics, the user table
+// shared by two servers, and the zel-server program.
 #include <httplib.h>
 
+#include <arpa/inet.h>
 #include <gtest/gtest.h>
+#include <poll.h>
 #include <signal.h>
+#include <sys/resource.h>
+#include <sys/socket.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <atomic>
+#include <chrono>
 #include <cstdio>
+#include <map>
+#include <sstream>
 #include <thread>
 
 #include "local/location_determination_private.h"
@@ -302,6 +310,220 @@ TEST(ServerProgram, ServesUntilTerminated) {
     kill(pid, SIGTERM);
     const int status = pclose(output);
     EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << status;
+}
+
+// A raw loopback connection to `port`, -1 when it fails; reads give up after 5 s.
+int connectTo(int port) {
+    const int fd = socket(AF_INET, SOCK_STREAM, 0);
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_port = htons(static_cast<uint16_t>(port));
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    const timeval timeout{5, 0};
+    setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &timeout, sizeof timeout);
+    if (fd < 0 || connect(fd, reinterpret_cast<sockaddr*>(&address), sizeof address) != 0) {
+        close(fd);
+        return -1;
+    }
+    return fd;
+}
+
+// True while the server keeps `fd` open: nothing to read and no end of stream.
+bool stillOpen(int fd) {
+    char byte;
+    return recv(fd, &byte, 1, MSG_DONTWAIT) < 0 && errno == EAGAIN;
+}
+
+// Sends a keep-alive GET /health on `fd` and reads its answer; false on failure.
+bool healthOn(int fd) {
+    const std::string request = "GET /health HTTP/1.1\r\nHost: test\r\n\r\n";
+    std::string answer;
+    char buffer[512];
+    if (send(fd, request.data(), request.size(), MSG_NOSIGNAL) != ssize_t(request.size())) {
+        return false;
+    }
+    for (ssize_t n; !answer.ends_with("\r\n\r\nok\n") && (n = recv(fd, buffer, 512, 0)) > 0;) {
+        answer.append(buffer, n);
+    }
+    return answer.starts_with("HTTP/1.1 200");
+}
+
+TEST(ServerSlowClients, TricklersAreCutOffAtTheHeadDeadlineAndNobodyWaits) {
+    constexpr int kEach = 1000;
+    constexpr auto kHead = std::chrono::seconds(4), kTrickle = std::chrono::seconds(2);
+    rlimit files{};
+    getrlimit(RLIMIT_NOFILE, &files);
+    files.rlim_cur = std::max<rlim_t>(files.rlim_cur, std::min<rlim_t>(files.rlim_max, 8192));
+    if (setrlimit(RLIMIT_NOFILE, &files) != 0 || files.rlim_cur < 4 * kEach + 200) {
+        GTEST_SKIP() << "needs " << 4 * kEach + 200 << " open files (both ends of " << 2 * kEach
+                     << " sockets); the limit is " << files.rlim_cur;
+    }
+    auto server = TestLocationServer::start({.configure = [&](Server::ServerOptions& options) {
+        options.threads = 2;
+        options.headTimeout = kHead;
+        options.keepAliveTimeout = std::chrono::seconds(60);
+    }});
+    ASSERT_NE(server, nullptr);
+    std::vector<int> idle, tricklers;
+    for (int i = 0; i < kEach; ++i) {
+        idle.push_back(connectTo(server->port()));
+        ASSERT_TRUE(healthOn(idle.back())) << "idle connection " << i;
+    }
+    for (int i = 0; i < kEach; ++i) {
+        tricklers.push_back(connectTo(server->port()));
+        ASSERT_GE(tricklers.back(), 0);
+    }
+    const std::string head = "POST /zel2/location HTTP/1.1\r\nHost: t\r\nContent-Length: 9\r\n";
+    httplib::Client client("127.0.0.1", server->port());
+    client.set_read_timeout(5, 0);
+    const std::string request = locationRequest(accessPoint(Core::macText(testMac(1)), "-60"));
+    // Rounds two seconds apart, three bytes per trickler each: the head deadline
+    // passes in the third round, long before their head is complete.
+    const auto begun = std::chrono::steady_clock::now();
+    for (size_t round = 0; round * 3 < head.size() && round < 8; ++round) {
+        std::this_thread::sleep_until(begun + round * kTrickle);
+        for (int fd : tricklers) {
+            send(fd, head.data() + round * 3, 3, MSG_NOSIGNAL);
+        }
+        if (round == 1) {
+            for (int fd : tricklers) {
+                ASSERT_TRUE(stillOpen(fd)) << "cut off before the head deadline";
+            }
+            EXPECT_GE(server->service().metrics().openConnections.load(), 2 * kEach);
+        }
+        auto answer = client.Post("/zel2/location", request, "text/xml");
+        ASSERT_TRUE(answer) << "round " << round;
+        EXPECT_EQ(errorCode(answer->body), "") << answer->body;
+        if (std::chrono::steady_clock::now() > begun + kHead + kTrickle) {
+            break;
+        }
+    }
+    // Closed by the server (the end of the stream or a reset) well before any
+    // other deadline, without an answer.
+    int cutOff = 0;
+    const auto lastChance = begun + kHead + 2 * kTrickle;
+    for (int fd : tricklers) {
+        pollfd ready{fd, POLLIN, 0};
+        const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(
+            lastChance - std::chrono::steady_clock::now());
+        char byte;
+        cutOff += poll(&ready, 1, std::max<int>(0, left.count())) == 1 &&
+                  recv(fd, &byte, 1, MSG_DONTWAIT) <= 0;
+        close(fd);
+    }
+    EXPECT_EQ(cutOff, kEach);
+    for (int fd : idle) {
+        EXPECT_TRUE(stillOpen(fd));
+    }
+    EXPECT_TRUE(healthOn(idle.front()));  // and still served
+    for (int fd : idle) {
+        close(fd);
+    }
+}
+
+// Prometheus text as sample name (with labels) to value.
+std::map<std::string, double> readMetrics(const std::string& text) {
+    std::map<std::string, double> samples;
+    std::istringstream lines(text);
+    for (std::string line; std::getline(lines, line);) {
+        const size_t space = line.rfind(' ');
+        if (!line.starts_with('#') && space != std::string::npos) {
+            samples[line.substr(0, space)] = std::stod(line.substr(space + 1));
+        }
+    }
+    return samples;
+}
+
+TEST(ServerLimits, RatesPerAddressAndPerKeyAreCountedInTheMetrics) {
+    auto server = TestLocationServer::start(
+        {.trustProxy = true, .configure = [](Server::ServerOptions& options) {
+             options.ratePerAddress = {0.001, 3};
+             options.ratePerKey = {0.001, 2};
+         }});
+    ASSERT_NE(server, nullptr);
+    for (const char* user : {"bob", "dave"}) {
+        server->service().users().add(user, kServerRealm);
+    }
+    httplib::Client client("127.0.0.1", server->port());
+    client.set_keep_alive(true);  // one connection throughout
+    const struct {
+        const char* address;
+        const char* user;
+        const char* query;
+        int status;
+    } rows[] = {
+        {"10.0.0.1", "alice", "", 200},       {"10.0.0.1", "alice", "", 200},
+        {"10.0.0.1", "alice", "", 429},  // the user's burst is spent
+        {"10.0.0.1", "bob", "", 429},    // and the address's
+        {"10.0.0.2", "bob", "", 200},    // another address, another user
+        {"10.0.0.3", "bob", "?key=k1", 200},  {"10.0.0.4", "dave", "?key=k1", 200},
+        {"10.0.0.5", "dave", "?key=k1", 429},  // the key's burst is spent
+        {"10.0.0.5", "dave", "?key=k2", 200},
+    };
+    for (const auto& row : rows) {
+        const std::string body = kHead + "<authentication>" + simple(row.user, kServerRealm) +
+                                 "</authentication>" + accessPoint(Core::macText(testMac(1)), "-60") +
+                                 "</LocationRQ>";
+        auto answer = client.Post(std::string("/zel2/location") + row.query,
+                                  {{"X-Forwarded-For", row.address}}, body, "text/xml");
+        ASSERT_TRUE(answer);
+        EXPECT_EQ(answer->status, row.status) << row.address << " " << row.user << row.query;
+        EXPECT_EQ(errorCode(answer->body), row.status == 429 ? "rate-limited" : "");
+    }
+    for (int i = 0; i < 5; ++i) {  // not limited
+        auto health = client.Get("/health");
+        ASSERT_TRUE(health);
+        EXPECT_EQ(health->status, 200);
+    }
+
+    auto metrics = client.Get("/metrics");
+    ASSERT_TRUE(metrics);
+    std::map<std::string, double> samples = readMetrics(metrics->body);
+    const std::string requests = "zel_http_requests_total{route=";
+    EXPECT_EQ(samples[requests + "\"location\",status=\"200\"}"], 6);
+    EXPECT_EQ(samples[requests + "\"location\",status=\"429\"}"], 3);
+    EXPECT_EQ(samples[requests + "\"health\",status=\"200\"}"], 5);
+    EXPECT_EQ(samples["zel_http_request_duration_seconds_count"], 14);
+    EXPECT_EQ(samples["zel_http_request_duration_seconds_bucket{le=\"+Inf\"}"], 14);
+    EXPECT_EQ(samples["zel_positions_found_total"], 6);
+    EXPECT_EQ(samples["zel_positions_not_found_total"], 0);
+    EXPECT_EQ(samples["zel_database_errors_total"], 0);
+    EXPECT_EQ(samples["zel_open_connections"], 1);
+    EXPECT_EQ(samples["zel_tile_files_loaded"], 1);
+
+    // A body sent in chunks is cut off at the cap as well.
+    auto chunked = client.Post(
+        "/zel2/location",
+        [](size_t offset, httplib::DataSink& sink) {
+            const std::string piece(64 * 1024, ' ');
+            return offset > (1 << 20) ? (sink.done(), true)
+                                      : sink.write(piece.data(), piece.size());
+        },
+        "text/xml");
+    ASSERT_TRUE(chunked);
+    EXPECT_EQ(errorCode(chunked->body), "http-413");
+}
+
+TEST(ServerLimits, ConnectionsPerAddress) {
+    auto server = TestLocationServer::start({.configure = [](Server::ServerOptions& options) {
+        options.maxConnectionsPerAddress = 2;
+    }});
+    ASSERT_NE(server, nullptr);
+    const int first = connectTo(server->port()), second = connectTo(server->port());
+    ASSERT_TRUE(healthOn(first) && healthOn(second));
+    const int third = connectTo(server->port());
+    EXPECT_FALSE(healthOn(third));  // closed at once
+    close(third);
+    close(first);
+    bool servedAgain = false;
+    for (int attempt = 0; attempt < 100 && !servedAgain; ++attempt) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(10));
+        const int next = connectTo(server->port());
+        servedAgain = healthOn(next);
+        close(next);
+    }
+    EXPECT_TRUE(servedAgain);
+    close(second);
 }
 
 }  // namespace

@@ -250,14 +250,14 @@ class Session final : public Connection, public std::enable_shared_from_this<Ses
         buffer_.shrink_to_fit();
         waiting_ = true;
         tcp().expires_after(state_.options.keepAliveTimeout);
-        stream_.async_read_some(buffer_.prepare(kFirstRead), [self = this->shared_from_this()](
-                                                                 ErrorCode error, size_t bytes) {
-            if (error) {
-                return self->close();
-            }
-            self->buffer_.commit(bytes);
-            self->readHead(Clock::now() + self->state_.options.headTimeout);
-        });
+        stream_.async_read_some(buffer_.prepare(kFirstRead),
+                                [self = this->shared_from_this()](ErrorCode error, size_t bytes) {
+                                    if (error) {
+                                        return self->close();
+                                    }
+                                    self->buffer_.commit(bytes);
+                                    self->readHead(Clock::now() + self->state_.options.headTimeout);
+                                });
     }
 
     void readHead(Clock::time_point deadline) {
@@ -266,10 +266,9 @@ class Session final : public Connection, public std::enable_shared_from_this<Ses
         parser_->header_limit(kMaxHeadBytes);
         parser_->body_limit(state_.options.maxBodyBytes);
         tcp().expires_at(deadline);
-        http::async_read_header(stream_, buffer_, *parser_,
-                                [self = this->shared_from_this()](ErrorCode error, size_t) {
-                                    self->onHead(error);
-                                });
+        http::async_read_header(
+            stream_, buffer_, *parser_,
+            [self = this->shared_from_this()](ErrorCode error, size_t) { self->onHead(error); });
     }
 
     void onHead(ErrorCode error) {
@@ -308,9 +307,9 @@ class Session final : public Connection, public std::enable_shared_from_this<Ses
         if (error == http::error::header_limit) {
             return answer(431);
         }
-        const bool malformed = error.category() == http::make_error_code(http::error::bad_method).category() &&
-                               error != http::error::end_of_stream &&
-                               error != http::error::partial_message;
+        const bool malformed =
+            error.category() == http::make_error_code(http::error::bad_method).category() &&
+            error != http::error::end_of_stream && error != http::error::partial_message;
         malformed ? answer(400) : close();
     }
 
@@ -318,8 +317,7 @@ class Session final : public Connection, public std::enable_shared_from_this<Ses
         const Request& request = parser_->get();
         response_ = state_.exchange(request, peer_, refusal);
         const bool keepAlive = !refusal && request.keep_alive() && !closeAfterAnswer_ &&
-                               !state_.stopping &&
-                               ++requests_ < kKeepAliveRequests;
+                               !state_.stopping && ++requests_ < kKeepAliveRequests;
         response_.keep_alive(keepAlive);
         tcp().expires_after(state_.options.writeTimeout);
         http::async_write(stream_, response_,
@@ -412,11 +410,10 @@ void State::admit(tcp::socket socket) {
     socket.set_option(tcp::no_delay(true), error);
     const uint64_t id = ++nextConnection;  // only the acceptor's strand counts
     const auto strand = socket.get_executor();
-    auto start = [&](auto made) {
-        asio::dispatch(strand, [made, id] { made->start(id); });
-    };
+    auto start = [&](auto made) { asio::dispatch(strand, [made, id] { made->start(id); }); };
     if (tls) {
-        start(std::make_shared<Session<TlsStream>>(*this, TlsStream(std::move(socket), *tls), peer));
+        start(
+            std::make_shared<Session<TlsStream>>(*this, TlsStream(std::move(socket), *tls), peer));
     } else {
         start(std::make_shared<Session<PlainStream>>(*this, PlainStream(std::move(socket)), peer));
     }
@@ -587,8 +584,8 @@ std::unique_ptr<LocationServer> LocationServer::start(ServerOptions options,
                     loop.run();
                     return;
                 } catch (const std::exception& exception) {
-                    ZEL_LOG_ERROR(SPI::getLogger("ZEL.Server.LocationServer"),
-                                  "event loop: %s", exception.what());
+                    ZEL_LOG_ERROR(SPI::getLogger("ZEL.Server.LocationServer"), "event loop: %s",
+                                  exception.what());
                 }
             }
         });

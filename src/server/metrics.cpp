@@ -65,7 +65,8 @@ void Metrics::countRequest(Route route, int status, std::chrono::nanoseconds lat
 
 std::string Metrics::render() const {
     std::string out;
-    family(out, "zel_http_requests_total", "counter", "HTTP requests answered, by route and status.");
+    family(out, "zel_http_requests_total", "counter",
+           "HTTP requests answered, by route and status.");
     for (size_t route = 0; route < kRoutes; ++route) {
         for (size_t status = 0; status < kStatuses; ++status) {
             const uint64_t count = requests_[route][status].load(std::memory_order_relaxed);
@@ -91,12 +92,14 @@ std::string Metrics::render() const {
            number(latencyNanoseconds_.load(std::memory_order_relaxed) / 1e9) + "\n";
     sample(out, "zel_http_request_duration_seconds_count", cumulative);
 
-    family(out, "zel_positions_found_total", "counter", "Location requests answered with a position.");
+    family(out, "zel_positions_found_total", "counter",
+           "Location requests answered with a position.");
     sample(out, "zel_positions_found_total", positionsFound.load());
     family(out, "zel_positions_not_found_total", "counter",
            "Location requests none of whose access points gave a position.");
     sample(out, "zel_positions_not_found_total", positionsNotFound.load());
-    family(out, "zel_database_errors_total", "counter", "Answers refused because the user store failed.");
+    family(out, "zel_database_errors_total", "counter",
+           "Answers refused because the user store failed.");
     sample(out, "zel_database_errors_total", databaseErrors.load());
     family(out, "zel_open_connections", "gauge", "Client connections open now.");
     sample(out, "zel_open_connections", openConnections.load());

@@ -12,7 +12,9 @@ constexpr size_t kFirstSweep = 1024;
 }  // namespace
 
 RateLimiter::RateLimiter(RateLimit limit)
-    : perSecond_(limit.perSecond), burst_(std::max(limit.burst > 0 ? limit.burst : limit.perSecond, 1.0)), sweepAt_(kFirstSweep) {}
+    : perSecond_(limit.perSecond),
+      burst_(std::max(limit.burst > 0 ? limit.burst : limit.perSecond, 1.0)),
+      sweepAt_(kFirstSweep) {}
 
 bool RateLimiter::allow(const std::string& key, std::chrono::steady_clock::time_point now) {
     if (perSecond_ <= 0) {

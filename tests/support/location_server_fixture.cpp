@@ -66,6 +66,9 @@ std::unique_ptr<TestLocationServer> TestLocationServer::start(const LocationServ
     serverOptions.port = 0;
     serverOptions.threads = 8;
     serverOptions.trustProxy = config.trustProxy;
+    if (config.configure) {
+        config.configure(serverOptions);
+    }
     if (config.https) {
         std::string& directory = test->certificateDirectory_;
         directory = std::filesystem::temp_directory_path() / "zel_cert_XXXXXX";

@@ -3,6 +3,7 @@
 // local_entries.h, which has a street address. IP ranges: 127/8 and 10/8.
 #pragma once
 
+#include <functional>
 #include <memory>
 #include <string>
 
@@ -23,6 +24,8 @@ struct LocationServerConfig {
     bool https = false;
     bool trustProxy = false;
     std::string usersPath = ":memory:";
+    // Sets server options beyond these (limits, deadlines) before the start.
+    std::function<void(Server::ServerOptions&)> configure = nullptr;
 };
 
 class TestLocationServer {
