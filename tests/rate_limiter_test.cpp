@@ -2,6 +2,8 @@
 
 #include <gtest/gtest.h>
 
+#include <tuple>
+
 namespace ZEL::Server {
 namespace {
 
@@ -13,11 +15,7 @@ std::chrono::steady_clock::time_point at(double seconds) {
 
 TEST(RateLimiter, SpendsTheBurstRefillsAtTheRateAndForgetsFullBuckets) {
     RateLimiter limiter({2.0, 3}), oneSecond({5, 0});  // burst 0: one second's worth
-    const struct {
-        double seconds;
-        const char* key;
-        bool allowed;
-    } rows[] =
+    const std::tuple<double, const char*, bool> rows[] =
         {
             {0, "a", true},    {0, "a", true},    {0, "a", true},
             {0, "a", false},   {0, "b", true},    {0.4, "a", false},
@@ -26,8 +24,8 @@ TEST(RateLimiter, SpendsTheBurstRefillsAtTheRateAndForgetsFullBuckets) {
             {60, "a", true},   {60, "a", true},   {60, "a", true},
             {60, "a", false},  // the burst at most
         };
-    for (const auto& row : rows) {
-        EXPECT_EQ(limiter.allow(row.key, at(row.seconds)), row.allowed) << row.seconds;
+    for (const auto& [seconds, key, allowed] : rows) {
+        EXPECT_EQ(limiter.allow(key, at(seconds)), allowed) << seconds;
     }
     for (int i = 0; i < 6; ++i) {
         EXPECT_EQ(oneSecond.allow("a", at(0)), i < 5);

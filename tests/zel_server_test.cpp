@@ -203,6 +203,7 @@ TEST(HostileRequests, AreRefusedWithWellFormedAnswers) {
         {"registration 400", registration + "</RegistrationRQ>"},
         {"registration 400", registration + simple("", "acme") + "</RegistrationRQ>"},
         {"location 413", locationRequest(std::string(1 << 20, ' '))},
+        {"locations 404", locationRequest("")},
         {"location 200", padded},
     };
     for (const auto& [route, body] : rows) {
@@ -211,9 +212,9 @@ TEST(HostileRequests, AreRefusedWithWellFormedAnswers) {
         auto result = client.Post("/zel2/" + path.substr(0, path.find(' ')), body, "text/xml");
         ASSERT_TRUE(result) << body.substr(0, 200);
         EXPECT_EQ(result->status, status) << body.substr(0, 200);
-        EXPECT_EQ(errorCode(result->body), status == 413   ? "http-413"
-                                           : status == 400 ? "bad-request"
-                                                           : "")
+        EXPECT_EQ(errorCode(result->body), status == 400   ? "bad-request"
+                                           : status == 200 ? ""
+                                                           : "http-" + std::to_string(status))
             << body.substr(0, 200);
     }
 }
@@ -331,18 +332,21 @@ bool stillOpen(int fd) {
     return recv(fd, &byte, 1, MSG_DONTWAIT) < 0 && errno == EAGAIN;
 }
 
-// Sends a keep-alive GET /health on `fd` and reads its answer; false on failure.
-bool healthOn(int fd) {
-    const std::string request = "GET /health HTTP/1.1\r\nHost: test\r\n\r\n";
+// Sends `request` on `fd`; what comes back until `end` or the end of the stream.
+std::string roundTrip(int fd, const std::string& request, std::string_view end) {
     std::string answer;
     char buffer[512];
-    if (send(fd, request.data(), request.size(), MSG_NOSIGNAL) != ssize_t(request.size())) {
-        return false;
-    }
-    for (ssize_t n; !answer.ends_with("\r\n\r\nok\n") && (n = recv(fd, buffer, 512, 0)) > 0;) {
+    send(fd, request.data(), request.size(), MSG_NOSIGNAL);
+    for (ssize_t n; !answer.ends_with(end) && (n = recv(fd, buffer, 512, 0)) > 0;) {
         answer.append(buffer, n);
     }
-    return answer.starts_with("HTTP/1.1 200");
+    return answer;
+}
+
+// Sends a keep-alive GET /health on `fd`; true when it is answered.
+bool healthOn(int fd) {
+    return roundTrip(fd, "GET /health HTTP/1.1\r\nHost: test\r\n\r\n", "\r\n\r\nok\n")
+        .starts_with("HTTP/1.1 200");
 }
 
 TEST(ServerSlowClients, TricklersAreCutOffAtTheHeadDeadlineAndNobodyWaits) {
@@ -438,29 +442,26 @@ TEST(ServerLimits, RatesAndConnectionsPerAddressAndPerKeyAreCountedInTheMetrics)
     }
     httplib::Client client("127.0.0.1", server->port());
     client.set_keep_alive(true);  // one connection throughout
-    const struct {
-        const char* address;
-        const char* user;
-        const char* query;
-        int status;
-    } rows[] = {
-        {"10.0.0.1", "alice", "", 200},       {"10.0.0.1", "alice", "", 200},
+    const std::tuple<const char*, const char*, const char*, int> rows[] = {
+        {"10.0.0.1", "alice", "", 200},
+        {"10.0.0.1", "alice", "", 200},
         {"10.0.0.1", "alice", "", 429},  // the user's burst is spent
         {"10.0.0.1", "bob", "", 429},    // and the address's
         {"10.0.0.2", "bob", "", 200},    // another address, another user
-        {"10.0.0.3", "bob", "?key=k1", 200},  {"10.0.0.4", "dave", "?key=k1", 200},
-        {"10.0.0.5", "dave", "?key=k1", 429},  // the key's burst is spent
+        {"10.0.0.3", "bob", "?v=2&key=k1", 200},
+        {"10.0.0.4", "dave", "?key=k1", 200},
+        {"10.0.0.5", "dave", "?v=2&key=k1&w", 429},  // the key's burst is spent
         {"10.0.0.5", "dave", "?key=k2", 200},
     };
-    for (const auto& row : rows) {
-        const std::string body = kHead + "<authentication>" + simple(row.user, kServerRealm) +
+    for (const auto& [address, user, query, status] : rows) {
+        const std::string body = kHead + "<authentication>" + simple(user, kServerRealm) +
                                  "</authentication>" +
                                  accessPoint(Core::macText(testMac(1)), "-60") + "</LocationRQ>";
-        auto answer = client.Post(std::string("/zel2/location") + row.query,
-                                  {{"X-Forwarded-For", row.address}}, body, "text/xml");
+        auto answer = client.Post(std::string("/zel2/location") + query,
+                                  {{"X-Forwarded-For", address}}, body, "text/xml");
         ASSERT_TRUE(answer);
-        EXPECT_EQ(answer->status, row.status) << row.address << " " << row.user << row.query;
-        EXPECT_EQ(errorCode(answer->body), row.status == 429 ? "rate-limited" : "");
+        EXPECT_EQ(answer->status, status) << address << " " << user << query;
+        EXPECT_EQ(errorCode(answer->body), status == 429 ? "rate-limited" : "");
     }
     for (int i = 0; i < 5; ++i) {  // not limited
         auto health = client.Get("/health");
@@ -490,6 +491,8 @@ TEST(ServerLimits, RatesAndConnectionsPerAddressAndPerKeyAreCountedInTheMetrics)
     const int second = connectTo(server->port()), third = connectTo(server->port());
     EXPECT_TRUE(healthOn(second));
     EXPECT_FALSE(healthOn(third));
+    const std::string answer = roundTrip(second, "NOT HTTP\r\n\r\n", "</ErrorRS>");
+    EXPECT_EQ(errorCode(answer.substr(std::min(answer.find("<?xml"), answer.size()))), "http-400");
     close(third);
     close(second);
     bool servedAgain = false;  // once the server has seen the second one close

@@ -426,10 +426,7 @@ bool State::openConnection(const std::string& peer) {
     std::lock_guard lock(connectionsMutex);
     size_t& open = connectionsByAddress[peer];
     if (open >= options.maxConnectionsPerAddress) {
-        if (open == 0) {
-            connectionsByAddress.erase(peer);
-        }
-        return false;
+        return false;  // `open` is at least 1: the entry stays
     }
     ++open;
     return true;
