@@ -371,13 +371,12 @@ TEST(ServerSlowClients, TricklersAreCutOffAtTheHeadDeadlineAndNobodyWaits) {
         ASSERT_TRUE(healthOn(idle.back()) && tricklers.back() >= 0) << i;
     }
     const std::string head = "POST /zel2/location HTTP/1.1\r\nHost: t\r\nContent-Length: 9\r\n";
-    httplib::Client client("127.0.0.1", server->port());
-    client.set_read_timeout(5, 0);
+    httplib::Client client("127.0.0.1", server->port());  // waits 5 s at most
     const std::string request = locationRequest(accessPoint(Core::macText(testMac(1)), "-60"));
     // Rounds two seconds apart, three bytes per trickler each: the head deadline
-    // passes in the third round, long before their head is complete.
+    // passes before the third round, long before their head is complete.
     const auto begun = std::chrono::steady_clock::now();
-    for (size_t round = 0; round * 3 < head.size() && round < 8; ++round) {
+    for (int round = 0; round < 4; ++round) {
         std::this_thread::sleep_until(begun + round * kTrickle);
         for (int fd : tricklers) {
             send(fd, head.data() + round * 3, 3, MSG_NOSIGNAL);
@@ -391,9 +390,6 @@ TEST(ServerSlowClients, TricklersAreCutOffAtTheHeadDeadlineAndNobodyWaits) {
         auto answer = client.Post("/zel2/location", request, "text/xml");
         ASSERT_TRUE(answer) << "round " << round;
         EXPECT_EQ(errorCode(answer->body), "") << answer->body;
-        if (std::chrono::steady_clock::now() > begun + kHead + kTrickle) {
-            break;
-        }
     }
     // Closed by the server (the end of the stream or a reset) well before any
     // other deadline, without an answer.
@@ -477,7 +473,6 @@ TEST(ServerLimits, RatesAndConnectionsPerAddressAndPerKeyAreCountedInTheMetrics)
         {"zel_http_requests_total{route=\"location\",status=\"429\"}", 3},
         {"zel_http_requests_total{route=\"health\",status=\"200\"}", 5},
         {"zel_http_request_duration_seconds_count", 14},
-        {"zel_http_request_duration_seconds_bucket{le=\"+Inf\"}", 14},
         {"zel_positions_found_total", 6},
         {"zel_positions_not_found_total", 0},
         {"zel_open_connections", 1},

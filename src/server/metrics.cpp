@@ -1,8 +1,8 @@
 #include "server/metrics.h"
 
 #include <algorithm>
-#include <cstdio>
-#include <cstdlib>
+
+#include "server/answer_writer.h"
 
 namespace ZEL::Server {
 namespace {
@@ -14,21 +14,6 @@ void family(std::string& out, const char* name, const char* type, const char* he
 template <typename Number>
 void sample(std::string& out, const std::string& name, Number value) {
     out += name + " " + std::to_string(value) + "\n";
-}
-
-// Shortest text that reads back as `value` ("0.0025", "1"), as Prometheus writes
-// its own bucket bounds.
-std::string number(double value) {
-    char text[32];
-    std::snprintf(text, sizeof text, "%.17g", value);
-    for (int precision = 1; precision < 17; ++precision) {
-        char shorter[32];
-        std::snprintf(shorter, sizeof shorter, "%.*g", precision, value);
-        if (std::strtod(shorter, nullptr) == value) {
-            return shorter;
-        }
-    }
-    return text;
 }
 
 }  // namespace
@@ -85,11 +70,11 @@ std::string Metrics::render() const {
     for (size_t bucket = 0; bucket < latencies_.size(); ++bucket) {
         cumulative += latencies_[bucket].load(std::memory_order_relaxed);
         const std::string bound =
-            bucket < kLatencyBuckets.size() ? number(kLatencyBuckets[bucket]) : "+Inf";
+            bucket < kLatencyBuckets.size() ? formatDouble(kLatencyBuckets[bucket]) : "+Inf";
         sample(out, "zel_http_request_duration_seconds_bucket{le=\"" + bound + "\"}", cumulative);
     }
     out += "zel_http_request_duration_seconds_sum " +
-           number(latencyNanoseconds_.load(std::memory_order_relaxed) / 1e9) + "\n";
+           formatDouble(latencyNanoseconds_.load(std::memory_order_relaxed) / 1e9) + "\n";
     sample(out, "zel_http_request_duration_seconds_count", cumulative);
 
     family(out, "zel_positions_found_total", "counter",
