@@ -30,12 +30,12 @@ TEST(RateLimiter, SpendsTheBurstRefillsAtTheRateAndForgetsFullBuckets) {
     for (int i = 0; i < 6; ++i) {
         EXPECT_EQ(oneSecond.allow("a", at(0)), i < 5);
     }
-    RateLimiter forgetting({1, 1});
+    RateLimiter forgetting({4, 1});
     for (int i = 0; i < 2047; ++i) {
         forgetting.allow(std::to_string(i), at(0));
     }
     EXPECT_EQ(forgetting.keysTracked(), 2047u);  // the sweep at 1,024 found no full bucket
-    forgetting.allow("new", at(1));
+    forgetting.allow("new", at(0.5));
     EXPECT_EQ(forgetting.keysTracked(), 1u);
 }
 
