@@ -169,6 +169,7 @@ struct LocationServer::State {
                    std::string_view target, std::string& contentType);
     std::string clientAddress(const Request& request, const std::string& peer) const;
 
+    SPI::Logger& log = SPI::getLogger("ZEL.Server.LocationServer");
     const ServerOptions options;
     const std::shared_ptr<LocationService> service;
     Metrics& metrics;
@@ -310,6 +311,10 @@ class Session final : public Connection, public std::enable_shared_from_this<Ses
         const bool malformed =
             error.category() == http::make_error_code(http::error::bad_method).category() &&
             error != http::error::end_of_stream && error != http::error::partial_message;
+        if (error == beast::error::timeout) {
+            ZEL_LOG_DEBUG(state_.log, "closed the connection from %s: a deadline passed",
+                          peer_.c_str());
+        }
         malformed ? answer(400) : close();
     }
 
@@ -378,8 +383,7 @@ void State::accept() {
         }
         if (error) {
             if (!acceptFailing) {
-                ZEL_LOG_WARN(SPI::getLogger("ZEL.Server.LocationServer"),
-                             "cannot accept connections: %s", error.message().c_str());
+                ZEL_LOG_WARN(log, "cannot accept connections: %s", error.message().c_str());
             }
             acceptFailing = true;
             acceptRetry.expires_after(kAcceptRetry);
@@ -404,6 +408,7 @@ void State::admit(tcp::socket socket) {
     }
     std::string peer = remote.address().to_string();
     if (!openConnection(peer)) {
+        ZEL_LOG_DEBUG(log, "refused a connection from %s: it has its fill open", peer.c_str());
         socket.close(error);
         return;
     }
@@ -506,8 +511,7 @@ Reply State::dispatch(const Request& request, Route route, const std::string& cl
         }
         return reply;
     } catch (const std::exception& exception) {
-        ZEL_LOG_ERROR(SPI::getLogger("ZEL.Server.LocationServer"),
-                      "request failed with an exception: %s", exception.what());
+        ZEL_LOG_ERROR(log, "request failed with an exception: %s", exception.what());
         return {500, genericErrorAnswer("internal", "internal error")};
     }
 }
@@ -575,21 +579,20 @@ std::unique_ptr<LocationServer> LocationServer::start(ServerOptions options,
     }
     state->accept();
     for (size_t i = 0; i < std::max<size_t>(o.threads, 1); ++i) {
-        state->threads.emplace_back([&loop = state->loop] {
+        state->threads.emplace_back([&loop = state->loop, &log = state->log] {
             for (;;) {
                 try {
                     loop.run();
                     return;
                 } catch (const std::exception& exception) {
-                    ZEL_LOG_ERROR(SPI::getLogger("ZEL.Server.LocationServer"), "event loop: %s",
-                                  exception.what());
+                    ZEL_LOG_ERROR(log, "event loop: %s", exception.what());
                 }
             }
         });
     }
     std::unique_ptr<LocationServer> server(new LocationServer(std::move(state)));
-    ZEL_LOG_INFO(SPI::getLogger("ZEL.Server.LocationServer"), "listening on %s%s",
-                 server->url().c_str(), server->state_->options.prefix.c_str());
+    ZEL_LOG_INFO(server->state_->log, "listening on %s%s", server->url().c_str(),
+                 server->state_->options.prefix.c_str());
     return server;
 }
 
