@@ -11,6 +11,7 @@
 
 #include <cerrno>
 #include <cstring>
+#include <ctime>
 
 #include "spi/clock.h"
 #include "spi/log.h"
@@ -43,6 +44,16 @@ std::unique_ptr<Nl80211Socket> connectOrLog(Logger& log, const std::string& name
         ZEL_LOG_ERROR(log, "%s: can't open nl80211: %s", name.c_str(), reason.c_str());
     }
     return socket;
+}
+
+// CLOCK_BOOTTIME in ns, the clock of the kernel's last-seen stamps; 0 when unreadable.
+uint64_t bootTimeNs() {
+    timespec time{};
+    if (clock_gettime(CLOCK_BOOTTIME, &time) != 0) {
+        return 0;
+    }
+    return static_cast<uint64_t>(time.tv_sec) * 1'000'000'000u +
+           static_cast<uint64_t>(time.tv_nsec);
 }
 
 }  // namespace
@@ -224,9 +235,9 @@ int Nl80211WifiAdapter::dumpScan(std::vector<BssEntry>& entries) {
     if (!dump || nla_put_u32(dump.get(), NL80211_ATTR_IFINDEX, interface_.index) != 0) {
         return ENOMEM;
     }
-    Core::TimeStamp now = clock_.now();
+    const DumpTime time{clock_.now(), bootTimeNs()};
     return commands_->request(dump, [&](const nlmsghdr* reply) {
-        if (auto entry = parseBss(reply, now)) {
+        if (auto entry = parseBss(reply, time)) {
             entries.push_back(*entry);
         }
     });
