@@ -12,7 +12,6 @@
 
 #include "spi/platform.h"
 #include "spi/wifi/nl80211_wifi_adapter.h"
-#include "support/log_capture.h"
 
 namespace ZEL::SPI {
 namespace {
@@ -78,23 +77,6 @@ TEST(VmScan, HearsExactlyTheAccessPointsWithTheirSignals) {
         EXPECT_GE(ap.time.totalMilliseconds() + 30000, before.totalMilliseconds());
         EXPECT_LE(ap.time.totalMilliseconds(), after.totalMilliseconds());
     }
-}
-
-TEST(VmScan, SecondAdapterWaitsForTheScanUnderWay) {
-    auto first = stationAdapter();
-    auto second = stationAdapter();
-    ASSERT_TRUE(first && second);
-    ASSERT_EQ(first->open(), 0);
-    ASSERT_EQ(second->open(), 0);
-    Testing::LogCapture log("ZEL.SPI.WifiAdapter.Nl80211WifiAdapter");
-    ASSERT_EQ(first->startScan(), 0);
-    ASSERT_EQ(second->startScan(), 0);
-    EXPECT_TRUE(log.contains(second->name() + ": another process is scanning"));
-    Core::ApList secondList, firstList;
-    ASSERT_EQ(second->getScanResults(secondList), 0);
-    ASSERT_EQ(first->getScanResults(firstList), 0);
-    expectExactlyTheAccessPoints(secondList, "waiting adapter");
-    expectExactlyTheAccessPoints(firstList, "scanning adapter");
 }
 
 }  // namespace
