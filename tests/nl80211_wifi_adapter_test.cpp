@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <cerrno>
+#include <ctime>
 
 #include "spi/manual_clock.h"
 #include "support/hand_built_tile.h"
@@ -95,11 +96,12 @@ TEST_F(Nl80211AdapterTest, ReadsAtOnceWhatWasHeardWithinTheRecentAgeDuringItsSca
     for (auto [last, ageMs] : {std::pair<uint8_t, uint32_t>{1, 0}, {2, 30000}, {3, 30001}}) {
         heard(last, ageMs);
     }
-    kernel_.scanList
-        .emplace_back(NL80211_CMD_NEW_SCAN_RESULTS)  // a malformed entry
-        .u32(NL80211_ATTR_IFINDEX, kIfindex)
-        .beginBss()
-        .put(NL80211_BSS_BSSID, {1, 2, 3})
+    timespec boot{};  // one last heard 40 s ago by the kernel's boot-clock stamp
+    clock_gettime(CLOCK_BOOTTIME, &boot);
+    kernel_.scanList.emplace_back(NL80211_CMD_NEW_SCAN_RESULTS)
+        .bss("ap", 1, {2, 0, 0, 0, 0, 4})
+        .u32(NL80211_BSS_SEEN_MS_AGO, 0)
+        .u64(NL80211_BSS_LAST_SEEN_BOOTTIME, (boot.tv_sec - 40) * 1'000'000'000ull)
         .endBss();
     ASSERT_EQ(adapter_->startScan(), 0);
     Core::ApList list;

@@ -101,6 +101,7 @@ class VmLocate : public ::testing::Test {
         EXPECT_DOUBLE_EQ(fix["longitude"].get<double>(), expected_.longitude);
         EXPECT_DOUBLE_EQ(fix["hpe"].get<double>(), expected_.hpe);
         EXPECT_EQ(fix["known_aps"].size(), positions_.size());
+        EXPECT_TRUE(fix["unknown_aps"].empty()) << text;  // no ad-hoc network
     }
 
     // A fix from `zel locate` as `uid`, timed over the whole call.
