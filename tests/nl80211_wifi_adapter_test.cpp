@@ -166,6 +166,11 @@ TEST_F(Nl80211AdapterTest, RefusalsAndFailuresGiveTheLockBack) {
     ASSERT_EQ(other.tryAcquire(), ScanLock::Outcome::Acquired);
     EXPECT_EQ(adapter_->startScan(), 0);
     EXPECT_EQ(kernel_.triggers, 4);
+    options_.lockPath = directory_.path() + "/absent/lock";  // no lock file: scans unguarded
+    Nl80211WifiAdapter unguarded({"wlan0", kIfindex, NL80211_IFTYPE_STATION}, options_);
+    ASSERT_EQ(unguarded.open(), 0);
+    EXPECT_EQ(unguarded.startScan(), 0);
+    EXPECT_EQ(kernel_.triggers, 5);
 }
 
 }  // namespace

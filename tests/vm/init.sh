@@ -13,6 +13,8 @@ mount -t devtmpfs devtmpfs /dev
 mount -t tmpfs tmpfs /tmp
 mount -t tmpfs tmpfs /run
 mkdir -p /run/lock
+echo 'nobody:x:65534:65534:nobody:/:/bin/sh' > /etc/passwd  # for the unprivileged runs
+echo 'nobody:x:65534:' > /etc/group
 cfg=/etc/zel-vm
 say() { echo "zel-vm: $*"; }
 stop() { say "$*"; sync; poweroff -f; sleep 5; exit 1; }
