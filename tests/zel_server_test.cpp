@@ -103,6 +103,8 @@ TEST_P(ServerExchange, StreetAddressAtEachLevel) {
     EXPECT_EQ(full.streetNumber + full.postalCode, "12a3011");
     // Markup characters in the data reach the client intact.
     EXPECT_EQ(full.addressLines, (std::vector<std::string>{"Rue <Haute> & Co", "2nd floor, left"}));
+    // A level the protocol does not name reads as none.
+    EXPECT_TRUE(locate(clusterScan(), 7).streetAddress.empty());
 }
 
 TEST_P(ServerExchange, RegistrationAndAuthentication) {
