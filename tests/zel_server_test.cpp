@@ -21,6 +21,7 @@
 #include "support/hand_built_tile.h"
 #include "support/local_entries.h"
 #include "support/location_server_fixture.h"
+#include "support/test_databases.h"
 
 namespace ZEL::Server {
 namespace {
@@ -119,7 +120,7 @@ TEST_P(ServerExchange, RegistrationAndAuthentication) {
     locate(clusterScan(), 0, Core::ResultCode::kUnauthorized, {kRegisteredUser, "other"});
     Core::IpLocationRecord record;
     EXPECT_EQ(remote_.ipLocation(carol, 0, record), Core::ResultCode::kUnauthorized);
-    EXPECT_EQ(server_->service().users().count(kServerRealm), 2u);
+    EXPECT_EQ(server_->service().users().countUsers(kServerRealm), 2u);
 }
 
 INSTANTIATE_TEST_SUITE_P(HttpAndHttps, ServerExchange, ::testing::Values(false, true),
@@ -232,12 +233,17 @@ TEST(ForwardedFor, TrustedOnlyWhenConfigured) {
     }
 }
 
-TEST(SharedUserDatabase, ConcurrentRegistrationsCreateEachUserOnce) {
+class SharedUserDatabase : public ::testing::TestWithParam<Backend> {};
+
+TEST_P(SharedUserDatabase, ConcurrentRegistrationsCreateEachUserOnce) {
     const TempDir directory;
-    const std::string path = directory.path() + "/users.db";
-    std::unique_ptr<TestLocationServer> servers[] = {
-        TestLocationServer::start({.usersPath = path}),
-        TestLocationServer::start({.usersPath = path})};
+    std::string skipReason;
+    const std::string url = newTestDatabase(GetParam(), directory.path(), skipReason);
+    if (url.empty()) {
+        GTEST_SKIP() << skipReason;
+    }
+    std::unique_ptr<TestLocationServer> servers[] = {TestLocationServer::start({.database = url}),
+                                                     TestLocationServer::start({.database = url})};
     ASSERT_TRUE(servers[0] && servers[1]);
     // Every thread tries every name, alternating between the servers: each name is
     // created exactly once, and every other attempt is told that it exists.
@@ -264,11 +270,15 @@ TEST(SharedUserDatabase, ConcurrentRegistrationsCreateEachUserOnce) {
     servers[0].reset();
     servers[1].reset();
     std::string error;
-    auto store = UserStore::open(path, error);
-    ASSERT_NE(store, nullptr) << error;
-    EXPECT_EQ(store->count(kServerRealm), size_t{kNames + 1});
-    EXPECT_EQ(store->find("user17", "other"), UserStore::Lookup::Unknown);
+    auto database = Database::open(url, error);
+    ASSERT_NE(database, nullptr) << error;
+    EXPECT_EQ(database->countUsers(kServerRealm), size_t{kNames + 1});
+    EXPECT_EQ(database->findUser("user17", "other"), Database::Lookup::Unknown);
 }
+
+INSTANTIATE_TEST_SUITE_P(SqliteAndPostgresql, SharedUserDatabase,
+                         ::testing::Values(Backend::kSqlite, Backend::kPostgresql),
+                         backendName<::testing::TestParamInfo<Backend>>);
 
 // The next line the program writes (standard output and error), "" at the end.
 std::string nextLine(FILE* output) {
