@@ -51,7 +51,7 @@ std::unique_ptr<Database> Database::open(const std::string& url, std::string& er
     if (url.starts_with("sqlite:")) {
         return openSqliteDatabase(url.substr(7), error);
     }
-    if (url.starts_with("postgresql://") || url.starts_with("postgres://")) {
+    if (url.starts_with("postgresql://")) {
         return openPostgresqlDatabase(url, error);
     }
     error = "unknown database URL \"" + url + "\": use sqlite:PATH or postgresql://...";

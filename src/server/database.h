@@ -5,8 +5,8 @@
 //   sqlite:PATH         an embedded SQLite file (created when missing; "sqlite::memory:"
 //                       is a database of this process alone), shareable by the
 //                       processes of one machine
-//   postgresql://...    a PostgreSQL server (libpq's connection URI; "postgres://"
-//                       too), shared by any number of nodes
+//   postgresql://...    a PostgreSQL server (libpq's connection URI), shared by any
+//                       number of nodes
 // open() brings the schema to the version this program knows, step by step from any
 // older one (version 1 is the users table alone, as the first servers made it); the
 // step runs in a transaction that excludes every other node's, so nodes that start

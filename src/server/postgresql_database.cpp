@@ -19,6 +19,9 @@ namespace {
 
 // Idle connections kept for the next operations; more are opened when needed.
 constexpr size_t kIdleConnections = 8;
+// Seconds to wait for a connection unless the URL says otherwise: an unreachable
+// server is an error answer, not a request that hangs (libpq waits forever).
+constexpr const char kConnectTimeout[] = "5";
 // The advisory lock's key: any number, the same on every node ("ZELSCHEM").
 constexpr const char kLockMigration[] = "SELECT pg_advisory_xact_lock(5928563813185635661)";
 
@@ -167,7 +170,10 @@ class PostgresqlDatabase final : public Database {
     }
 
     Connection connect(std::string& error) {
-        Connection connection(PQconnectdb(url_.c_str()));
+        // The URL's own settings override the time-out given before it.
+        const char* const keywords[] = {"connect_timeout", "dbname", nullptr};
+        const char* const values[] = {kConnectTimeout, url_.c_str(), nullptr};
+        Connection connection(PQconnectdbParams(keywords, values, 1));
         if (PQstatus(connection.get()) != CONNECTION_OK) {
             error = message(connection.get());
             return nullptr;
