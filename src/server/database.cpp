@@ -23,9 +23,8 @@ std::optional<long long> storedVersion(SchemaSession& session, const SchemaDiale
     return users ? std::optional<long long>(*users > 0 ? 1 : 0) : std::nullopt;
 }
 
-}  // namespace
-
-bool migrateSchema(SchemaSession& session, const SchemaDialect& dialect, std::string& error) {
+// The migration inside its transaction.
+bool migrateWithin(SchemaSession& session, const SchemaDialect& dialect, std::string& error) {
     const std::optional<long long> version = storedVersion(session, dialect, error);
     if (!version) {
         return false;
@@ -45,6 +44,20 @@ bool migrateSchema(SchemaSession& session, const SchemaDialect& dialect, std::st
     return *version == kSchemaVersion ||
            session.execute("UPDATE schema_version SET version = " + std::to_string(kSchemaVersion),
                            error);
+}
+
+}  // namespace
+
+bool migrateSchema(SchemaSession& session, const SchemaDialect& dialect, std::string& error) {
+    if (!session.execute(dialect.beginExclusive, error)) {
+        return false;
+    }
+    if (!migrateWithin(session, dialect, error)) {
+        std::string ignored;
+        session.execute("ROLLBACK", ignored);
+        return false;
+    }
+    return session.execute("COMMIT", error);
 }
 
 std::unique_ptr<Database> Database::open(const std::string& url, std::string& error) {

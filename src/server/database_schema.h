@@ -29,14 +29,17 @@ class SchemaSession {
 };
 
 struct SchemaDialect {
+    // Opens the transaction in which the migration runs, excluding every other
+    // migration of the same database until it ends.
+    const char* beginExclusive;
     // A query counting the tables whose name is the quoted literal appended to it.
     const char* countTablesNamed;
     // steps[v] takes the schema from version v to v + 1.
     const char* steps[kSchemaVersion];
 };
 
-// Brings the database of `session` to kSchemaVersion. False with `error` set when
-// a step fails or the database's version is newer than kSchemaVersion.
+// Brings the database of `session` to kSchemaVersion in one transaction. False with
+// `error` set when a step fails or the database's version is newer than kSchemaVersion.
 bool migrateSchema(SchemaSession& session, const SchemaDialect& dialect, std::string& error);
 
 // The back ends, reached through Database::open.

@@ -22,10 +22,9 @@ constexpr size_t kIdleConnections = 8;
 // Seconds to wait for a connection unless the URL says otherwise: an unreachable
 // server is an error answer, not a request that hangs (libpq waits forever).
 constexpr const char kConnectTimeout[] = "5";
-// The advisory lock's key: any number, the same on every node ("ZELSCHEM").
-constexpr const char kLockMigration[] = "SELECT pg_advisory_xact_lock(5928563813185635661)";
-
 constexpr SchemaDialect kDialect = {
+    // The advisory lock's key: any number, the same on every node ("ZELSCHEM").
+    "BEGIN; SELECT pg_advisory_xact_lock(5928563813185635661)",
     "SELECT COUNT(*) FROM information_schema.tables"
     " WHERE table_schema = current_schema() AND table_name = ",
     {
@@ -101,15 +100,7 @@ class PostgresqlDatabase final : public Database {
             return false;
         }
         Session session(connection.get());
-        if (!session.execute("BEGIN", error) || !session.execute(kLockMigration, error)) {
-            return false;
-        }
         if (!migrateSchema(session, kDialect, error)) {
-            std::string ignored;
-            session.execute("ROLLBACK", ignored);
-            return false;
-        }
-        if (!session.execute("COMMIT", error)) {
             return false;
         }
         idle_.push_back(std::move(connection));

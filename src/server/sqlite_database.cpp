@@ -18,6 +18,7 @@ namespace {
 constexpr int kBusyTimeoutMs = 5000;
 
 constexpr SchemaDialect kDialect = {
+    "BEGIN IMMEDIATE",
     "SELECT COUNT(*) FROM sqlite_master WHERE type = 'table' AND name = ",
     {
         "CREATE TABLE users ("
@@ -105,17 +106,8 @@ class SqliteDatabase final : public Database {
         Session session(connection_);
         // FULL: an acknowledged registration survives a power cut, not only a crash
         // of the process; registrations are rare enough to afford a sync each.
-        if (!session.execute("PRAGMA journal_mode=WAL; PRAGMA synchronous=FULL;"
-                             "BEGIN IMMEDIATE",
-                             error)) {
-            return false;
-        }
-        if (!migrateSchema(session, kDialect, error)) {
-            std::string ignored;
-            session.execute("ROLLBACK", ignored);
-            return false;
-        }
-        if (!session.execute("COMMIT", error)) {
+        if (!session.execute("PRAGMA journal_mode=WAL; PRAGMA synchronous=FULL", error) ||
+            !migrateSchema(session, kDialect, error)) {
             return false;
         }
         for (int i = 0; i < kStatements; ++i) {
