@@ -34,7 +34,6 @@ TEST_P(DatabaseBackend, UsersAndKeysAndTheirFailures) {
     EXPECT_EQ(database->addUser("o'brien; --", "acme"), Addition::Exists);
     EXPECT_EQ(database->addUser("o'brien; --", "other"), Addition::Added);
     EXPECT_EQ(database->findUser("o'brien; --", "acme"), Lookup::Registered);
-    EXPECT_EQ(database->findUser("bob", "other"), Lookup::Unknown);
     EXPECT_EQ(database->countUsers("acme"), 1u);
 
     EXPECT_EQ(database->addKey("k1", "acme"), Addition::Added);
@@ -56,19 +55,24 @@ TEST_P(DatabaseBackend, UsersAndKeysAndTheirFailures) {
 }
 
 TEST_P(DatabaseBackend, MigratesFromVersionOneAndRefusesANewerSchema) {
-    // The users table as the first servers made it: schema version 1.
+    // The users table as the first servers made it (schema version 1), and a stray
+    // table on which the step to version 2 fails, leaving version 1 as it was.
     queryTestDatabase(url_,
                       "CREATE TABLE users (realm TEXT NOT NULL, username TEXT NOT NULL, created"
                       " INTEGER NOT NULL, PRIMARY KEY (realm, username))" +
                           std::string(GetParam() == Backend::kSqlite ? " WITHOUT ROWID" : "") +
-                          "; INSERT INTO users VALUES ('acme', 'alice', 1)");
+                          "; INSERT INTO users VALUES ('acme', 'alice', 1); CREATE TABLE api_keys"
+                          " (key TEXT)");
+    std::string error;
+    EXPECT_EQ(Database::open(url_, error), nullptr);
+    EXPECT_NE(error.find(": schema step to version 2 failed: "), std::string::npos) << error;
+    queryTestDatabase(url_, "DROP TABLE api_keys");
     auto database = open();
     ASSERT_NE(database, nullptr);
     EXPECT_EQ(database->findUser("alice", "acme"), Lookup::Registered);
     EXPECT_EQ(database->addKey("k1", "acme"), Addition::Added);
 
     queryTestDatabase(url_, "UPDATE schema_version SET version = 3");
-    std::string error;
     EXPECT_EQ(Database::open(url_, error), nullptr);
     EXPECT_NE(error.find(": the database's schema version 3 is newer than this program's (2)"),
               std::string::npos)
