@@ -10,7 +10,8 @@ set -eu
 bin=$(ls -d /usr/lib/postgresql/*/bin 2>/dev/null | sort -V | tail -n 1)
 [ -n "$bin" ] && [ -x "$bin/initdb" ] && [ -x "$bin/postgres" ] || exit 77
 watched=$1
-folder=$(mktemp -d "${TMPDIR:-/tmp}/zel_pg_XXXXXX")
+# In /tmp: a socket path must stay short, and nobody must reach the folder.
+folder=$(mktemp -d /tmp/zel_pg_XXXXXX)
 as=""
 if [ "$(id -u)" -eq 0 ]; then
     chown nobody: "$folder"
