@@ -1,6 +1,6 @@
 // The shared back end: a PostgreSQL server through libpq, for any number of nodes.
-// Each operation borrows a connection from a small pool (one per thread at most
-// under way), so requests do not queue behind each other's round trips; a
+// Each operation borrows a connection from a small pool (one per operation under
+// way), so requests do not queue behind each other's round trips; a
 // connection that broke is dropped and the next operation connects afresh.
 // Migrations take a transaction-scoped advisory lock, so nodes that start together
 // migrate one after the other and the later ones find nothing left to do.
@@ -22,9 +22,10 @@ constexpr size_t kIdleConnections = 8;
 // Seconds to wait for a connection unless the URL says otherwise: an unreachable
 // server is an error answer, not a request that hangs (libpq waits forever).
 constexpr const char kConnectTimeout[] = "5";
+
 constexpr SchemaDialect kDialect = {
-    // The advisory lock's key: any number, the same on every node ("ZELSCHEM").
-    "BEGIN; SELECT pg_advisory_xact_lock(5928563813185635661)",
+    // The advisory lock's key: any number, the same on every node ("ZELSCHEM" in ASCII).
+    "BEGIN; SELECT pg_advisory_xact_lock(6504689157301355853)",
     "SELECT COUNT(*) FROM information_schema.tables"
     " WHERE table_schema = current_schema() AND table_name = ",
     {
