@@ -21,6 +21,7 @@
 #include "support/hand_built_tile.h"
 #include "support/local_entries.h"
 #include "support/location_server_fixture.h"
+#include "support/test_databases.h"
 
 namespace ZEL::Server {
 namespace {
@@ -121,7 +122,7 @@ TEST_P(ServerExchange, RegistrationAndAuthentication) {
     locate(clusterScan(), 0, Core::ResultCode::kUnauthorized, {kRegisteredUser, "other"});
     Core::IpLocationRecord record;
     EXPECT_EQ(remote_.ipLocation(carol, 0, record), Core::ResultCode::kUnauthorized);
-    EXPECT_EQ(server_->service().users().count(kServerRealm), 2u);
+    EXPECT_EQ(server_->service().users().countUsers(kServerRealm), 2u);
 }
 
 INSTANTIATE_TEST_SUITE_P(HttpAndHttps, ServerExchange, ::testing::Values(false, true),
@@ -234,12 +235,11 @@ TEST(ForwardedFor, TrustedOnlyWhenConfigured) {
     }
 }
 
-TEST(SharedUserDatabase, ConcurrentRegistrationsCreateEachUserOnce) {
-    const TempDir directory;
-    const std::string path = directory.path() + "/users.db";
-    std::unique_ptr<TestLocationServer> servers[] = {
-        TestLocationServer::start({.usersPath = path}),
-        TestLocationServer::start({.usersPath = path})};
+class SharedUserDatabase : public BackendTest {};
+
+TEST_P(SharedUserDatabase, ConcurrentRegistrationsCreateEachUserOnce) {
+    std::unique_ptr<TestLocationServer> servers[] = {TestLocationServer::start({.database = url_}),
+                                                     TestLocationServer::start({.database = url_})};
     ASSERT_TRUE(servers[0] && servers[1]);
     // Every thread tries every name, alternating between the servers: each name is
     // created exactly once, and every other attempt is told that it exists.
@@ -263,14 +263,12 @@ TEST(SharedUserDatabase, ConcurrentRegistrationsCreateEachUserOnce) {
     }
     EXPECT_EQ(created.load(), kNames);
     EXPECT_EQ(refused.load(), kThreads * kNames - kNames);
-    servers[0].reset();
-    servers[1].reset();
-    std::string error;
-    auto store = UserStore::open(path, error);
-    ASSERT_NE(store, nullptr) << error;
-    EXPECT_EQ(store->count(kServerRealm), size_t{kNames + 1});
-    EXPECT_EQ(store->find("user17", "other"), UserStore::Lookup::Unknown);
+    EXPECT_EQ(servers[0]->service().users().countUsers(kServerRealm), size_t{kNames + 1});
 }
+
+INSTANTIATE_TEST_SUITE_P(SqliteAndPostgresql, SharedUserDatabase,
+                         ::testing::Values(Backend::kSqlite, Backend::kPostgresql),
+                         ::testing::PrintToStringParamName());
 
 // The next line the program writes (standard output and error), "" at the end.
 std::string nextLine(FILE* output) {
