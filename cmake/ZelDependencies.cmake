@@ -10,6 +10,7 @@ pkg_check_modules(LIBXML2 REQUIRED IMPORTED_TARGET libxml-2.0)
 pkg_check_modules(LIBCURL REQUIRED IMPORTED_TARGET libcurl)
 pkg_check_modules(LIBNL REQUIRED IMPORTED_TARGET libnl-genl-3.0)
 pkg_check_modules(SQLITE3 REQUIRED IMPORTED_TARGET sqlite3)
+pkg_check_modules(LIBPQ REQUIRED IMPORTED_TARGET libpq)
 # The tests' and the benchmark's HTTP client; the server is built on Boost.Beast.
 pkg_check_modules(HTTPLIB REQUIRED IMPORTED_TARGET cpp-httplib)
 # zel-server's HTTP(S): Boost.Beast and Boost.Asio (header-only) over OpenSSL.

@@ -34,7 +34,7 @@ void compareSearches(const Tile& tile, const std::vector<uint8_t>& file, uint64_
     Tiles::StoredApData fast, checked;
     bool foundFast = decodeInPlace(tile, file.data(), byteCount,
                                    locateInPlace(tile, file.data(), byteCount, key), key, fast);
-    bool foundChecked = tile.findKey(key, checked);
+    bool foundChecked = tile.decode(tile.locate(key), key, checked);
     if (foundFast != foundChecked ||
         (foundFast &&
          (fast.latitude != checked.latitude || fast.longitude != checked.longitude ||

@@ -14,25 +14,20 @@ static int check(int condition, const char* what) {
 
 int main(void) {
     int failures = 0;
-    ZEL_Authentication auth;
     ZEL_APEntry entry;
     ZEL_Location location;
     ZEL_LocationCallback callback = NULL;
 
-    auth.username = "alice";
-    auth.realm = "acme";
-    failures += check(auth.username[0] == 'a', "authentication fields");
     failures += check(sizeof(entry) == 8, "ZEL_APEntry is 8 bytes");
     failures +=
         check(offsetof(ZEL_StreetAddress, state_code) == 7 * sizeof(char*), "state_code offset");
     failures += check(sizeof(((ZEL_StreetAddress*)0)->country_code) == 4, "country_code size");
-    location.known_aps.count = 0;
-    location.known_aps.aps = NULL;
+    location.known_aps.aps = NULL; /* the records' fields are usable from C */
     failures += check(location.known_aps.aps == NULL && callback == NULL, "AP table");
 
     ZEL_free_location(NULL);
     ZEL_free_ip_location(NULL);
 
-    printf("%d passed, %d failed\n", 5 - failures, failures);
+    printf("%d passed, %d failed\n", 4 - failures, failures);
     return failures == 0 ? 0 : 1;
 }

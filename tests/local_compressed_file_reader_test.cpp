@@ -140,6 +140,21 @@ bool tileHolds(const std::vector<uint8_t>& file, uint64_t key, bool readerFound)
     return held;
 }
 
+// Both searches find exactly the stored keys, also past the last record, where the
+// file's directory follows; a walk over the records visits each once.
+TEST_F(ReaderTest, SearchesFindExactlyTheStoredKeysAndTheWalkEveryRecord) {
+    const std::vector<uint8_t> file = fileOf(sampleTile());
+    ASSERT_TRUE(openBytes(file));
+    for (uint64_t key = 0xFFF; key < 0x2400; ++key) {
+        const bool stored = key == 0x1000 || key == 0x1005 || key == 0x1010 || key == 0x2000;
+        ASSERT_EQ(tileHolds(file, key, found(key)), stored) << std::hex << key;
+    }
+    BitReader bits(file.data(), static_cast<uint32_t>(file.size()));
+    Tile tile;
+    ASSERT_TRUE(tile.parse(4, &bits, 0));
+    EXPECT_EQ(tile.forEachRecord([](uint64_t, const StoredApData&) {}), 4u);
+}
+
 TEST_F(ReaderTest, OddDeltasWithinABlock) {
     HandTile tile = sampleTile();
     tile.blocks[0].records[0].keyDelta = 0x1002;  // a first non-zero delta is an absolute key

@@ -51,6 +51,10 @@ TEST(EstimateSpeed, NeedsAResultWithAPositionAndMoreThanTwoSamples) {
     failed.time = Core::TimeStamp::fromMilliseconds(kNow - 1000);
     EXPECT_EQ(Local::estimateSpeed(raw, historyOf({recordAt(0, 0, kNow - 2000), failed}), {}), 0.0);
     EXPECT_EQ(Local::estimateSpeed(raw, historyOf({recordAt(100, 0, kNow - 1000)}), {}), 0.0);
+    Core::LocationRecord onMeridian = recordAt(0, 0, kNow - 2000);
+    onMeridian.longitude = 0.0;  // a position needs both coordinates
+    const auto unplaced = historyOf({onMeridian, recordAt(100, 0, kNow - 1000)});
+    EXPECT_EQ(Local::estimateSpeed(raw, unplaced, {}), 0.0);
 }
 
 TEST(EstimateSpeed, StepSpeedsAreCappedAt150KmhBeforeTheMedian) {

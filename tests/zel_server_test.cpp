@@ -29,6 +29,7 @@
 #include "support/hand_built_tile.h"
 #include "support/local_entries.h"
 #include "support/location_server_fixture.h"
+#include "support/test_databases.h"
 
 namespace ZEL::Server {
 namespace {
@@ -111,6 +112,8 @@ TEST_P(ServerExchange, StreetAddressAtEachLevel) {
     EXPECT_EQ(full.streetNumber + full.postalCode, "12a3011");
     // Markup characters in the data reach the client intact.
     EXPECT_EQ(full.addressLines, (std::vector<std::string>{"Rue <Haute> & Co", "2nd floor, left"}));
+    // A level the protocol does not name reads as none.
+    EXPECT_TRUE(locate(clusterScan(), 7).streetAddress.empty());
 }
 
 TEST_P(ServerExchange, RegistrationAndAuthentication) {
@@ -127,7 +130,7 @@ TEST_P(ServerExchange, RegistrationAndAuthentication) {
     locate(clusterScan(), 0, Core::ResultCode::kUnauthorized, {kRegisteredUser, "other"});
     Core::IpLocationRecord record;
     EXPECT_EQ(remote_.ipLocation(carol, 0, record), Core::ResultCode::kUnauthorized);
-    EXPECT_EQ(server_->service().users().count(kServerRealm), 2u);
+    EXPECT_EQ(server_->service().users().countUsers(kServerRealm), 2u);
 }
 
 INSTANTIATE_TEST_SUITE_P(HttpAndHttps, ServerExchange, ::testing::Values(false, true),
@@ -241,12 +244,11 @@ TEST(ForwardedFor, TrustedOnlyWhenConfigured) {
     }
 }
 
-TEST(SharedUserDatabase, ConcurrentRegistrationsCreateEachUserOnce) {
-    const TempDir directory;
-    const std::string path = directory.path() + "/users.db";
-    std::unique_ptr<TestLocationServer> servers[] = {
-        TestLocationServer::start({.usersPath = path}),
-        TestLocationServer::start({.usersPath = path})};
+class SharedUserDatabase : public BackendTest {};
+
+TEST_P(SharedUserDatabase, ConcurrentRegistrationsCreateEachUserOnce) {
+    std::unique_ptr<TestLocationServer> servers[] = {TestLocationServer::start({.database = url_}),
+                                                     TestLocationServer::start({.database = url_})};
     ASSERT_TRUE(servers[0] && servers[1]);
     // Every thread tries every name, alternating between the servers: each name is
     // created exactly once, and every other attempt is told that it exists.
@@ -270,14 +272,12 @@ TEST(SharedUserDatabase, ConcurrentRegistrationsCreateEachUserOnce) {
     }
     EXPECT_EQ(created.load(), kNames);
     EXPECT_EQ(refused.load(), kThreads * kNames - kNames);
-    servers[0].reset();
-    servers[1].reset();
-    std::string error;
-    auto store = UserStore::open(path, error);
-    ASSERT_NE(store, nullptr) << error;
-    EXPECT_EQ(store->count(kServerRealm), size_t{kNames + 1});
-    EXPECT_EQ(store->find("user17", "other"), UserStore::Lookup::Unknown);
+    EXPECT_EQ(servers[0]->service().users().countUsers(kServerRealm), size_t{kNames + 1});
 }
+
+INSTANTIATE_TEST_SUITE_P(SqliteAndPostgresql, SharedUserDatabase,
+                         ::testing::Values(Backend::kSqlite, Backend::kPostgresql),
+                         ::testing::PrintToStringParamName());
 
 // The next line the program writes (standard output and error), "" at the end.
 std::string nextLine(FILE* output) {
@@ -434,7 +434,7 @@ TEST(ServerLimits, RatesAndConnectionsPerAddressAndPerKeyAreCountedInTheMetrics)
          }});
     ASSERT_NE(server, nullptr);
     for (const char* user : {"bob", "dave"}) {
-        server->service().users().add(user, kServerRealm);
+        server->service().users().addUser(user, kServerRealm);
     }
     httplib::Client client("127.0.0.1", server->port());
     client.set_keep_alive(true);  // one connection throughout

@@ -52,7 +52,7 @@ class OneShotLocationState {
     Core::LocationDetermination& local_;
     RemoteLocator remote_;
     const LocationCache& cache_;
-    Core::RecentApList heard_{30000};
+    Core::RecentApList heard_{Core::kRecentMaxAgeMs};
     Core::ResultCode result_ = Core::ResultCode::kNoWifiInRange;
     Core::LocationRecord location_;
     size_t countAtLocation_ = 0;  // APs heard when the current location was found

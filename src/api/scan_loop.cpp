@@ -108,7 +108,7 @@ class LoopRun {
     std::unique_ptr<WifiAdapter> adapter_;
     const ScanCallback& callback_;
     ScanLoopState state_;
-    Core::RecentApList recent_{30000};
+    Core::RecentApList recent_{Core::kRecentMaxAgeMs};
 };
 
 }  // namespace

@@ -9,6 +9,10 @@
 
 namespace ZEL::Core {
 
+// How long an access point heard stays in a recent list (ms): the scan loop's and the
+// one-shot flow's lists, and the oldest entry of a scan that an adapter reports.
+inline constexpr uint32_t kRecentMaxAgeMs = 30000;
+
 // Access points heard recently, each with the time it was heard, oldest first, and
 // none older than the maximum age after a merge.
 class RecentApList {
@@ -18,7 +22,7 @@ class RecentApList {
         Core::TimeStamp heard;
     };
 
-    explicit RecentApList(uint32_t maxAgeMs = 30000) : maxAgeMs_(maxAgeMs) {}
+    explicit RecentApList(uint32_t maxAgeMs = kRecentMaxAgeMs) : maxAgeMs_(maxAgeMs) {}
 
     // Stamps each AP of `fresh` with `now`, inserts it at its place in
     // time order (after entries of an earlier time, before those of a later one),

@@ -74,13 +74,13 @@ bool LocationService::authorised(Question question, const Credentials& user, Rep
     if (options_.open) {
         return true;
     }
-    UserStore::Lookup lookup = user.realm == options_.realm
-                                   ? data_.users->find(user.username, user.realm)
-                                   : UserStore::Lookup::Unknown;
-    if (lookup == UserStore::Lookup::Registered) {
+    Database::Lookup lookup = user.realm == options_.realm
+                                  ? data_.users->findUser(user.username, user.realm)
+                                  : Database::Lookup::Unknown;
+    if (lookup == Database::Lookup::Registered) {
         return true;
     }
-    if (lookup == UserStore::Lookup::Failed) {
+    if (lookup == Database::Lookup::Failed) {
         reply = refusal(500, question, "internal", "the user database failed");
         return false;
     }
@@ -172,14 +172,14 @@ Reply LocationService::registration(std::string_view body) {
         return refusal(200, Question::Registration, "wrong-realm",
                        "users can only be made in this server's realm");
     }
-    switch (data_.users->add(user.username, user.realm)) {
-        case UserStore::Addition::Added:
+    switch (data_.users->addUser(user.username, user.realm)) {
+        case Database::Addition::Added:
             ZEL_LOG_INFO(category_, "registered user \"%s\" of realm \"%s\"", user.username.c_str(),
                          user.realm.c_str());
             return Reply{200, registrationAnswer()};
-        case UserStore::Addition::Exists:
+        case Database::Addition::Exists:
             return refusal(200, Question::Registration, "user-exists", "the user exists already");
-        case UserStore::Addition::Failed:
+        case Database::Addition::Failed:
             break;
     }
     return refusal(500, Question::Registration, "internal", "the user database failed");

@@ -18,12 +18,12 @@
 #include <string_view>
 #include <vector>
 
+#include "server/database.h"
 #include "server/ip_ranges.h"
 #include "server/metrics.h"
 #include "server/reader_pool.h"
 #include "server/request_reader.h"
 #include "server/street_address_index.h"
-#include "server/user_store.h"
 
 namespace ZEL::SPI {
 class Logger;
@@ -45,7 +45,7 @@ struct Reply {
 
 // What the service answers from; only `users` is required.
 struct ServiceData {
-    std::unique_ptr<UserStore> users;
+    std::unique_ptr<Database> users;                // and API keys
     std::unique_ptr<IpRanges> ipRanges;             // ip-location: none without
     std::unique_ptr<StreetAddressIndex> addresses;  // no street addresses without
 };
@@ -61,7 +61,7 @@ class LocationService {
     Reply ipLocation(std::string_view body, const std::string& clientAddress);
     Reply registration(std::string_view body);
 
-    UserStore& users() { return *data_.users; }
+    Database& users() { return *data_.users; }
     Metrics& metrics() { return metrics_; }
     // Refuses a request with 429 when `admit`, asked with its user as
     // "username@realm" once the user is authorised, says no. Set before serving;

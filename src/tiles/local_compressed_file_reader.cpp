@@ -140,6 +140,13 @@ std::optional<StoredApData> CompressedFileReader::lookup(const Core::MacAddress&
         }
     }
     const std::vector<TileSearch::Candidate>& candidates = search_.candidates();
+    if (candidates.size() == 1) {  // nothing to overlap: search it at once
+        if (findInTile(candidates[0].tile, candidates[0].key, data)) {
+            search_.promote(search_.recentCount(), candidates[0].tile);
+            return data;
+        }
+        return std::nullopt;
+    }
     // Find every candidate's block first, so that the blocks load side by side.
     for (const TileSearch::Candidate& candidate : candidates) {
         prefetchIndex(candidate.tile);

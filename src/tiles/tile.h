@@ -39,8 +39,11 @@ class Tile {
     // Whether `key` lies in the tile's range [first block key, last block key].
     bool contains(uint64_t key) const { return firstKey_ <= key && key <= lastKey_; }
     // What the tile stores under `key` (computed with TileFormat::keyFor and this
-    // tile's bases), searching through the bounds-checked BitReader.
-    bool findKey(uint64_t key, StoredApData& data) const { return decode(locate(key), key, data); }
+    // tile's bases), searching through the bounds-checked BitReader. A key beyond
+    // the tile's range is not searched: past its last record lie other bytes.
+    bool findKey(uint64_t key, StoredApData& data) const {
+        return contains(key) && decode(locate(key), key, data);
+    }
 
     // Where `key` can lie: the key and the bit position of the last block whose
     // key does not exceed it.

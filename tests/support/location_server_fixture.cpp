@@ -45,7 +45,7 @@ const std::string& TestLocationServer::tilePath() {
 std::unique_ptr<TestLocationServer> TestLocationServer::start(const LocationServerConfig& config) {
     std::string error;
     Server::ServiceData data;
-    data.users = Server::UserStore::open(config.usersPath, error);
+    data.users = Server::Database::open(config.database, error);
     std::istringstream addresses(kAddresses);
     data.addresses = Server::StreetAddressIndex::read(addresses, "addresses", 200.0, error);
     std::istringstream ranges(kRanges);
@@ -54,7 +54,7 @@ std::unique_ptr<TestLocationServer> TestLocationServer::start(const LocationServ
         ADD_FAILURE() << error;
         return nullptr;
     }
-    data.users->add(kRegisteredUser, kServerRealm);
+    data.users->addUser(kRegisteredUser, kServerRealm);
     Server::ServiceOptions options{{tilePath()}, kServerRealm, false, 100};
     auto test = std::unique_ptr<TestLocationServer>(new TestLocationServer);
     test->service_ = Server::LocationService::create(options, std::move(data), error);

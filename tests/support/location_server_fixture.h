@@ -23,7 +23,7 @@ struct LocationServerConfig {
     // 127.0.0.1 sees an unknown issuer and a name that does not match.
     bool https = false;
     bool trustProxy = false;
-    std::string usersPath = ":memory:";
+    std::string database = "sqlite::memory:";  // URL of users and keys
     // Sets server options beyond these (limits, deadlines) before the start.
     std::function<void(Server::ServerOptions&)> configure = nullptr;
 };

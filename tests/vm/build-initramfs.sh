@@ -29,7 +29,7 @@ copy_with_libraries() {
             mkdir -p "$root$(dirname "$library")"
             cp -L "$library" "$root$library"
         fi
-    done
+    done || true  # a script needs no library
 }
 
 cp /bin/busybox "$root/bin/busybox"

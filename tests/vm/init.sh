@@ -2,7 +2,9 @@
 # PID 1 of the test VM. Loads the simulated radios, starts the medium and the
 # access points of /etc/zel-vm/aps, brings the station up, then runs each line of
 # /etc/zel-vm/commands, printing "zel-vm: status CODE: COMMAND" after each, and
-# powers off. The host reads the console for those lines.
+# powers off. The host reads the console for those lines. Lines that start with
+# "cold: " run as soon as the station is up, before anything has scanned; the
+# others once the kernel has heard every access point.
 /bin/busybox --install -s /bin
 export PATH=/bin:/sbin:/usr/bin:/usr/sbin
 mount -t proc proc /proc
@@ -11,6 +13,8 @@ mount -t devtmpfs devtmpfs /dev
 mount -t tmpfs tmpfs /tmp
 mount -t tmpfs tmpfs /run
 mkdir -p /run/lock
+echo 'nobody:x:65534:65534:nobody:/:/bin/sh' > /etc/passwd  # for the unprivileged runs
+echo 'nobody:x:65534:' > /etc/group
 cfg=/etc/zel-vm
 say() { echo "zel-vm: $*"; }
 stop() { say "$*"; sync; poweroff -f; sleep 5; exit 1; }
@@ -65,8 +69,23 @@ if [ -s $cfg/ibss ]; then
     say "ad-hoc \"$ssid\" on $ifname, $frequency MHz"
 fi
 
+# Runs the lines of the commands file that start with "cold: " ($1 = cold) or the others.
+run_commands() {
+    while read -r command; do
+        case "$command" in
+            "") continue ;;
+            "cold: "*) [ "$1" = cold ] || continue; line=${command#cold: } ;;
+            *) [ "$1" = cold ] && continue; line=$command ;;
+        esac
+        say "run: $command"
+        sh -c "$line" < /dev/null
+        say "status $?: $command"
+    done < $cfg/commands
+}
+
 station=$(cat $cfg/station)
 ip link set "$station" up || stop "cannot bring $station up"
+run_commands cold
 
 # Under emulation a probe response can miss the scan's 30 ms on its channel. Scan
 # the access points' channels until the kernel has heard every one, so the tests
@@ -90,10 +109,5 @@ until heard_all; do
 done
 say "station $station heard every access point after $polls polls"
 
-while read -r command; do
-    [ -z "$command" ] && continue
-    say "run: $command"
-    sh -c "$command" < /dev/null
-    say "status $?: $command"
-done < $cfg/commands
+run_commands warm
 stop "done"

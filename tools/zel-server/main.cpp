@@ -1,6 +1,6 @@
 // zel-server: answers the library's location, ip-location and registration
-// requests over HTTP or HTTPS from tile files, with its users in SQLite; /health
-// and /metrics for load balancers and monitoring.
+// requests over HTTP or HTTPS from tile files, with its users and API keys in
+// SQLite or PostgreSQL; /health and /metrics for load balancers and monitoring.
 //
 // Runs until SIGTERM or SIGINT, then finishes the exchanges under way and exits 0.
 // Exit status 2: bad options or data that cannot be loaded.
@@ -22,8 +22,10 @@ struct Arguments {
     ServiceOptions service;
     ServerOptions server;
     std::string listen = "127.0.0.1:8080";
-    std::string users = ":memory:";
+    std::string database = "sqlite::memory:";
+    std::string users;
     std::vector<std::string> addUsers;
+    std::vector<std::string> addKeys;
     std::string ipRanges;
     std::string addresses;
     double addressRadius = 200.0;
@@ -76,8 +78,13 @@ void addOptions(CLI::App& app, Arguments& a) {
         ->default_val(a.listen);
     app.add_option("--tls-cert", a.server.tlsCertificate, "PEM certificate: serve HTTPS");
     app.add_option("--tls-key", a.server.tlsKey, "PEM private key of the certificate");
-    app.add_option("--users", a.users, "SQLite database of users (created when missing)");
+    auto* database = app.add_option("--database", a.database,
+                                    "Users and API keys: sqlite:PATH (a file) or"
+                                    " postgresql://... (shared by nodes)")
+                         ->default_val(a.database);
+    app.add_option("--users", a.users, "Same as --database sqlite:PATH")->excludes(database);
     app.add_option("--add-user", a.addUsers, "Register this user of the realm at start");
+    app.add_option("--add-api-key", a.addKeys, "Add this API key of the realm at start");
     app.add_flag("--open", a.service.open, "Accept any authentication (local use only)");
     app.add_option("--ip-ranges", a.ipRanges, "CSV of IP ranges for ip-location")
         ->check(CLI::ExistingFile);
@@ -143,13 +150,19 @@ std::function<void(const std::string&)> accessLogSink(const Arguments& a, std::s
 
 std::shared_ptr<LocationService> makeService(Arguments& a, std::string& error) {
     ServiceData data;
-    data.users = UserStore::open(a.users, error);
+    data.users = Database::open(a.users.empty() ? a.database : "sqlite:" + a.users, error);
     if (!data.users) {
         return nullptr;
     }
     for (const std::string& name : a.addUsers) {
-        if (data.users->add(name, a.service.realm) == UserStore::Addition::Failed) {
+        if (data.users->addUser(name, a.service.realm) == Database::Addition::Failed) {
             error = "cannot add user " + name;
+            return nullptr;
+        }
+    }
+    for (const std::string& key : a.addKeys) {
+        if (data.users->addKey(key, a.service.realm) == Database::Addition::Failed) {
+            error = "cannot add API key " + key;
             return nullptr;
         }
     }

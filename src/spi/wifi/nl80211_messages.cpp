@@ -34,6 +34,7 @@ const nla_policy* bssPolicy() {
         table[NL80211_BSS_SIGNAL_MBM].type = NLA_U32;
         table[NL80211_BSS_SIGNAL_UNSPEC].type = NLA_U8;
         table[NL80211_BSS_SEEN_MS_AGO].type = NLA_U32;
+        table[NL80211_BSS_LAST_SEEN_BOOTTIME].type = NLA_U64;
         return table;
     }();
     return policy.data();
@@ -60,6 +61,14 @@ int16_t signalOf(const BssTable& bss) {
         return rssToDbm(nla_get_u8(bss[NL80211_BSS_SIGNAL_UNSPEC]));
     }
     return rssToDbm(0);
+}
+
+uint64_t ageOf(const BssTable& bss, uint64_t bootTimeNs) {
+    if (bss[NL80211_BSS_LAST_SEEN_BOOTTIME] && bootTimeNs != 0) {
+        uint64_t seenNs = nla_get_u64(bss[NL80211_BSS_LAST_SEEN_BOOTTIME]);
+        return seenNs < bootTimeNs ? (bootTimeNs - seenNs) / 1'000'000 : 0;
+    }
+    return bss[NL80211_BSS_SEEN_MS_AGO] ? nla_get_u32(bss[NL80211_BSS_SEEN_MS_AGO]) : 0;
 }
 
 // The probe response's elements, else the beacon's.
@@ -135,7 +144,7 @@ ScanEvent scanEventFor(const nlmsghdr* message, uint32_t ifindex) {
     }
 }
 
-std::optional<BssEntry> parseBss(const nlmsghdr* message, Core::TimeStamp now) {
+std::optional<BssEntry> parseBss(const nlmsghdr* message, const DumpTime& time) {
     AttributeTable attributes;
     if (!parseAttributes(message, attributes) || !attributes[NL80211_ATTR_BSS]) {
         return std::nullopt;
@@ -153,9 +162,10 @@ std::optional<BssEntry> parseBss(const nlmsghdr* message, Core::TimeStamp now) {
     }
     entry.ap.setSsid(ssidOf(bss));
     entry.ap.rss = signalOf(bss);
-    uint64_t ageMs = bss[NL80211_BSS_SEEN_MS_AGO] ? nla_get_u32(bss[NL80211_BSS_SEEN_MS_AGO]) : 0;
-    uint64_t nowMs = now.totalMilliseconds();
-    entry.ap.time = Core::TimeStamp::fromMilliseconds(ageMs < nowMs ? nowMs - ageMs : 0);
+    entry.ageMs = ageOf(bss, time.bootTimeNs);
+    uint64_t nowMs = time.now.totalMilliseconds();
+    entry.ap.time =
+        Core::TimeStamp::fromMilliseconds(entry.ageMs < nowMs ? nowMs - entry.ageMs : 0);
     if (bss[NL80211_BSS_CAPABILITY]) {
         entry.capability = nla_get_u16(bss[NL80211_BSS_CAPABILITY]);
     }

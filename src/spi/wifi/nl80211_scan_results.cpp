@@ -1,5 +1,6 @@
 #include "spi/wifi/nl80211_scan_results.h"
 
+#include "core/ap_list.h"
 #include "spi/log.h"
 
 namespace ZEL::SPI {
@@ -14,6 +15,11 @@ void collectScanResults(const std::vector<BssEntry>& entries, Core::ApList& list
             // The capability field stands where a driver's network mode would.
             ZEL_LOG_DEBUG(log, "AP %s (%s) not infrastructure (%d)", mac.c_str(), ssid.c_str(),
                           entry.capability);
+            continue;
+        }
+        if (entry.ageMs > Core::kRecentMaxAgeMs) {
+            ZEL_LOG_DEBUG(log, "AP %s (%s) last heard %llu ms ago", mac.c_str(), ssid.c_str(),
+                          static_cast<unsigned long long>(entry.ageMs));
             continue;
         }
         list.push_back(entry.ap);

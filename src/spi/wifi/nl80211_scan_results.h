@@ -10,7 +10,9 @@
 namespace ZEL::SPI {
 
 // Replaces `list` with the infrastructure access points of `entries`, in their
-// order; ad-hoc and mesh entries are left out with a debug line each.
+// order. Ad-hoc and mesh entries are left out with a debug line each, and so are
+// entries last heard more than Core::kRecentMaxAgeMs ago: the kernel keeps some
+// (the associated network's) long after, and they must not pass for fresh.
 void collectScanResults(const std::vector<BssEntry>& entries, Core::ApList& list, Logger& log);
 
 }  // namespace ZEL::SPI

@@ -146,30 +146,20 @@ int Nl80211Socket::subscribe(const char* group) {
     return 0;
 }
 
-int Nl80211Socket::readEvents(int timeoutMs, const ReplyHandler& onEvent) {
-    if (!waitReadable(timeoutMs)) {
-        return ETIMEDOUT;
-    }
+void Nl80211Socket::readQueuedEvents(const ReplyHandler& onEvent) {
+    constexpr int kMaxReads = 256;
     Callbacks callbacks(nl_cb_alloc(NL_CB_DEFAULT));
     if (!callbacks) {
-        return ENOMEM;
+        return;
     }
     nl_cb_set(
         callbacks.get(), NL_CB_SEQ_CHECK, NL_CB_CUSTOM,
         [](nl_msg*, void*) { return static_cast<int>(NL_OK); }, nullptr);
     nl_cb_set(callbacks.get(), NL_CB_VALID, NL_CB_CUSTOM, onEventMessage,
               const_cast<ReplyHandler*>(&onEvent));
-    // Non-blocking: reads what is queued and returns; a burst larger than one
-    // read is picked up by the caller's next call.
-    nl_recvmsgs(socket_, callbacks.get());
-    return 0;
-}
-
-void Nl80211Socket::drainEvents() {
-    // Bounded: a socket that stays readable (a flood of events) cannot hold us here.
-    constexpr int kMaxReads = 256;
-    ReplyHandler ignore = [](const nlmsghdr*) {};
-    for (int read = 0; read < kMaxReads && readEvents(0, ignore) == 0; ++read) {
+    // The socket is non-blocking: each read takes what is queued and returns.
+    for (int read = 0; read < kMaxReads && waitReadable(0); ++read) {
+        nl_recvmsgs(socket_, callbacks.get());
     }
 }
 

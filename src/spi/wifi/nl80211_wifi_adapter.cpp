@@ -11,6 +11,7 @@
 
 #include <cerrno>
 #include <cstring>
+#include <ctime>
 
 #include "spi/clock.h"
 #include "spi/log.h"
@@ -20,9 +21,6 @@ namespace ZEL::SPI {
 namespace {
 
 const char kCategory[] = "ZEL.SPI.WifiAdapter.Nl80211WifiAdapter";
-
-// Bounds the event reads of one wait even if the clock in force stands still.
-constexpr int kMaxEventReads = 1000;
 
 bool interfaceIsUp(const std::string& name) {
     int fd = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
@@ -36,13 +34,14 @@ bool interfaceIsUp(const std::string& name) {
     return up;
 }
 
-std::unique_ptr<Nl80211Socket> connectOrLog(Logger& log, const std::string& name, int& error) {
-    std::string reason;
-    auto socket = Nl80211Socket::connect(error, reason);
-    if (!socket) {
-        ZEL_LOG_ERROR(log, "%s: can't open nl80211: %s", name.c_str(), reason.c_str());
+// CLOCK_BOOTTIME in ns, the clock of the kernel's last-seen stamps; 0 when unreadable.
+uint64_t bootTimeNs() {
+    timespec time{};
+    if (clock_gettime(CLOCK_BOOTTIME, &time) != 0) {
+        return 0;
     }
-    return socket;
+    return static_cast<uint64_t>(time.tv_sec) * 1'000'000'000u +
+           static_cast<uint64_t>(time.tv_nsec);
 }
 
 }  // namespace
@@ -87,10 +86,26 @@ Nl80211WifiAdapter::Nl80211WifiAdapter(InterfaceInfo interface, const Nl80211Opt
       interface_(std::move(interface)),
       scanTimeoutMs_(options.scanTimeoutMs),
       clock_(options.clock != nullptr ? *options.clock : posixClock()),
-      lock_(options.lockPath, log_) {}
+      connect_(options.connect),
+      lock_(options.lockPath, log_) {
+    if (!connect_) {
+        connect_ = [](int& error, std::string& reason) -> std::unique_ptr<Nl80211Channel> {
+            return Nl80211Socket::connect(error, reason);
+        };
+    }
+}
 
 Nl80211WifiAdapter::~Nl80211WifiAdapter() {
     close();
+}
+
+std::unique_ptr<Nl80211Channel> Nl80211WifiAdapter::connectOrLog(int& error) {
+    std::string reason;
+    auto socket = connect_(error, reason);
+    if (!socket) {
+        ZEL_LOG_ERROR(log_, "%s: can't open nl80211: %s", name().c_str(), reason.c_str());
+    }
+    return socket;
 }
 
 int Nl80211WifiAdapter::open() {
@@ -98,13 +113,13 @@ int Nl80211WifiAdapter::open() {
         return 0;
     }
     int error = 0;
-    auto commands = connectOrLog(log_, interface_.name, error);
-    auto events = commands ? connectOrLog(log_, interface_.name, error) : nullptr;
+    auto commands = connectOrLog(error);
+    auto events = commands ? connectOrLog(error) : nullptr;
     if (!events) {
         return error;
     }
     // Subscribed for the adapter's whole life, so that no scan's end can slip by
-    // between a trigger and the wait for its results.
+    // between a trigger and the read that looks for it.
     if ((error = events->subscribe("scan")) != 0) {
         ZEL_LOG_ERROR(log_, "%s: can't join the nl80211 scan group: %d", name().c_str(), error);
         return error;
@@ -115,15 +130,15 @@ int Nl80211WifiAdapter::open() {
     return 0;
 }
 
-void Nl80211WifiAdapter::releaseLock() {
+void Nl80211WifiAdapter::endScan() {
+    scanPending_ = false;
     if (lock_.acquired()) {
         lock_.release();
     }
 }
 
 void Nl80211WifiAdapter::close() {
-    releaseLock();
-    scanPending_ = false;
+    endScan();
     events_.reset();
     commands_.reset();
 }
@@ -133,20 +148,18 @@ int Nl80211WifiAdapter::startScan() {
         ZEL_LOG_ERROR(log_, "%s: startScan on a closed adapter", name().c_str());
         return ENOTCONN;
     }
-    switch (lock_.tryAcquire()) {
-        case ScanLock::Outcome::AlreadyHeld:
-            ZEL_LOG_DEBUG(log_, "%s: scan already in progress...", name().c_str());
-            return 0;
-        case ScanLock::Outcome::HeldElsewhere:
-            // Another user's scan is running: its results are ours too.
-            ZEL_LOG_DEBUG(log_, "%s: another process is scanning", name().c_str());
-            scanPending_ = true;
-            return 0;
-        case ScanLock::Outcome::Acquired:
-        case ScanLock::Outcome::Failed:  // no lock file: scan unguarded
-            break;
+    if (scanPending_) {
+        ZEL_LOG_DEBUG(log_, "%s: scan already in progress...", name().c_str());
+        return 0;
     }
-    events_->drainEvents();
+    if (lock_.tryAcquire() == ScanLock::Outcome::HeldElsewhere) {
+        // Another user's scan is running: its results reach the kernel's list, read
+        // like any other. (Failed: no lock file, so the scan goes unguarded.)
+        ZEL_LOG_DEBUG(log_, "%s: another process is scanning", name().c_str());
+        return 0;
+    }
+    // An end event queued before this trigger belongs to an earlier scan.
+    events_->readQueuedEvents([](const nlmsghdr*) {});
     Message trigger = commands_->newMessage(NL80211_CMD_TRIGGER_SCAN);
     int error = ENOMEM;
     if (trigger && nla_put_u32(trigger.get(), NL80211_ATTR_IFINDEX, interface_.index) == 0) {
@@ -164,13 +177,14 @@ int Nl80211WifiAdapter::finishTrigger(int error) {
     if (error == 0) {
         ZEL_LOG_DEBUG(log_, "%s: scanning started...", name().c_str());
         scanPending_ = true;
+        triggeredTick_ = clock_.tickCount();
         return 0;
     }
-    releaseLock();
+    endScan();
     if (error == EBUSY) {
-        // The supplicant (or another tool) is scanning: wait for its results.
+        // The supplicant (or another tool) is scanning: its results reach the
+        // kernel's list, read like any other.
         ZEL_LOG_INFO(log_, "%s: busy, a scan is already under way", name().c_str());
-        scanPending_ = true;
         return 0;
     }
     if (error == EPERM) {
@@ -181,42 +195,30 @@ int Nl80211WifiAdapter::finishTrigger(int error) {
                          name().c_str());
             permissionLogged_ = true;
         }
-        scanPending_ = false;
         return 0;
     }
     ZEL_LOG_ERROR(log_, "%s: NL80211_CMD_TRIGGER_SCAN failed with error %d", name().c_str(), error);
     return error;
 }
 
-void Nl80211WifiAdapter::waitForScanEnd() {
-    uint32_t start = clock_.tickCount();
-    for (int read = 0; read < kMaxEventReads; ++read) {
-        uint32_t elapsed = clock_.tickCount() - start;
-        if (elapsed >= scanTimeoutMs_) {
-            break;
+void Nl80211WifiAdapter::checkScanEnd() {
+    ScanEvent end = ScanEvent::None;
+    events_->readQueuedEvents([&](const nlmsghdr* event) {
+        ScanEvent seen = scanEventFor(event, interface_.index);
+        if (seen == ScanEvent::Results || seen == ScanEvent::Aborted) {
+            end = seen;
         }
-        ScanEvent end = ScanEvent::None;
-        int error = events_->readEvents(
-            static_cast<int>(scanTimeoutMs_ - elapsed), [&](const nlmsghdr* event) {
-                ScanEvent seen = scanEventFor(event, interface_.index);
-                if (seen == ScanEvent::Results || seen == ScanEvent::Aborted) {
-                    end = seen;
-                }
-            });
-        if (end == ScanEvent::Results) {
-            ZEL_LOG_DEBUG(log_, "%s: scan finished", name().c_str());
-            return;
-        }
-        if (end == ScanEvent::Aborted) {
-            ZEL_LOG_INFO(log_, "%s: scan aborted", name().c_str());
-            return;
-        }
-        if (error == ETIMEDOUT) {
-            break;
-        }
+    });
+    if (end == ScanEvent::Results) {
+        ZEL_LOG_DEBUG(log_, "%s: scan finished", name().c_str());
+    } else if (end == ScanEvent::Aborted) {
+        ZEL_LOG_INFO(log_, "%s: scan aborted", name().c_str());
+    } else if (clock_.tickCount() - triggeredTick_ >= scanTimeoutMs_) {
+        ZEL_LOG_ERROR(log_, "%s: no end of scan within %u ms", name().c_str(), scanTimeoutMs_);
+    } else {
+        return;  // still scanning
     }
-    ZEL_LOG_ERROR(log_, "%s: no end of scan within %u ms, reading the kernel's results",
-                  name().c_str(), scanTimeoutMs_);
+    endScan();
 }
 
 int Nl80211WifiAdapter::dumpScan(std::vector<BssEntry>& entries) {
@@ -224,9 +226,9 @@ int Nl80211WifiAdapter::dumpScan(std::vector<BssEntry>& entries) {
     if (!dump || nla_put_u32(dump.get(), NL80211_ATTR_IFINDEX, interface_.index) != 0) {
         return ENOMEM;
     }
-    Core::TimeStamp now = clock_.now();
+    const DumpTime time{clock_.now(), bootTimeNs()};
     return commands_->request(dump, [&](const nlmsghdr* reply) {
-        if (auto entry = parseBss(reply, now)) {
+        if (auto entry = parseBss(reply, time)) {
             entries.push_back(*entry);
         }
     });
@@ -238,18 +240,16 @@ int Nl80211WifiAdapter::getScanResults(Core::ApList& list) {
         return ENOTCONN;
     }
     if (scanPending_) {
-        waitForScanEnd();
-        scanPending_ = false;
+        checkScanEnd();
     }
     std::vector<BssEntry> entries;
     int error = dumpScan(entries);
     if (error != 0) {
         ZEL_LOG_ERROR(log_, "%s: NL80211_CMD_GET_SCAN failed with error %d", name().c_str(), error);
-        releaseLock();
+        endScan();
         return error;
     }
     collectScanResults(entries, list, log_);
-    releaseLock();
     return 0;
 }
 

@@ -1,0 +1,53 @@
+// The server's database: its users by realm and name, and API keys with the realm
+// they belong to and whether they are enabled.
+//
+// Two back ends stand behind it, chosen by the URL given to open():
+//   sqlite:PATH         an embedded SQLite file (created when missing; "sqlite::memory:"
+//                       is a database of this process alone), shareable by the
+//                       processes of one machine
+//   postgresql://...    a PostgreSQL server (libpq's connection URI), shared by any
+//                       number of nodes
+// open() brings the schema to the version this program knows, step by step from any
+// older one (version 1 is the users table alone, as the first servers made it); the
+// step runs in a transaction that excludes every other node's, so nodes that start
+// together do not trip over each other. A database newer than the program is refused.
+//
+// Adding a user or a key is a single INSERT: two concurrent additions of one name,
+// from one node or two, leave exactly one row and report Added to exactly one caller.
+// Every failure is logged (category "ZEL.Server.Database") and reported as Failed.
+// Threading: every operation may be called from any thread.
+#pragma once
+
+#include <cstddef>
+#include <memory>
+#include <optional>
+#include <string>
+
+namespace ZEL::Server {
+
+class Database {
+  public:
+    // Null with `error` set when the URL names no back end, the database cannot be
+    // reached, or its schema cannot be brought up to date.
+    static std::unique_ptr<Database> open(const std::string& url, std::string& error);
+    virtual ~Database() = default;
+
+    enum class Lookup { Registered, Unknown, Failed };
+    enum class Addition { Added, Exists, Failed };
+
+    virtual Lookup findUser(const std::string& username, const std::string& realm) = 0;
+    virtual Addition addUser(const std::string& username, const std::string& realm) = 0;
+    // Users of `realm`; nullopt when the database fails.
+    virtual std::optional<size_t> countUsers(const std::string& realm) = 0;
+
+    struct KeyLookup {
+        Lookup result = Lookup::Failed;
+        std::string realm;  // when Registered
+        bool enabled = false;
+    };
+    virtual KeyLookup findKey(const std::string& key) = 0;
+    virtual Addition addKey(const std::string& key, const std::string& realm,
+                            bool enabled = true) = 0;
+};
+
+}  // namespace ZEL::Server

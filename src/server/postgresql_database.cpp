@@ -1,0 +1,256 @@
+// The shared back end: a PostgreSQL server through libpq, for any number of nodes.
+// Each operation borrows a connection from a small pool (one per operation under
+// way), so requests do not queue behind each other's round trips; a
+// connection that broke is dropped and the next operation connects afresh.
+// Migrations take a transaction-scoped advisory lock, so nodes that start together
+// migrate one after the other and the later ones find nothing left to do.
+#include <libpq-fe.h>
+
+#include <mutex>
+#include <vector>
+
+#include "server/database.h"
+#include "server/database_schema.h"
+#include "spi/log.h"
+#include "spi/platform.h"
+
+namespace ZEL::Server {
+namespace {
+
+// Idle connections kept for the next operations; more are opened when needed.
+constexpr size_t kIdleConnections = 8;
+// Seconds to wait for a connection unless the URL says otherwise: an unreachable
+// server is an error answer, not a request that hangs (libpq waits forever).
+constexpr const char kConnectTimeout[] = "5";
+
+constexpr SchemaDialect kDialect = {
+    // The advisory lock's key: any number, the same on every node ("ZELSCHEM" in ASCII).
+    "BEGIN; SELECT pg_advisory_xact_lock(6504689157301355853)",
+    "SELECT COUNT(*) FROM information_schema.tables"
+    " WHERE table_schema = current_schema() AND table_name = ",
+    {
+        "CREATE TABLE users ("
+        " realm TEXT NOT NULL,"
+        " username TEXT NOT NULL,"
+        " created BIGINT NOT NULL,"
+        " PRIMARY KEY (realm, username));",
+
+        "CREATE TABLE api_keys ("
+        " key TEXT NOT NULL PRIMARY KEY,"
+        " realm TEXT NOT NULL,"
+        " enabled BOOLEAN NOT NULL,"
+        " created BIGINT NOT NULL);"
+        "CREATE TABLE schema_version (version INTEGER NOT NULL);"
+        "INSERT INTO schema_version VALUES (2);",
+    }};
+
+struct FinishConnection {
+    void operator()(PGconn* connection) const { PQfinish(connection); }
+};
+using Connection = std::unique_ptr<PGconn, FinishConnection>;
+struct ClearResult {
+    void operator()(PGresult* result) const { PQclear(result); }
+};
+using Result = std::unique_ptr<PGresult, ClearResult>;
+
+// The server's message without libpq's trailing newline.
+std::string message(PGconn* connection, const PGresult* result = nullptr) {
+    std::string text = result ? PQresultErrorMessage(result) : PQerrorMessage(connection);
+    while (!text.empty() && text.back() == '\n') {
+        text.pop_back();
+    }
+    return text;
+}
+
+class Session final : public SchemaSession {
+  public:
+    explicit Session(PGconn* connection) : connection_(connection) {}
+
+    bool execute(const std::string& sql, std::string& error) override {
+        Result result(PQexec(connection_, sql.c_str()));
+        const ExecStatusType status = PQresultStatus(result.get());
+        if (status == PGRES_COMMAND_OK || status == PGRES_TUPLES_OK) {
+            return true;
+        }
+        error = message(connection_, result.get());
+        return false;
+    }
+
+    std::optional<long long> number(const std::string& sql, std::string& error) override {
+        Result result(PQexec(connection_, sql.c_str()));
+        if (PQresultStatus(result.get()) == PGRES_TUPLES_OK && PQntuples(result.get()) > 0) {
+            return std::stoll(PQgetvalue(result.get(), 0, 0));
+        }
+        error = "\"" + sql + "\": " + message(connection_, result.get());
+        return std::nullopt;
+    }
+
+  private:
+    PGconn* connection_;
+};
+
+class PostgresqlDatabase final : public Database {
+  public:
+    PostgresqlDatabase(std::string url, SPI::Logger& category)
+        : category_(category), url_(std::move(url)) {}
+
+    // Connects and migrates the schema.
+    bool start(std::string& error) {
+        Connection connection = connect(error);
+        if (!connection) {
+            return false;
+        }
+        Session session(connection.get());
+        if (!migrateSchema(session, kDialect, error)) {
+            return false;
+        }
+        idle_.push_back(std::move(connection));
+        return true;
+    }
+
+    Lookup findUser(const std::string& username, const std::string& realm) override {
+        return run("user lookup", "SELECT 1 FROM users WHERE username = $1 AND realm = $2",
+                   {username, realm}, [](PGresult*) {});
+    }
+
+    Addition addUser(const std::string& username, const std::string& realm) override {
+        return added(run("adding a user",
+                         "INSERT INTO users (username, realm, created) VALUES ($1, $2, $3)"
+                         " ON CONFLICT DO NOTHING",
+                         {username, realm, now()}, [](PGresult*) {}));
+    }
+
+    std::optional<size_t> countUsers(const std::string& realm) override {
+        size_t users = 0;
+        const Lookup result =
+            run("counting users", "SELECT COUNT(*) FROM users WHERE realm = $1", {realm},
+                [&](PGresult* rows) { users = std::stoull(PQgetvalue(rows, 0, 0)); });
+        return result == Lookup::Registered ? std::optional<size_t>(users) : std::nullopt;
+    }
+
+    KeyLookup findKey(const std::string& key) override {
+        KeyLookup found;
+        found.result = run("key lookup", "SELECT realm, enabled FROM api_keys WHERE key = $1",
+                           {key}, [&](PGresult* rows) {
+                               found.realm = PQgetvalue(rows, 0, 0);
+                               found.enabled = PQgetvalue(rows, 0, 1)[0] == 't';
+                           });
+        return found;
+    }
+
+    Addition addKey(const std::string& key, const std::string& realm, bool enabled) override {
+        return added(run("adding a key",
+                         "INSERT INTO api_keys (key, realm, enabled, created)"
+                         " VALUES ($1, $2, $3, $4) ON CONFLICT DO NOTHING",
+                         {key, realm, enabled ? "true" : "false", now()}, [](PGresult*) {}));
+    }
+
+  private:
+    static std::string now() { return std::to_string(SPI::currentTime().seconds); }
+
+    // An INSERT ... ON CONFLICT DO NOTHING "finds" a row when it inserted one.
+    static Addition added(Lookup inserted) {
+        switch (inserted) {
+            case Lookup::Registered:
+                return Addition::Added;
+            case Lookup::Unknown:
+                return Addition::Exists;
+            case Lookup::Failed:
+                break;
+        }
+        return Addition::Failed;
+    }
+
+    Connection connect(std::string& error) {
+        // The URL's own settings override the time-out given before it.
+        const char* const keywords[] = {"connect_timeout", "dbname", nullptr};
+        const char* const values[] = {kConnectTimeout, url_.c_str(), nullptr};
+        Connection connection(PQconnectdbParams(keywords, values, 1));
+        if (PQstatus(connection.get()) != CONNECTION_OK) {
+            error = message(connection.get());
+            return nullptr;
+        }
+        return connection;
+    }
+
+    // Runs one statement with text parameters on a pooled connection, once more on
+    // a new connection when the pooled one turns out broken (the server restarted).
+    // Registered when it returned or changed a row (`read` then sees the result),
+    // Unknown when none, Failed (logged) when it did not run.
+    template <typename Read>
+    Lookup run(const char* what, const char* sql, std::initializer_list<std::string> parameters,
+               Read read) {
+        std::vector<const char*> values;
+        for (const std::string& parameter : parameters) {
+            values.push_back(parameter.c_str());
+        }
+        std::string error;
+        for (int attempt = 0; attempt < 2; ++attempt) {
+            Connection connection = borrow(error);
+            if (!connection) {
+                break;
+            }
+            Result result(PQexecParams(connection.get(), sql, static_cast<int>(values.size()),
+                                       nullptr, values.data(), nullptr, nullptr, 0));
+            const ExecStatusType status = PQresultStatus(result.get());
+            if (status == PGRES_TUPLES_OK || status == PGRES_COMMAND_OK) {
+                const bool row = status == PGRES_TUPLES_OK
+                                     ? PQntuples(result.get()) > 0
+                                     : std::string(PQcmdTuples(result.get())) == "1";
+                if (row) {
+                    read(result.get());
+                }
+                giveBack(std::move(connection));
+                return row ? Lookup::Registered : Lookup::Unknown;
+            }
+            error = message(connection.get(), result.get());
+            if (PQstatus(connection.get()) == CONNECTION_OK) {
+                giveBack(std::move(connection));
+                break;
+            }
+        }
+        ZEL_LOG_ERROR(category_, "%s failed: %s", what, error.c_str());
+        return Lookup::Failed;
+    }
+
+    Connection borrow(std::string& error) {
+        {
+            std::lock_guard lock(mutex_);
+            if (!idle_.empty()) {
+                Connection connection = std::move(idle_.back());
+                idle_.pop_back();
+                return connection;
+            }
+        }
+        return connect(error);
+    }
+
+    // Keeps the connection for later unless it broke or enough are idle.
+    void giveBack(Connection connection) {
+        std::lock_guard lock(mutex_);
+        if (PQstatus(connection.get()) == CONNECTION_OK && idle_.size() < kIdleConnections) {
+            idle_.push_back(std::move(connection));
+        }
+    }
+
+    SPI::Logger& category_;
+    const std::string url_;
+    std::mutex mutex_;
+    std::vector<Connection> idle_;
+};
+
+}  // namespace
+
+std::unique_ptr<Database> openPostgresqlDatabase(const std::string& url, std::string& error) {
+    SPI::Logger& category = SPI::getLogger("ZEL.Server.Database");
+    auto database = std::make_unique<PostgresqlDatabase>(url, category);
+    if (!database->start(error)) {
+        // Not the URL: it may hold a password.
+        error = "cannot open the PostgreSQL database: " + error;
+        ZEL_LOG_ERROR(category, "%s", error.c_str());
+        return nullptr;
+    }
+    return database;
+}
+
+}  // namespace ZEL::Server

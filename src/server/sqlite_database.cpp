@@ -1,0 +1,221 @@
+// The embedded back end: one SQLite file, one connection per process under a mutex.
+// The file runs in WAL mode with a busy timeout, so the server processes of one
+// machine may share it; BEGIN IMMEDIATE makes their migrations take turns.
+#include <sqlite3.h>
+
+#include <mutex>
+
+#include "server/database.h"
+#include "server/database_schema.h"
+#include "spi/log.h"
+#include "spi/platform.h"
+
+namespace ZEL::Server {
+namespace {
+
+// Long enough to ride out another process's write, short enough that a stuck
+// database shows up as an error rather than a hung request.
+constexpr int kBusyTimeoutMs = 5000;
+
+constexpr SchemaDialect kDialect = {
+    "BEGIN IMMEDIATE",
+    "SELECT COUNT(*) FROM sqlite_master WHERE type = 'table' AND name = ",
+    {
+        "CREATE TABLE users ("
+        " realm TEXT NOT NULL,"
+        " username TEXT NOT NULL,"
+        " created INTEGER NOT NULL,"
+        " PRIMARY KEY (realm, username)) WITHOUT ROWID;",
+
+        "CREATE TABLE api_keys ("
+        " key TEXT NOT NULL PRIMARY KEY,"
+        " realm TEXT NOT NULL,"
+        " enabled INTEGER NOT NULL,"
+        " created INTEGER NOT NULL) WITHOUT ROWID;"
+        "CREATE TABLE schema_version (version INTEGER NOT NULL);"
+        "INSERT INTO schema_version VALUES (2);",
+    }};
+
+enum Statement { kFindUser, kAddUser, kCountUsers, kFindKey, kAddKey, kStatements };
+
+constexpr const char* kStatementSql[kStatements] = {
+    "SELECT 1 FROM users WHERE username = ?1 AND realm = ?2",
+    "INSERT INTO users (username, realm, created) VALUES (?1, ?2, ?3) ON CONFLICT DO NOTHING",
+    "SELECT COUNT(*) FROM users WHERE realm = ?1",
+    "SELECT realm, enabled FROM api_keys WHERE key = ?1",
+    "INSERT INTO api_keys (key, realm, enabled, created) VALUES (?1, ?2, ?3, ?4)"
+    " ON CONFLICT DO NOTHING",
+};
+
+// A statement under way; reset when it goes, so that no read stays open.
+struct ResetStatement {
+    void operator()(sqlite3_stmt* statement) const { sqlite3_reset(statement); }
+};
+using Running = std::unique_ptr<sqlite3_stmt, ResetStatement>;
+
+std::string message(sqlite3* connection) {
+    return connection ? sqlite3_errmsg(connection) : "out of memory";
+}
+
+class Session final : public SchemaSession {
+  public:
+    explicit Session(sqlite3* connection) : connection_(connection) {}
+
+    bool execute(const std::string& sql, std::string& error) override {
+        char* text = nullptr;
+        if (sqlite3_exec(connection_, sql.c_str(), nullptr, nullptr, &text) == SQLITE_OK) {
+            return true;
+        }
+        error = text ? text : message(connection_);
+        sqlite3_free(text);
+        return false;
+    }
+
+    std::optional<long long> number(const std::string& sql, std::string& error) override {
+        sqlite3_stmt* statement = nullptr;
+        std::optional<long long> value;
+        if (sqlite3_prepare_v2(connection_, sql.c_str(), -1, &statement, nullptr) == SQLITE_OK &&
+            sqlite3_step(statement) == SQLITE_ROW) {
+            value = sqlite3_column_int64(statement, 0);
+        } else {
+            error = "\"" + sql + "\": " + message(connection_);
+        }
+        sqlite3_finalize(statement);
+        return value;
+    }
+
+  private:
+    sqlite3* connection_;
+};
+
+class SqliteDatabase final : public Database {
+  public:
+    SqliteDatabase(sqlite3* connection, SPI::Logger& category)
+        : category_(category), connection_(connection) {}
+
+    ~SqliteDatabase() override {
+        for (sqlite3_stmt* statement : statements_) {
+            sqlite3_finalize(statement);
+        }
+        sqlite3_close(connection_);
+    }
+
+    // Sets the connection up, migrates the schema and prepares the statements.
+    bool start(std::string& error) {
+        sqlite3_busy_timeout(connection_, kBusyTimeoutMs);
+        Session session(connection_);
+        // FULL: an acknowledged registration survives a power cut, not only a crash
+        // of the process; registrations are rare enough to afford a sync each.
+        if (!session.execute("PRAGMA journal_mode=WAL; PRAGMA synchronous=FULL", error) ||
+            !migrateSchema(session, kDialect, error)) {
+            return false;
+        }
+        for (int i = 0; i < kStatements; ++i) {
+            if (sqlite3_prepare_v3(connection_, kStatementSql[i], -1, SQLITE_PREPARE_PERSISTENT,
+                                   &statements_[i], nullptr) != SQLITE_OK) {
+                error = "cannot prepare a query: " + message(connection_);
+                return false;
+            }
+        }
+        return true;
+    }
+
+    Lookup findUser(const std::string& username, const std::string& realm) override {
+        std::lock_guard lock(mutex_);
+        Running find = bind(kFindUser, {username, realm});
+        return lookup(sqlite3_step(find.get()), "user lookup");
+    }
+
+    Addition addUser(const std::string& username, const std::string& realm) override {
+        std::lock_guard lock(mutex_);
+        Running insert = bind(kAddUser, {username, realm});
+        sqlite3_bind_int64(insert.get(), 3, SPI::currentTime().seconds);
+        return addition(sqlite3_step(insert.get()), "adding a user");
+    }
+
+    std::optional<size_t> countUsers(const std::string& realm) override {
+        std::lock_guard lock(mutex_);
+        Running count = bind(kCountUsers, {realm});
+        if (lookup(sqlite3_step(count.get()), "counting users") != Lookup::Registered) {
+            return std::nullopt;
+        }
+        return static_cast<size_t>(sqlite3_column_int64(count.get(), 0));
+    }
+
+    KeyLookup findKey(const std::string& key) override {
+        std::lock_guard lock(mutex_);
+        Running find = bind(kFindKey, {key});
+        KeyLookup found;
+        found.result = lookup(sqlite3_step(find.get()), "key lookup");
+        if (found.result == Lookup::Registered) {
+            found.realm = reinterpret_cast<const char*>(sqlite3_column_text(find.get(), 0));
+            found.enabled = sqlite3_column_int(find.get(), 1) != 0;
+        }
+        return found;
+    }
+
+    Addition addKey(const std::string& key, const std::string& realm, bool enabled) override {
+        std::lock_guard lock(mutex_);
+        Running insert = bind(kAddKey, {key, realm});
+        sqlite3_bind_int(insert.get(), 3, enabled ? 1 : 0);
+        sqlite3_bind_int64(insert.get(), 4, SPI::currentTime().seconds);
+        return addition(sqlite3_step(insert.get()), "adding a key");
+    }
+
+  private:
+    // The statement, reset, with the texts bound to its first parameters.
+    Running bind(Statement which, std::initializer_list<std::string> texts) {
+        sqlite3_stmt* statement = statements_[which];
+        sqlite3_reset(statement);
+        sqlite3_clear_bindings(statement);
+        int parameter = 1;
+        for (const std::string& text : texts) {
+            sqlite3_bind_text(statement, parameter++, text.data(), static_cast<int>(text.size()),
+                              SQLITE_TRANSIENT);
+        }
+        return Running(statement);
+    }
+
+    Lookup lookup(int stepResult, const char* what) {
+        if (stepResult == SQLITE_ROW) {
+            return Lookup::Registered;
+        }
+        if (stepResult == SQLITE_DONE) {
+            return Lookup::Unknown;
+        }
+        ZEL_LOG_ERROR(category_, "%s failed: %s", what, sqlite3_errmsg(connection_));
+        return Lookup::Failed;
+    }
+
+    Addition addition(int stepResult, const char* what) {
+        if (stepResult != SQLITE_DONE) {
+            ZEL_LOG_ERROR(category_, "%s failed: %s", what, sqlite3_errmsg(connection_));
+            return Addition::Failed;
+        }
+        return sqlite3_changes(connection_) == 1 ? Addition::Added : Addition::Exists;
+    }
+
+    SPI::Logger& category_;
+    std::mutex mutex_;
+    sqlite3* connection_;
+    sqlite3_stmt* statements_[kStatements] = {};
+};
+
+}  // namespace
+
+std::unique_ptr<Database> openSqliteDatabase(const std::string& path, std::string& error) {
+    SPI::Logger& category = SPI::getLogger("ZEL.Server.Database");
+    sqlite3* connection = nullptr;
+    const int flags = SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE | SQLITE_OPEN_NOMUTEX;
+    const int opened = sqlite3_open_v2(path.c_str(), &connection, flags, nullptr);
+    auto database = std::make_unique<SqliteDatabase>(connection, category);
+    if (opened != SQLITE_OK || !database->start(error)) {
+        error = "cannot open database sqlite:" + path + ": " +
+                (opened != SQLITE_OK ? message(connection) : error);
+        ZEL_LOG_ERROR(category, "%s", error.c_str());
+        return nullptr;
+    }
+    return database;
+}
+
+}  // namespace ZEL::Server
