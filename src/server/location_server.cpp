@@ -503,13 +503,9 @@ Reply State::dispatch(const Request& request, Route route, const std::string& cl
     }
     try {
         const std::string& body = request.body();
-        Reply reply = *question == Question::Location     ? service->location(body)
-                      : *question == Question::IpLocation ? service->ipLocation(body, client)
-                                                          : service->registration(body);
-        if (reply.status == 500) {
-            ++metrics.databaseErrors;  // the service's only 500: a failing user store
-        }
-        return reply;
+        return *question == Question::Location     ? service->location(body)
+               : *question == Question::IpLocation ? service->ipLocation(body, client)
+                                                   : service->registration(body);
     } catch (const std::exception& exception) {
         ZEL_LOG_ERROR(log, "request failed with an exception: %s", exception.what());
         return {500, genericErrorAnswer("internal", "internal error")};

@@ -81,6 +81,7 @@ bool LocationService::authorised(Question question, const Credentials& user, Rep
         return true;
     }
     if (lookup == Database::Lookup::Failed) {
+        ++metrics_.databaseErrors;
         reply = refusal(500, question, "internal", "the user database failed");
         return false;
     }
@@ -182,6 +183,7 @@ Reply LocationService::registration(std::string_view body) {
         case Database::Addition::Failed:
             break;
     }
+    ++metrics_.databaseErrors;
     return refusal(500, Question::Registration, "internal", "the user database failed");
 }
 
