@@ -3,7 +3,9 @@
 // machine may share it; BEGIN IMMEDIATE makes their migrations take turns.
 #include <sqlite3.h>
 
+#include <chrono>
 #include <mutex>
+#include <thread>
 
 #include "server/database.h"
 #include "server/database_schema.h"
@@ -100,13 +102,29 @@ class SqliteDatabase final : public Database {
         sqlite3_close(connection_);
     }
 
+    // Switching a new file to WAL takes a lock the busy handler does not wait for,
+    // so a node opening the same new file at once can make it fail busy: try again
+    // for as long as the busy time-out.
+    bool enterWalMode(Session& session, std::string& error) {
+        for (int waitedMs = 0;; waitedMs += 10) {
+            if (session.execute("PRAGMA journal_mode=WAL", error)) {
+                return true;
+            }
+            if ((sqlite3_errcode(connection_) & 0xFF) != SQLITE_BUSY ||
+                waitedMs >= kBusyTimeoutMs) {
+                return false;
+            }
+            std::this_thread::sleep_for(std::chrono::milliseconds(10));
+        }
+    }
+
     // Sets the connection up, migrates the schema and prepares the statements.
     bool start(std::string& error) {
         sqlite3_busy_timeout(connection_, kBusyTimeoutMs);
         Session session(connection_);
         // FULL: an acknowledged registration survives a power cut, not only a crash
         // of the process; registrations are rare enough to afford a sync each.
-        if (!session.execute("PRAGMA journal_mode=WAL; PRAGMA synchronous=FULL", error) ||
+        if (!enterWalMode(session, error) || !session.execute("PRAGMA synchronous=FULL", error) ||
             !migrateSchema(session, kDialect, error)) {
             return false;
         }
