@@ -19,6 +19,8 @@ find_package(OpenSSL REQUIRED)
 
 find_package(CLI11 CONFIG REQUIRED)
 find_package(nlohmann_json CONFIG REQUIRED)
+# gzip request bodies of the geolocate route
+find_package(ZLIB REQUIRED)
 
 if(ZEL_BUILD_TESTS)
     find_package(GTest REQUIRED)

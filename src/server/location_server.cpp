@@ -12,6 +12,8 @@
 #include <thread>
 #include <unordered_map>
 
+#include "server/geolocate_protocol.h"
+#include "server/geolocate_service.h"
 #include "spi/log.h"
 #include "spi/platform.h"
 
@@ -30,6 +32,9 @@ namespace {
 
 constexpr const char kContentType[] = "text/xml; charset=UTF-8";
 constexpr const char kTextType[] = "text/plain; charset=utf-8";
+constexpr const char kJsonType[] = "application/json; charset=UTF-8";
+// The JSON geolocate route, outside the prefix like /health.
+constexpr std::string_view kGeolocatePath = "/v1/geolocate";
 constexpr const char kMetricsType[] = "text/plain; version=0.0.4; charset=utf-8";
 // Requests a keep-alive connection may carry before the server closes it.
 constexpr size_t kKeepAliveRequests = 10000;
@@ -93,6 +98,9 @@ Route routeOf(std::string_view path, std::string_view prefix) {
     if (path == "/metrics") {
         return Route::Metrics;
     }
+    if (path == kGeolocatePath) {
+        return Route::Geolocate;
+    }
     if (path.substr(0, prefix.size()) != prefix) {
         return Route::Other;
     }
@@ -132,6 +140,12 @@ std::string_view queryParameter(std::string_view target, std::string_view name) 
     return {};
 }
 
+// The geolocate clients read errors as JSON, also the HTTP layer's.
+Reply geolocateRefusal(int status, std::string_view reason, const std::string& message) {
+    return {status,
+            geolocateError(status, status == 403 ? "usageLimits" : "global", reason, message)};
+}
+
 Reply tooManyRequests(std::optional<Question> question) {
     constexpr const char kMessage[] = "too many requests";
     return {429, question ? errorAnswer(*question, "rate-limited", kMessage)
@@ -167,6 +181,7 @@ struct LocationServer::State {
     Response exchange(const Request& request, const std::string& peer, std::optional<int> refusal);
     Reply dispatch(const Request& request, Route route, const std::string& client,
                    std::string_view target, std::string& contentType);
+    Reply geolocate(const Request& request, const std::string& client, std::string_view target);
     std::string clientAddress(const Request& request, const std::string& peer) const;
 
     SPI::Logger& log = SPI::getLogger("ZEL.Server.LocationServer");
@@ -462,10 +477,17 @@ Response State::exchange(const Request& request, const std::string& peer,
     const std::string_view path = target.substr(0, target.find('?'));
     const Route route = routeOf(path, options.prefix);
     const std::string client = clientAddress(request, peer);
-    std::string contentType = kContentType;
-    Reply reply = refusal ? Reply{*refusal, genericErrorAnswer("http-" + std::to_string(*refusal),
-                                                               httpErrorMessage(*refusal))}
-                          : dispatch(request, route, client, target, contentType);
+    std::string contentType = route == Route::Geolocate ? kJsonType : kContentType;
+    Reply reply;
+    if (!refusal) {
+        reply = dispatch(request, route, client, target, contentType);
+    } else if (route == Route::Geolocate) {
+        reply = geolocateRefusal(*refusal, "http-" + std::to_string(*refusal),
+                                 httpErrorMessage(*refusal));
+    } else {
+        reply = {*refusal, genericErrorAnswer("http-" + std::to_string(*refusal),
+                                              httpErrorMessage(*refusal))};
+    }
     Response response;
     response.version(request.version());
     response.result(reply.status);
@@ -491,6 +513,9 @@ Reply State::dispatch(const Request& request, Route route, const std::string& cl
         return {200, metrics.render()};
     }
     const std::optional<Question> question = questionOf(route);
+    if (route == Route::Geolocate) {
+        return geolocate(request, client, target);
+    }
     if (!addressLimits.allow(client)) {
         return tooManyRequests(question);
     }
@@ -509,6 +534,34 @@ Reply State::dispatch(const Request& request, Route route, const std::string& cl
     } catch (const std::exception& exception) {
         ZEL_LOG_ERROR(log, "request failed with an exception: %s", exception.what());
         return {500, genericErrorAnswer("internal", "internal error")};
+    }
+}
+
+Reply State::geolocate(const Request& request, const std::string& client, std::string_view target) {
+    // The documented refusal of a limit: 403 userRateLimitExceeded.
+    const auto limited = [] {
+        return geolocateRefusal(403, "userRateLimitExceeded", "too many requests");
+    };
+    if (!addressLimits.allow(client)) {
+        return limited();
+    }
+    if (request.method() != http::verb::post) {
+        return geolocateRefusal(405, "methodNotAllowed", "POST only");
+    }
+    GeolocateCall call;
+    call.key = queryParameter(target, "key");
+    if (!call.key.empty() && !keyLimits.allow(std::string(call.key))) {
+        return limited();
+    }
+    call.body = request.body();
+    call.gzip = beast::iequals(request[http::field::content_encoding], "gzip");
+    call.clientAddress = client;
+    call.maxInflatedBytes = options.maxBodyBytes;
+    try {
+        return service->geolocate(call);
+    } catch (const std::exception& exception) {
+        ZEL_LOG_ERROR(log, "geolocate request failed with an exception: %s", exception.what());
+        return geolocateRefusal(500, "backendError", "internal error");
     }
 }
 

@@ -38,6 +38,8 @@ struct ServiceOptions {
     size_t maxAccessPoints = 1000;  // per location request
 };
 
+struct GeolocateCall;  // geolocate_service.h
+
 struct Reply {
     int status = 200;
     std::string body;
@@ -60,6 +62,8 @@ class LocationService {
     Reply location(std::string_view body);
     Reply ipLocation(std::string_view body, const std::string& clientAddress);
     Reply registration(std::string_view body);
+    // POST /v1/geolocate, in geolocate_service.cpp.
+    Reply geolocate(const GeolocateCall& call);
 
     Database& users() { return *data_.users; }
     Metrics& metrics() { return metrics_; }

@@ -30,6 +30,8 @@ const char* routeName(Route route) {
             return "health";
         case Route::Metrics:
             return "metrics";
+        case Route::Geolocate:
+            return "geolocate";
         case Route::Other:
             break;
     }

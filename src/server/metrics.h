@@ -15,7 +15,7 @@
 namespace ZEL::Server {
 
 // The routes requests are counted by; Other is every path the server does not serve.
-enum class Route { Location, IpLocation, Registration, Health, Metrics, Other };
+enum class Route { Location, IpLocation, Registration, Health, Metrics, Geolocate, Other };
 
 class Metrics {
   public:
@@ -38,7 +38,7 @@ class Metrics {
     std::string render() const;
 
   private:
-    static constexpr size_t kRoutes = 6;
+    static constexpr size_t kRoutes = 7;
     static constexpr int kFirstStatus = 100;
     static constexpr size_t kStatuses = 500;  // 100..599
 

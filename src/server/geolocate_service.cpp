@@ -1,0 +1,74 @@
+#include "server/geolocate_service.h"
+
+#include "server/geolocate_protocol.h"
+#include "server/location_service.h"
+#include "spi/log.h"
+#include "spi/platform.h"
+
+namespace ZEL::Server {
+namespace {
+
+Reply parseError(std::string_view message) {
+    return {400, geolocateError(400, "global", "parseError", message)};
+}
+
+Reply keyInvalid(std::string_view message) {
+    return {400, geolocateError(400, "usageLimits", "keyInvalid", message)};
+}
+
+}  // namespace
+
+Reply LocationService::geolocate(const GeolocateCall& call) {
+    if (!options_.open) {
+        if (call.key.empty()) {
+            ZEL_LOG_INFO(category_, "geolocate request without a key");
+            return keyInvalid("an API key is required");
+        }
+        const Database::KeyLookup key = data_.users->findKey(std::string(call.key));
+        if (key.result == Database::Lookup::Failed) {
+            ++metrics_.databaseErrors;
+            return {500, geolocateError(500, "global", "backendError", "the key store failed")};
+        }
+        if (key.result != Database::Lookup::Registered || !key.enabled ||
+            key.realm != options_.realm) {
+            ZEL_LOG_INFO(category_, "refused geolocate key \"%.64s\"",
+                         std::string(call.key).c_str());
+            return keyInvalid("the API key is not valid here");
+        }
+    }
+    std::string inflated;
+    std::string_view body = call.body;
+    if (call.gzip) {
+        std::string error;
+        if (!inflateBody(call.body, call.maxInflatedBytes, inflated, error)) {
+            ZEL_LOG_INFO(category_, "bad geolocate request: %s", error.c_str());
+            return parseError(error);
+        }
+        body = inflated;
+    }
+    GeolocateRead read = readGeolocateRequest(body, options_.maxAccessPoints, SPI::currentTime());
+    if (!read.request) {
+        ZEL_LOG_INFO(category_, "bad geolocate request: %s", read.error.c_str());
+        return parseError(read.error);
+    }
+    const GeolocateRequest& request = *read.request;
+    Core::LocationRecord position;
+    // nap counts the access points the estimate kept, after outliers were dropped.
+    if (request.accessPoints.size() >= 2 && estimate(request.accessPoints, position) &&
+        position.nap >= 2) {
+        ++metrics_.positionsFound;
+        return {200, geolocateAnswer(position.latitude, position.longitude,
+                                     position.hpe * kAccuracyScale, false)};
+    }
+    if (request.considerIp && request.ipFallback && data_.ipRanges) {
+        if (const IpRange* range = data_.ipRanges->find(call.clientAddress)) {
+            return {200, geolocateAnswer(range->latitude, range->longitude, kIpAccuracy, true)};
+        }
+    }
+    ZEL_LOG_DEBUG(category_, "no geolocate position from %zu access points for %s",
+                  request.accessPoints.size(), call.clientAddress.c_str());
+    ++metrics_.positionsNotFound;
+    return {404, geolocateError(404, "geolocation", "notFound", "no position found")};
+}
+
+}  // namespace ZEL::Server
