@@ -35,6 +35,22 @@ typedef int (*ZEL_ScanSource)(void* arg, ZEL_APEntry* aps, unsigned int capacity
  */
 ZEL_EXPORT int ZEL_set_scan_source(ZEL_ScanSource source, void* arg);
 
+/*
+ * Extension: a JSON geolocate service.
+ *
+ * While a URL is set (the full URL of the service's geolocate request, including
+ * any "?key=..."), ZEL_location's remote step and ZEL_ip_location ask that service
+ * in the JSON geolocate protocol instead of the location server; ZEL_register_user
+ * still asks the location server. The proxy and time-outs of ZEL_set_proxy apply.
+ * Only access points whose SSID does not end in "_nomap" are sent, and a scan with
+ * fewer than two of them is not sent at all. A location from the service has the
+ * number of access points sent as its nap (0 when the service answered from the
+ * device's address instead); an IP location has no ip text. The service's "not
+ * found" gives ZEL_ERROR_LOCATION_CANNOT_BE_DETERMINED. NULL or "" switches back
+ * to the location server. Returns 0.
+ */
+ZEL_EXPORT int ZEL_set_geolocate_url(const char* url);
+
 #ifdef __cplusplus
 }
 #endif

@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include "remote/request_messages.h"
+#include "spi/platform.h"
 #include "support/test_platform.h"
 
 namespace ZEL::Remote {
@@ -135,6 +136,84 @@ TEST_F(RemoteExchange, ProxyHostPortAndCredentialsReachTheExchange) {
     EXPECT_EQ(calls().back().proxy, "");
     EXPECT_EQ(calls().back().proxyUser, "");
     EXPECT_EQ(remote_.proxyUser(), "user");
+}
+
+TEST_F(RemoteExchange, GeolocateSpeaksJsonAndMapsEveryAnswer) {
+    const std::string url = "https://geo.test/v1/geolocate?key=k";
+    remote_.setGeolocateUrl(url);
+    const auto heard = [](const char* mac, int16_t rss, const char* ssid) {
+        Core::ScannedAP scanned = Testing::ap(mac, rss);
+        scanned.time =
+            Core::TimeStamp::fromMilliseconds(SPI::currentTime().totalMilliseconds() - 1200);
+        scanned.setSsid(ssid);
+        return scanned;
+    };
+    const Core::ApList aps = {heard("AB:CD:EF:12:34:56", -71, "cafe"),
+                              heard("0A0000000001", -60, "home_nomap"),
+                              heard("010000000000", -90, "_nomap_not")};
+    const std::string fix = R"({"location":{"lat":48.2,"lng":16.37},"accuracy":30)";
+    struct Row {
+        HttpReply reply;
+        ResultCode code;
+        uint16_t nap = 0;
+    };
+    const Row rows[] = {
+        {{200, fix + "}"}, ResultCode::kOk, 2},
+        {{200, fix + R"(,"fallback":"ipf"})"}, ResultCode::kOk, 0},
+        {{401, ""}, ResultCode::kUnauthorized},
+        {{403, fix + "}"}, ResultCode::kUnauthorized},
+        {{407, ""}, ResultCode::kProxyUnauthorized},
+        {{404, R"({"error":{"errors":[{"reason":"notFound"}],"code":404}})"},
+         ResultCode::kCannotDetermine},
+        {{400, ""}, ResultCode::kServerUnavailable},
+        {{500, fix + "}"}, ResultCode::kServerUnavailable},
+        {{0, "", 10061}, ResultCode::kServerUnavailable},
+        {{200, "not json"}, ResultCode::kCannotDetermine},
+        {{200, "[]"}, ResultCode::kCannotDetermine},
+        {{200, R"({"error":{"message":"no"}})"}, ResultCode::kCannotDetermine},
+        {{200, R"({"location":{"lat":90.5,"lng":1},"accuracy":3})"}, ResultCode::kCannotDetermine},
+        {{200, R"({"location":{"lat":1,"lng":-180.5},"accuracy":3})"},
+         ResultCode::kCannotDetermine},
+        {{200, R"({"location":{"lat":1,"lng":2},"accuracy":-1})"}, ResultCode::kCannotDetermine},
+        {{200, R"({"location":{"lat":"1","lng":2},"accuracy":3})"}, ResultCode::kCannotDetermine},
+        {{200, R"({"location":{"lat":1,"lng":2}})"}, ResultCode::kCannotDetermine},
+        {{200, R"({"location":[[[[[[[[[1]]]]]]]]],"accuracy":3})"}, ResultCode::kCannotDetermine},
+    };
+    for (const Row& row : rows) {
+        platform_.http().replies.assign(2, row.reply);
+        Core::LocationRecord record;
+        EXPECT_EQ(remote_.location(kAlice, 0, aps, record), row.code) << row.reply.body;
+        Core::IpLocationRecord ip;
+        EXPECT_EQ(remote_.ipLocation(kAlice, 0, ip), row.code) << row.reply.body;
+        if (row.code == ResultCode::kOk) {
+            EXPECT_EQ(std::make_tuple(record.latitude, record.longitude, record.hpe, record.nap),
+                      std::make_tuple(ip.latitude, ip.longitude, 30.0, row.nap));
+            EXPECT_EQ(std::make_tuple(record.speed, ip.longitude), std::make_tuple(-1.0, 16.37));
+        }
+    }
+    ASSERT_EQ(calls().size(), 2 * std::size(rows));
+    EXPECT_EQ(calls()[0].url, url);
+    EXPECT_EQ(calls()[0].body,
+              R"({"considerIp":false,"fallbacks":{"ipf":false,"lacf":false},"wifiAccessPoints":[)"
+              R"({"age":1200,"macAddress":"ab:cd:ef:12:34:56","signalStrength":-71},)"
+              R"({"age":1200,"macAddress":"01:00:00:00:00:00","signalStrength":-90}]})");
+    EXPECT_EQ(calls()[0].headers.at("Content-Type"), "application/json");
+    EXPECT_EQ(calls()[1].body, R"({"considerIp":true})");
+
+    // One sendable access point: nothing is sent. Registration stays with the XML server.
+    Core::LocationRecord record;
+    EXPECT_EQ(remote_.location(kAlice, 0, {aps[0], aps[1]}, record), ResultCode::kCannotDetermine);
+    platform_.http().respond({200, serverAnswer("RegistrationRS", "")});
+    EXPECT_EQ(remote_.registerUser(kAlice, kAlice), ResultCode::kOk);
+    remote_.setGeolocateUrl("");
+    platform_.http().respond({200, kLocationAnswer});
+    EXPECT_EQ(remote_.location(kAlice, 0, aps, record), ResultCode::kOk);
+    EXPECT_EQ(calls()[calls().size() - 2].url, "https://zel.test/zel2/registration");
+    EXPECT_EQ(calls().back().url, "https://zel.test/zel2/location");
+
+    remote_.setGeolocateUrl(url);
+    Testing::FailingPlatform failing("http", 1, true);
+    EXPECT_EQ(remote_.location(kAlice, 0, aps, record), ResultCode::kRequestNotCreated);
 }
 
 }  // namespace

@@ -182,6 +182,13 @@ ZEL_EXPORT void ZEL_set_server_url(const char* url) {
     });
 }
 
+ZEL_EXPORT int ZEL_set_geolocate_url(const char* url) {
+    return guarded("ZEL_location", ZEL_ERROR_NOT_READY, [&] {
+        remoteDetermination().setGeolocateUrl(orEmpty(url));
+        return 0;
+    });
+}
+
 ZEL_EXPORT void ZEL_set_proxy(const char* address, int port, const char* user,
                               const char* password) {
     guarded("ZEL_location", 0, [&] {

@@ -1,7 +1,10 @@
 #include "remote/location_determination_remote.h"
 
+#include <algorithm>
+#include <cstdint>
 #include <cstdio>
 
+#include "remote/geolocate_messages.h"
 #include "remote/request_messages.h"
 #include "remote/response_parser.h"
 #include "spi/log.h"
@@ -38,7 +41,8 @@ int LocationDeterminationRemote::openRequest(SPI::XmlHttpRequest& request, const
     return request.open(SPI::XmlHttpRequest::kPost, url, false);
 }
 
-ResultCode LocationDeterminationRemote::readResponse(SPI::XmlHttpRequest& request,
+ResultCode LocationDeterminationRemote::readResponse(Protocol protocol,
+                                                     SPI::XmlHttpRequest& request,
                                                      std::string& response) {
     std::string statusText = request.statusText();
     int status = request.status();
@@ -51,6 +55,9 @@ ResultCode LocationDeterminationRemote::readResponse(SPI::XmlHttpRequest& reques
             return ResultCode::kUnauthorized;
         case 407:
             return ResultCode::kProxyUnauthorized;
+        case 404:  // the geolocate protocol's notFound: no position, keep scanning
+            return protocol == Protocol::Json ? ResultCode::kCannotDetermine
+                                              : ResultCode::kServerUnavailable;
         default:
             return ResultCode::kServerUnavailable;
     }
@@ -65,7 +72,7 @@ ResultCode LocationDeterminationRemote::readResponse(SPI::XmlHttpRequest& reques
     return ResultCode::kOk;
 }
 
-ResultCode LocationDeterminationRemote::postRequest(const std::string& path,
+ResultCode LocationDeterminationRemote::postRequest(Protocol protocol, const std::string& url,
                                                     const std::string& request,
                                                     std::string& response) {
     ZEL_LOG_DEBUG(category_, "initializing request object");
@@ -74,18 +81,19 @@ ResultCode LocationDeterminationRemote::postRequest(const std::string& path,
         ZEL_LOG_FATAL(category_, "couldn't create new instance of XmlHttpRequest");
         return ResultCode::kRequestNotCreated;
     }
-    if (int error = openRequest(*exchange, serverUrl_ + path); error != 0) {
+    if (int error = openRequest(*exchange, url); error != 0) {
         ZEL_LOG_ERROR(category_, "couldn't open connection, error %d", error);
         return ResultCode::kServerUnavailable;
     }
-    exchange->setRequestHeader("Content-Type", "text/xml");
+    exchange->setRequestHeader("Content-Type",
+                               protocol == Protocol::Json ? "application/json" : "text/xml");
     exchange->setRequestHeader("User-Agent", userAgent_);
     ZEL_LOG_INFO(category_, "about to send request: %s", request.c_str());
     if (int error = exchange->send(request.data(), request.size()); error != 0) {
         ZEL_LOG_ERROR(category_, "couldn't send request, error %d", error);
         return ResultCode::kServerUnavailable;
     }
-    return readResponse(*exchange, response);
+    return readResponse(protocol, *exchange, response);
 }
 
 ResultCode LocationDeterminationRemote::registerUser(Core::Credentials credentials,
@@ -93,7 +101,7 @@ ResultCode LocationDeterminationRemote::registerUser(Core::Credentials credentia
     std::string request = makeRegistrationRequest(credentials, newUser);
     ZEL_LOG_DEBUG(category_, "about to register a user on server");
     std::string response;
-    ResultCode code = postRequest("/registration", request, response);
+    ResultCode code = postRequest(Protocol::Xml, serverUrl_ + "/registration", request, response);
     ZEL_LOG_INFO(category_, "registration request result: %d", Core::toInt(code));
     if (code != ResultCode::kOk) {
         return code;
@@ -107,10 +115,13 @@ ResultCode LocationDeterminationRemote::registerUser(Core::Credentials credentia
 ResultCode LocationDeterminationRemote::ipLocation(Core::Credentials credentials,
                                                    int streetAddressLookup,
                                                    Core::IpLocationRecord& record) {
+    if (!geolocateUrl_.empty()) {
+        return geolocateIp(record);
+    }
     std::string request = makeIPLocationRequest(credentials, streetAddressLookup);
     ZEL_LOG_DEBUG(category_, "about to get ip-location from server");
     std::string response;
-    ResultCode code = postRequest("/ip-location", request, response);
+    ResultCode code = postRequest(Protocol::Xml, serverUrl_ + "/ip-location", request, response);
     ZEL_LOG_DEBUG(category_, "ip-location request result: %d", Core::toInt(code));
     if (code != ResultCode::kOk) {
         return code;
@@ -124,9 +135,12 @@ ResultCode LocationDeterminationRemote::ipLocation(Core::Credentials credentials
 ResultCode LocationDeterminationRemote::location(Core::Credentials credentials,
                                                  int streetAddressLookup, const Core::ApList& aps,
                                                  Core::LocationRecord& record) {
+    if (!geolocateUrl_.empty()) {
+        return geolocate(aps, record);
+    }
     std::string request = makeLocationRequest(credentials, streetAddressLookup, aps);
     std::string response;
-    ResultCode code = postRequest("/location", request, response);
+    ResultCode code = postRequest(Protocol::Xml, serverUrl_ + "/location", request, response);
     ZEL_LOG_DEBUG(category_, "location request result: %d", Core::toInt(code));
     if (code != ResultCode::kOk) {
         return code;
@@ -136,6 +150,32 @@ ResultCode LocationDeterminationRemote::location(Core::Credentials credentials,
     code = parseLocationResponse(response, streetAddressLookup, record);
     ZEL_LOG_DEBUG(category_, "returning with code %d", Core::toInt(code));
     return code;
+}
+
+ResultCode LocationDeterminationRemote::geolocate(const Core::ApList& aps,
+                                                  Core::LocationRecord& record) {
+    const Core::ApList sendable = sendableAccessPoints(aps);
+    if (sendable.size() < 2) {
+        ZEL_LOG_INFO(category_, "%zu access points may be sent, fewer than 2: no geolocate request",
+                     sendable.size());
+        return ResultCode::kCannotDetermine;
+    }
+    std::string response;
+    ResultCode code = postRequest(Protocol::Json, geolocateUrl_,
+                                  makeGeolocateRequest(sendable, SPI::currentTime()), response);
+    if (code != ResultCode::kOk) {
+        return code;
+    }
+    record = Core::LocationRecord{};
+    const auto sent = static_cast<uint16_t>(std::min<size_t>(sendable.size(), UINT16_MAX));
+    return parseGeolocateAnswer(response, sent, record);
+}
+
+ResultCode LocationDeterminationRemote::geolocateIp(Core::IpLocationRecord& record) {
+    std::string response;
+    ResultCode code =
+        postRequest(Protocol::Json, geolocateUrl_, makeIpGeolocateRequest(), response);
+    return code != ResultCode::kOk ? code : parseIpGeolocateAnswer(response, record);
 }
 
 }  // namespace ZEL::Remote

@@ -7,6 +7,11 @@
 // parser); kProxyUnauthorized on 407; kRequestNotCreated when the platform made no
 // request object. No lock of its own: callers serialise use.
 // Every request blocks until the transport finished or timed out.
+// With a geolocate URL set, location and ipLocation speak the JSON geolocate
+// protocol (geolocate_messages.h) to that URL instead, through the same exchange,
+// proxy and time-outs; there a 404 (notFound) gives kCannotDetermine, and a scan
+// with fewer than two sendable access points is not sent and gives kCannotDetermine.
+// Registration always goes to the XML server.
 #pragma once
 
 #include <memory>
@@ -35,6 +40,8 @@ class LocationDeterminationRemote {
 
     // Replaces the server URL whole; request paths are appended to it as they are.
     void setServerUrl(std::string url) { serverUrl_ = std::move(url); }
+    // The full URL, with any ?key=; empty switches back to the XML server.
+    void setGeolocateUrl(std::string url) { geolocateUrl_ = std::move(url); }
     // An empty (or null) host turns the proxy off and leaves user and password as
     // they were. Otherwise the proxy is host, plus ":port" unless port is 0 or -1.
     void setProxy(std::string_view host, int port, std::string_view user,
@@ -47,6 +54,7 @@ class LocationDeterminationRemote {
     Core::ResultCode registerUser(Core::Credentials credentials, Core::Credentials newUser);
 
     const std::string& serverUrl() const { return serverUrl_; }
+    const std::string& geolocateUrl() const { return geolocateUrl_; }
     const std::string& userAgent() const { return userAgent_; }
     const std::string& proxy() const { return proxy_; }
     int proxyPort() const { return proxyPort_; }
@@ -54,14 +62,19 @@ class LocationDeterminationRemote {
     const std::string& proxyPassword() const { return proxyPassword_; }
 
   private:
-    // One exchange: posts `request` to serverUrl + path; on 0 `response` holds the body.
-    Core::ResultCode postRequest(const std::string& path, const std::string& request,
-                                 std::string& response);
+    enum class Protocol { Xml, Json };
+    // One exchange: posts `request` to `url`; on 0 `response` holds the body.
+    Core::ResultCode postRequest(Protocol protocol, const std::string& url,
+                                 const std::string& request, std::string& response);
     int openRequest(SPI::XmlHttpRequest& request, const std::string& url);
-    Core::ResultCode readResponse(SPI::XmlHttpRequest& request, std::string& response);
+    Core::ResultCode readResponse(Protocol protocol, SPI::XmlHttpRequest& request,
+                                  std::string& response);
+    Core::ResultCode geolocate(const Core::ApList& aps, Core::LocationRecord& record);
+    Core::ResultCode geolocateIp(Core::IpLocationRecord& record);
 
     SPI::Logger& category_;
     std::string serverUrl_ = kDefaultServerUrl;
+    std::string geolocateUrl_;
     std::string userAgent_ = kUserAgent;
     std::string proxy_;
     // Kept on purpose: the transport takes a separate port, but nothing writes this

@@ -18,7 +18,7 @@ struct RegisterOptions : ServiceOptions {
 void addRegisterCommand(CLI::App& app) {
     auto options = std::make_shared<RegisterOptions>();
     CLI::App* command = app.add_subcommand("register", "Create a user on the location server");
-    options->addTo(command, false);
+    options->addTo(command, false, false);
     command->add_option("--new-user", options->newUser, "Name of the user to create")->required();
     command->add_option("--new-realm", options->newRealm, "Realm of the user to create")
         ->required();

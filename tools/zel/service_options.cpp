@@ -1,14 +1,21 @@
 #include "service_options.h"
 
+#include "zelapi_ext.h"
+
 namespace ZEL::Cli {
 
-void ServiceOptions::addTo(CLI::App* command, bool withDatabases) {
+void ServiceOptions::addTo(CLI::App* command, bool withDatabases, bool withGeolocate) {
     if (withDatabases) {
         command->add_option("--db", databases, "Tile file of access-point positions (repeatable)");
     }
     command->add_option("--realm", realm, "Realm of the user and of the tile files");
     command->add_option("--user", user, "User name sent to the location server");
     command->add_option("--server", server, "Location server URL (default: the built-in service)");
+    if (withGeolocate) {
+        command->add_option("--geolocate", geolocate,
+                            "Ask this JSON geolocate service (full URL with ?key=) instead of "
+                            "the location server");
+    }
     auto* proxyOption = command->add_option("--proxy", proxy, "HTTP proxy as HOST:PORT");
     command->add_option("--proxy-user", proxyUser, "Proxy user name")->needs(proxyOption);
     command->add_option("--proxy-password", proxyPassword, "Proxy password")->needs(proxyOption);
@@ -20,6 +27,9 @@ void ServiceOptions::addTo(CLI::App* command, bool withDatabases) {
 void ServiceOptions::apply() const {
     if (!server.empty()) {
         ZEL_set_server_url(server.c_str());
+    }
+    if (!geolocate.empty()) {
+        ZEL_set_geolocate_url(geolocate.c_str());
     }
     if (!proxy.empty()) {
         std::string host = proxy;

@@ -16,14 +16,15 @@ struct ServiceOptions {
     std::string realm;
     std::string user = "anonymous";
     std::string server;
-    std::string proxy;  // HOST:PORT
+    std::string geolocate;  // URL of a JSON geolocate service, ?key= included
+    std::string proxy;      // HOST:PORT
     std::string proxyUser;
     std::string proxyPassword;
     std::string streetAddress = "none";
     bool json = false;
 
-    // Adds the options to `command`; `withDatabases` adds --db.
-    void addTo(CLI::App* command, bool withDatabases);
+    // Adds the options to `command`; `withDatabases` adds --db, `withGeolocate` --geolocate.
+    void addTo(CLI::App* command, bool withDatabases, bool withGeolocate = true);
 
     // Hands the settings to the library (server URL, proxy, local files).
     void apply() const;
