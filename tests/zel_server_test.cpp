@@ -25,6 +25,7 @@
 #include "remote/location_determination_remote.h"
 #include "remote/request_messages.h"
 #include "remote/response_parser.h"
+#include "server/geolocate_service.h"
 #include "spi/xml/libxml2_parser.h"
 #include "support/hand_built_tile.h"
 #include "support/local_entries.h"
@@ -99,6 +100,20 @@ TEST_P(ServerExchange, LocationMatchesTheOnDeviceEstimate) {
 
     locate({heard(98, -50), heard(99, -60)}, 0, Core::ResultCode::kCannotDetermine);
     locate({}, 0, Core::ResultCode::kCannotDetermine);
+}
+
+TEST_P(ServerExchange, GeolocateInJsonGivesTheXmlRoutesPosition) {
+    const Core::LocationRecord xml = locate(clusterScan(), 0);
+    server_->service().users().addKey("k1", kServerRealm);
+    const std::string base = server_->serviceUrl();
+    remote_.setGeolocateUrl(base.substr(0, base.rfind('/')) + "/v1/geolocate?key=k1");
+    const Core::LocationRecord json = locate(clusterScan(), 0);
+    EXPECT_EQ(std::make_tuple(json.latitude, json.longitude, json.hpe, json.nap),
+              std::make_tuple(xml.latitude, xml.longitude, xml.hpe * kAccuracyScale, 9));
+    Core::IpLocationRecord ip;
+    ASSERT_EQ(remote_.ipLocation(kAlice, 0, ip), Core::ResultCode::kOk);
+    EXPECT_EQ(ip.latitude, kLoopbackLatitude);
+    locate({heard(1, -50), heard(99, -60)}, 0, Core::ResultCode::kCannotDetermine);  // one known
 }
 
 TEST_P(ServerExchange, StreetAddressAtEachLevel) {
@@ -459,6 +474,18 @@ TEST(ServerLimits, RatesAndConnectionsPerAddressAndPerKeyAreCountedInTheMetrics)
         EXPECT_EQ(answer->status, status) << address << " " << user << query;
         EXPECT_EQ(errorCode(answer->body), status == 429 ? "rate-limited" : "");
     }
+    // The geolocate route shares the limits and refuses as its clients expect.
+    for (const char* key : {"k1", "k3", "k4"}) {
+        server->service().users().addKey(key, kServerRealm);
+    }
+    for (const auto& [key, status] :
+         {std::pair{"k1", 403}, {"k3", 200}, {"k4", 200}, {"k5", 403}}) {
+        auto answer = client.Post(std::string("/v1/geolocate?key=") + key,
+                                  {{"X-Forwarded-For", "10.0.0.6"}}, "{}", "application/json");
+        ASSERT_TRUE(answer);  // k1's burst is spent, then the address's
+        EXPECT_EQ(answer->status, status) << key;
+        EXPECT_EQ(answer->body.find("userRateLimitExceeded") != std::string::npos, status == 403);
+    }
     for (int i = 0; i < 5; ++i) {  // not limited
         auto health = client.Get("/health");
         ASSERT_TRUE(health);
@@ -472,7 +499,9 @@ TEST(ServerLimits, RatesAndConnectionsPerAddressAndPerKeyAreCountedInTheMetrics)
         {"zel_http_requests_total{route=\"location\",status=\"200\"}", 6},
         {"zel_http_requests_total{route=\"location\",status=\"429\"}", 3},
         {"zel_http_requests_total{route=\"health\",status=\"200\"}", 5},
-        {"zel_http_request_duration_seconds_count", 14},
+        {"zel_http_requests_total{route=\"geolocate\",status=\"200\"}", 2},
+        {"zel_http_requests_total{route=\"geolocate\",status=\"403\"}", 2},
+        {"zel_http_request_duration_seconds_count", 18},
         {"zel_positions_found_total", 6},
         {"zel_positions_not_found_total", 0},
         {"zel_open_connections", 1},
