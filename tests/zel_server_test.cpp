@@ -109,7 +109,7 @@ TEST_P(ServerExchange, GeolocateInJsonGivesTheXmlRoutesPosition) {
     remote_.setGeolocateUrl(base.substr(0, base.rfind('/')) + "/v1/geolocate?key=k1");
     const Core::LocationRecord json = locate(clusterScan(), 0);
     EXPECT_EQ(std::make_tuple(json.latitude, json.longitude, json.hpe, json.nap),
-              std::make_tuple(xml.latitude, xml.longitude, xml.hpe * kAccuracyScale, 9));
+              std::make_tuple(xml.latitude, xml.longitude, calibratedAccuracy(xml.hpe), 9));
     Core::IpLocationRecord ip;
     ASSERT_EQ(remote_.ipLocation(kAlice, 0, ip), Core::ResultCode::kOk);
     EXPECT_EQ(ip.latitude, kLoopbackLatitude);

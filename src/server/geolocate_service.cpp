@@ -58,7 +58,7 @@ Reply LocationService::geolocate(const GeolocateCall& call) {
         position.nap >= 2) {
         ++metrics_.positionsFound;
         return {200, geolocateAnswer(position.latitude, position.longitude,
-                                     position.hpe * kAccuracyScale, false)};
+                                     calibratedAccuracy(position.hpe), false)};
     }
     if (request.considerIp && request.ipFallback && data_.ipRanges) {
         if (const IpRange* range = data_.ipRanges->find(call.clientAddress)) {
