@@ -13,8 +13,12 @@ mount -t devtmpfs devtmpfs /dev
 mount -t tmpfs tmpfs /tmp
 mount -t tmpfs tmpfs /run
 mkdir -p /run/lock
-echo 'nobody:x:65534:65534:nobody:/:/bin/sh' > /etc/passwd  # for the unprivileged runs
-echo 'nobody:x:65534:' > /etc/group
+# root for the system bus and GeoClue, nobody for the unprivileged runs
+printf 'root:x:0:0:root:/:/bin/sh\nnobody:x:65534:65534:nobody:/:/bin/sh\n' > /etc/passwd
+printf 'root:x:0:\nnobody:x:65534:\n' > /etc/group
+mkdir -p /var/lib/dbus
+echo 5a454c564d0000000000000000000001 > /etc/machine-id  # the bus wants one
+cp /etc/machine-id /var/lib/dbus/machine-id
 cfg=/etc/zel-vm
 say() { echo "zel-vm: $*"; }
 stop() { say "$*"; sync; poweroff -f; sleep 5; exit 1; }

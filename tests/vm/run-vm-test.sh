@@ -45,14 +45,22 @@ for program in "$@"; do
     ldd "$program" 2>/dev/null | grep -q libasan && touch "$work/config/sanitized"
 done
 grep -v '^#' "$here/commands" > "$work/config/commands"
+# GeoClue and what it needs, when the host has them (else its check says it skipped).
+geoclue=()
+for program in /usr/libexec/geoclue /usr/libexec/geoclue-2.0/demos/agent \
+    /usr/libexec/geoclue-2.0/demos/where-am-i "$(command -v wpa_supplicant)" \
+    "$(command -v dbus-daemon)" "$(command -v dbus-send)"; do
+    [ -x "$program" ] && geoclue+=("$program") || { geoclue=(); break; }
+done
+[ ${#geoclue[@]} -gt 0 ] || echo "SKIPPED (GeoClue check): install geoclue-2.0 geoclue-2-demo wpasupplicant dbus"
 
-"$here/build-initramfs.sh" "$work/initramfs.cpio" "$kernel_root" "$work/config" "$@" ||
+"$here/build-initramfs.sh" "$work/initramfs.cpio" "$kernel_root" "$work/config" "$@" "${geoclue[@]}" ||
     fail "building the initramfs"
 
 echo "booting $(basename "$kernel") under qemu (TCG)"
 start=$(date +%s)
 status=0
-timeout 150 qemu-system-x86_64 -machine q35,accel=tcg -cpu max -m 768 -smp 1 \
+timeout 150 qemu-system-x86_64 -machine q35,accel=tcg -cpu max -m 1024 -smp 1 \
     -nographic -no-reboot -nic none -kernel "$kernel" -initrd "$work/initramfs.cpio" \
     -append "console=ttyS0 rdinit=/init panic=-1 quiet loglevel=3" \
     < /dev/null > "$work/console.log" 2>&1 || status=$?
