@@ -300,18 +300,13 @@ class ServerProcess {
         const std::string command = "echo $$; exec " + std::string(ZEL_BINARY_DIR) +
                                     "/bin/zel-server " + arguments + " 2>&1";
         output_ = popen(command.c_str(), "r");
-        if (output_ == nullptr) {
-            return;
-        }
         pid_ = std::stoi(nextLine());
         const std::string started = nextLine();
         const size_t at = started.find("listening on http://127.0.0.1:");
-        if (at == std::string::npos) {
-            ADD_FAILURE() << started;
-            return;
+        EXPECT_NE(at, std::string::npos) << started;
+        if (at != std::string::npos) {
+            url_ = started.substr(at + 13, started.find('\n') - at - 13);
         }
-        url_ = started.substr(at + 13, started.find('\n') - at - 13);
-        port_ = std::stoi(url_.substr(url_.rfind(':') + 1));
     }
     ~ServerProcess() {
         if (output_ != nullptr) {
@@ -321,7 +316,7 @@ class ServerProcess {
     }
     // The service URL with its prefix; empty when the program did not start.
     const std::string& url() const { return url_; }
-    int port() const { return port_; }
+    int port() const { return std::stoi(url_.substr(url_.rfind(':') + 1)); }
     void signal(int number) const { kill(pid_, number); }
     // Reads what the program writes up to a line holding `text`; false at its end.
     bool waitFor(const std::string& text) {
@@ -349,7 +344,6 @@ class ServerProcess {
     FILE* output_ = nullptr;
     pid_t pid_ = 0;
     std::string url_;
-    int port_ = 0;
 };
 
 const std::string kProgramOptions = std::string(" --realm ") + kServerRealm +
