@@ -105,7 +105,7 @@ INSTANTIATE_TEST_SUITE_P(SqliteAndPostgresql, DatabaseBackend,
 // lock is gone the next one runs.
 using PostgresqlDatabase = DatabaseBackend;
 TEST_P(PostgresqlDatabase, AStatementWithoutAnAnswerFailsAtTheDeadline) {
-    url_ += "&connect_timeout=1";
+    url_ += "&connect_timeout=2";
     auto database = open();
     ASSERT_NE(database, nullptr);
     ASSERT_EQ(database->addUser("alice", "acme"), Addition::Added);
@@ -120,7 +120,7 @@ TEST_P(PostgresqlDatabase, AStatementWithoutAnAnswerFailsAtTheDeadline) {
     const LogCapture log("ZEL.Server.Database");
     EXPECT_EQ(database->findUser("alice", "acme"), Lookup::Failed);
     ASSERT_EQ(log.messages().size(), 1u);
-    EXPECT_EQ(log.messages()[0].text, "user lookup failed: no answer within 1 s");
+    EXPECT_EQ(log.messages()[0].text, "user lookup failed: no answer within 2 s");
     queryTestDatabase(url_,
                       "SELECT pg_terminate_backend(pid) FROM pg_stat_activity"
                       " WHERE query LIKE '%pg_sleep(60)%' AND pid <> pg_backend_pid()");
