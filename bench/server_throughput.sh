@@ -1,7 +1,10 @@
 #!/usr/bin/env bash
-# Throughput of zel-server answering /zel2/location: 20-AP requests against a tile
-# file of 1,000,000 APs, over loopback only, measured with wrk for a few seconds
-# with 2 and then 16 client connections. Prints requests/s, p50 and p99.
+# Throughput of zel-server answering /zel2/location: distinct 20-AP requests against
+# a hashed tile file of 1,000,000 APs, over loopback only, measured with wrk at 16
+# and 256 client connections, then at 16 while 1,000 slow clients hold connections
+# open trickling their request heads. The anchor, measured in the same run under
+# the same load: nginx answering every request with a fixed 200 of the same size
+# (what the HTTP work alone costs on this machine). Prints requests/s, p50 and p99.
 # Not part of ctest: it needs a Release build and a quiet machine.
 #
 # Usage: bench/server_throughput.sh [BUILD_DIR] [SECONDS_PER_RUN] [SERVER_THREADS]
@@ -9,19 +12,23 @@ set -euo pipefail
 cd "$(dirname "$0")/.."
 build=${1:-build}
 seconds=${2:-5}
-threads=${3:-16}
+threads=${3:-$(nproc)}
 zel=$build/bin/zel
 server_bin=$build/bin/zel-server
-for tool in "$zel" "$server_bin"; do
+slow=$build/bin/slow_clients
+for tool in "$zel" "$server_bin" "$slow"; do
   [ -x "$tool" ] || { echo "server_throughput: build $tool first (scripts/build $build)" >&2; exit 1; }
 done
 command -v wrk >/dev/null || { echo "server_throughput: wrk missing (scripts/install-deps)" >&2; exit 1; }
 command -v jq >/dev/null || { echo "server_throughput: jq missing" >&2; exit 1; }
+nginx=$(command -v nginx || echo /usr/sbin/nginx)
+[ -x "$nginx" ] || { echo "server_throughput: nginx missing (scripts/install-deps)" >&2; exit 1; }
 
 work=$(mktemp -d)
-server_pid=""
+chmod 755 "$work"  # nginx's workers run as nobody under root
+pids=()
 cleanup() {
-  if [ -n "$server_pid" ]; then kill -TERM "$server_pid" 2>/dev/null || true; wait "$server_pid" 2>/dev/null || true; fi
+  for pid in "${pids[@]}"; do kill -TERM "$pid" 2>/dev/null || true; wait "$pid" 2>/dev/null || true; done
   rm -rf "$work"
 }
 trap cleanup EXIT
@@ -59,7 +66,7 @@ LUA
 "$server_bin" --tiles "$work/city.zel" --realm bench --users "$work/users.db" --add-user bench \
   --listen 127.0.0.1:0 \
   --threads "$threads" --access-log "$work/access.log" > "$work/server.out" 2> "$work/server.err" &
-server_pid=$!
+pids+=($!)
 for _ in $(seq 100); do
   grep -q "listening on" "$work/server.out" 2>/dev/null && break
   sleep 0.1
@@ -69,20 +76,65 @@ url=$(sed -n 's/^zel-server: listening on //p' "$work/server.out")
 echo "== zel-server on $url with $threads threads"
 
 # Every request must be answered with a position, not an error document.
-if ! head -n 1 "$work/bodies.xml" | curl -sf --data-binary @- -H 'Content-Type: text/xml' \
-     "$url/location" | grep -q "<location nap="; then
+head -n 1 "$work/bodies.xml" | curl -sf --data-binary @- -H 'Content-Type: text/xml' \
+  "$url/location" > "$work/answer.xml" || true
+if ! grep -q "<location nap=" "$work/answer.xml"; then
   echo "server_throughput: the sample request got no position" >&2; exit 1
 fi
 
-printf "%-12s %12s %10s %10s %8s\n" connections requests/s p50 p99 errors
-for connections in 2 16; do
+# The anchor: nginx with as many workers, answering that same document to every request.
+for nginx_port in $(shuf -i 20000-60000 -n 50); do
+  (exec 3<>"/dev/tcp/127.0.0.1/$nginx_port") 2>/dev/null || break
+done
+mkdir -p "$work/nginx"
+cat > "$work/nginx.conf" <<NGINX
+worker_processes $threads;
+pid $work/nginx/nginx.pid;
+error_log $work/nginx/error.log;
+events { worker_connections 4096; }
+http {
+  access_log off;
+  client_body_temp_path $work/nginx/body;
+  default_type text/xml;
+  server {
+    listen 127.0.0.1:$nginx_port;
+    location / { return 200 '$(sed "s/'/\\\\'/g" "$work/answer.xml")'; }
+  }
+}
+NGINX
+"$nginx" -p "$work/nginx" -c "$work/nginx.conf" -g 'daemon off;' 2> "$work/nginx/start.err" &
+pids+=($!)
+for _ in $(seq 100); do
+  curl -s -o /dev/null "http://127.0.0.1:$nginx_port/" && break
+  sleep 0.1
+done
+anchor="http://127.0.0.1:$nginx_port/zel2"
+curl -sf -o /dev/null "$anchor/location" -d x || { echo "server_throughput: nginx did not start" >&2; cat "$work/nginx/start.err" >&2; exit 1; }
+
+run() {  # server-name base-url connections [slow-connection-count]
+  local name=$1 base=$2 connections=$3 slow_count=${4:-0} slow_pid="" out rps p50 p99 errors
+  if [ "$slow_count" -gt 0 ]; then
+    local port=${base#http://127.0.0.1:}
+    "$slow" 127.0.0.1 "${port%%/*}" "$slow_count" $((seconds + 3)) > "$work/slow.out" &
+    slow_pid=$!
+    sleep 2  # all of them connected and trickling
+  fi
   out=$(ZEL_BODIES="$work/bodies.xml" wrk -t2 -c"$connections" -d"${seconds}s" --latency \
-        -s "$work/post.lua" "$url/location")
+        -s "$work/post.lua" "$base/location")
+  [ -z "$slow_pid" ] || wait "$slow_pid"
   rps=$(awk '/^Requests\/sec:/ {print $2}' <<<"$out")
   p50=$(awk '$1 == "50%" {print $2}' <<<"$out")
   p99=$(awk '$1 == "99%" {print $2}' <<<"$out")
   errors=$(awk '/Non-2xx/ {print $NF} /Socket errors/ {print "socket:" $0}' <<<"$out")
-  printf "%-12s %12s %10s %10s %8s\n" "$connections" "$rps" "$p50" "$p99" "${errors:-0}"
+  printf "%-11s %6s %6s %12s %10s %10s %8s\n" "$name" "$connections" "$slow_count" "$rps" "$p50" "$p99" "${errors:-0}"
+}
+
+printf "%-11s %6s %6s %12s %10s %10s %8s\n" server conns slow requests/s p50 p99 errors
+for connections in 16 256; do
+  run zel-server "$url" "$connections"
+  run nginx "$anchor" "$connections"
 done
+run zel-server "$url" 16 1000
+run nginx "$anchor" 16 1000
 errors=$(grep -vc '" 200 ' "$work/access.log" || true)
 echo "== $(wc -l < "$work/access.log") requests logged, $errors not answered 200"

@@ -4,8 +4,11 @@
 
 #include <gtest/gtest.h>
 
+#include <chrono>
+#include <cstdio>
 #include <future>
 #include <latch>
+#include <thread>
 
 #include "support/log_capture.h"
 #include "support/test_databases.h"
@@ -95,6 +98,37 @@ TEST_P(DatabaseBackend, NodesStartingTogetherMigrateOnce) {
 
 INSTANTIATE_TEST_SUITE_P(SqliteAndPostgresql, DatabaseBackend,
                          ::testing::Values(Backend::kSqlite, Backend::kPostgresql),
+                         ::testing::PrintToStringParamName());
+
+// A statement the server does not answer (here: a lock held by another session)
+// fails at the URL's connect_timeout instead of holding its request; once the
+// lock is gone the next one runs.
+using PostgresqlDatabase = DatabaseBackend;
+TEST_P(PostgresqlDatabase, AStatementWithoutAnAnswerFailsAtTheDeadline) {
+    url_ += "&connect_timeout=2";
+    auto database = open();
+    ASSERT_NE(database, nullptr);
+    ASSERT_EQ(database->addUser("alice", "acme"), Addition::Added);
+    const std::string lock = "psql -XAtq '" + url_ +
+                             "' -c 'BEGIN; LOCK TABLE users; SELECT pg_sleep(60)' >/dev/null 2>&1";
+    FILE* holder = popen(lock.c_str(), "r");
+    const std::string locks =
+        "SELECT COUNT(*) FROM pg_locks WHERE relation = 'users'::regclass AND granted";
+    for (int i = 0; i < 200 && queryTestDatabase(url_, locks) == "0"; ++i) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    }
+    const LogCapture log("ZEL.Server.Database");
+    EXPECT_EQ(database->findUser("alice", "acme"), Lookup::Failed);
+    ASSERT_EQ(log.messages().size(), 1u);
+    EXPECT_EQ(log.messages()[0].text, "user lookup failed: no answer within 2 s");
+    queryTestDatabase(url_,
+                      "SELECT pg_terminate_backend(pid) FROM pg_stat_activity"
+                      " WHERE query LIKE '%pg_sleep(60)%' AND pid <> pg_backend_pid()");
+    pclose(holder);
+    EXPECT_EQ(database->findUser("alice", "acme"), Lookup::Registered);
+}
+
+INSTANTIATE_TEST_SUITE_P(Only, PostgresqlDatabase, ::testing::Values(Backend::kPostgresql),
                          ::testing::PrintToStringParamName());
 
 TEST(DatabaseUrl, IsRefusedUnlessItNamesABackEnd) {

@@ -16,6 +16,8 @@
 #include <atomic>
 #include <chrono>
 #include <cstdio>
+#include <filesystem>
+#include <functional>
 #include <map>
 #include <sstream>
 #include <thread>
@@ -294,38 +296,141 @@ INSTANTIATE_TEST_SUITE_P(SqliteAndPostgresql, SharedUserDatabase,
                          ::testing::Values(Backend::kSqlite, Backend::kPostgresql),
                          ::testing::PrintToStringParamName());
 
-// The next line the program writes (standard output and error), "" at the end.
-std::string nextLine(FILE* output) {
-    char buffer[1024];
-    return std::fgets(buffer, sizeof buffer, output) ? buffer : "";
+std::map<std::string, double> readMetrics(const std::string& text) {
+    std::map<std::string, double> samples;
+    std::istringstream lines(text);
+    for (std::string line; std::getline(lines, line);) {
+        const size_t space = line.rfind(' ');
+        if (!line.starts_with('#') && space != std::string::npos) {
+            samples[line.substr(0, space)] = std::stod(line.substr(space + 1));
+        }
+    }
+    return samples;
 }
 
-TEST(ServerProgram, ServesUntilTerminated) {
-    // The shell prints its process id, then becomes the server.
-    const std::string command = "echo $$; exec " + std::string(ZEL_BINARY_DIR) +
-                                "/bin/zel-server --tiles " + TestLocationServer::tilePath() +
-                                " --realm " + kServerRealm +
-                                " --listen 127.0.0.1:0 --add-user alice 2>&1";
-    FILE* output = popen(command.c_str(), "r");
-    ASSERT_NE(output, nullptr);
-    const pid_t pid = std::stoi(nextLine(output));
-    const std::string started = nextLine(output);
-    const size_t at = started.find("listening on http://127.0.0.1:");
-    if (at == std::string::npos) {
-        kill(pid, SIGKILL);
-        pclose(output);
-        FAIL() << started;
+// zel-server started through a shell that prints its process id, then becomes it.
+class ServerProcess {
+  public:
+    explicit ServerProcess(const std::string& arguments) {
+        const std::string command = "echo $$; exec " + std::string(ZEL_BINARY_DIR) +
+                                    "/bin/zel-server " + arguments + " 2>&1";
+        output_ = popen(command.c_str(), "r");
+        pid_ = std::stoi(nextLine());
+        const std::string started = nextLine();
+        const size_t at = started.find("listening on http://127.0.0.1:");
+        EXPECT_NE(at, std::string::npos) << started;
+        if (at != std::string::npos) {
+            url_ = started.substr(at + 13, started.find('\n') - at - 13);
+        }
     }
-    const std::string url = started.substr(at + 13, started.find('\n') - at - 13);
+    ~ServerProcess() {
+        if (output_ != nullptr) {
+            kill(pid_, SIGKILL);
+            pclose(output_);
+        }
+    }
+    // The service URL with its prefix; empty when the program did not start.
+    const std::string& url() const { return url_; }
+    int port() const { return std::stoi(url_.substr(url_.rfind(':') + 1)); }
+    void signal(int number) const { kill(pid_, number); }
+    // Reads what the program writes up to a line holding `text`; false at its end.
+    bool waitFor(const std::string& text) {
+        for (std::string line = nextLine(); !line.empty(); line = nextLine()) {
+            if (line.find(text) != std::string::npos) {
+                return true;
+            }
+        }
+        return false;
+    }
+    // Terminates the program; its wait status.
+    int stop() {
+        signal(SIGTERM);
+        const int status = pclose(output_);
+        output_ = nullptr;
+        return status;
+    }
 
+  private:
+    std::string nextLine() {
+        char buffer[1024];
+        return std::fgets(buffer, sizeof buffer, output_) ? buffer : "";
+    }
+
+    FILE* output_ = nullptr;
+    pid_t pid_ = 0;
+    std::string url_;
+};
+
+const std::string kProgramOptions = std::string(" --realm ") + kServerRealm +
+                                    " --listen 127.0.0.1:0 --add-user alice --no-access-log";
+
+// Serves until terminated; a hangup reloads the tiles.
+TEST(ServerProgram, HangupReloadsTilesAndNoRewriteInPlaceReachesTheRequests) {
+    const TempDir directory;
+    const std::string tiles = directory.path() + "/tiles.zel";
+    std::filesystem::copy_file(TestLocationServer::tilePath(), tiles);
+    ServerProcess server("--tiles " + tiles + kProgramOptions);
+    ASSERT_FALSE(server.url().empty());
+    const Core::ApList scan = {heard(1, -50), heard(2, -60), heard(6, -70)};
     Remote::LocationDeterminationRemote remote;
-    remote.setServerUrl(url);
-    Core::LocationRecord record;
-    EXPECT_EQ(remote.location(kAlice, 0, {heard(1, -60)}, record), Core::ResultCode::kOk);
-    EXPECT_EQ(record.nap, 1);
-    kill(pid, SIGTERM);
-    const int status = pclose(output);
-    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << status;
+    remote.setServerUrl(server.url());
+    auto latitude = [&] {
+        Core::LocationRecord record;
+        EXPECT_EQ(remote.location(kAlice, 0, scan, record), Core::ResultCode::kOk);
+        return record.latitude;
+    };
+    const double first = latitude();
+
+    // Requests all along from a second client: every one must be answered.
+    std::atomic<bool> done{false};
+    std::atomic<int> answered{0}, failed{0};
+    std::thread load([&] {
+        Remote::LocationDeterminationRemote client;
+        client.setServerUrl(server.url());
+        for (int i = 0; i < 100'000 && !done; ++i) {
+            Core::LocationRecord record;
+            (client.location(kAlice, 0, scan, record) == Core::ResultCode::kOk ? answered
+                                                                               : failed)++;
+        }
+    });
+    auto write = [&](const std::string& path, double north, const char* realm) {
+        const auto result =
+            Tiles::TileWriter::writeFile(path, TestLocationServer::tileAccessPoints(north), realm);
+        ASSERT_TRUE(result.ok) << result.error;
+    };
+    const std::tuple<const char*, std::function<void()>, const char*, double> rows[] = {
+        {"renamed over, 1 km north",
+         [&] {
+             write(directory.path() + "/new.zel", 1000, kServerRealm);
+             std::filesystem::rename(directory.path() + "/new.zel", tiles);
+         },
+         "tile files reloaded", 1000},
+        {"truncated in place", [&] { std::filesystem::resize_file(tiles, 0); },
+         "tile reload refused", 1000},
+        {"rewritten in place for another realm", [&] { write(tiles, 0, "other"); },
+         "tile reload refused", 1000},
+        {"rewritten in place, back south", [&] { write(tiles, 0, kServerRealm); },
+         "tile files reloaded", 0},
+    };
+    double served = 0;                            // metres north of the first answer
+    const double metre = 1.0 / kMetresPerDegree;  // the tile stores positions to about 0.5 m
+    for (const auto& [change, apply, logged, north] : rows) {
+        apply();
+        EXPECT_NEAR(latitude(), first + served * metre, metre) << change << ": unasked";
+        server.signal(SIGHUP);
+        ASSERT_TRUE(server.waitFor(logged)) << change;
+        served = north;
+        EXPECT_NEAR(latitude(), first + served * metre, metre) << change;
+    }
+    done = true;
+    load.join();
+    EXPECT_EQ(failed, 0);
+    EXPECT_GT(answered, 0);
+    httplib::Client client("127.0.0.1", server.port());
+    auto metrics = client.Get("/metrics");
+    ASSERT_TRUE(metrics);
+    EXPECT_EQ(readMetrics(metrics->body)["zel_tile_reloads_refused_total"], 2);
+    EXPECT_EQ(server.stop(), 0);
 }
 
 // A raw loopback connection to `port`, -1 when it fails; reads give up after 5 s.
@@ -428,18 +533,6 @@ TEST(ServerSlowClients, TricklersAreCutOffAtTheHeadDeadlineAndNobodyWaits) {
 }
 
 // Prometheus text as sample name (with labels) to value.
-std::map<std::string, double> readMetrics(const std::string& text) {
-    std::map<std::string, double> samples;
-    std::istringstream lines(text);
-    for (std::string line; std::getline(lines, line);) {
-        const size_t space = line.rfind(' ');
-        if (!line.starts_with('#') && space != std::string::npos) {
-            samples[line.substr(0, space)] = std::stod(line.substr(space + 1));
-        }
-    }
-    return samples;
-}
-
 TEST(ServerLimits, RatesAndConnectionsPerAddressAndPerKeyAreCountedInTheMetrics) {
     auto server = TestLocationServer::start(
         {.trustProxy = true, .configure = [](Server::ServerOptions& options) {

@@ -51,6 +51,25 @@ std::unique_ptr<LocationService> LocationService::create(ServiceOptions options,
     return service;
 }
 
+bool LocationService::reloadTiles(std::string& error) {
+    std::shared_ptr<ReaderPool> readers =
+        ReaderPool::open(options_.tileFiles, options_.realm, error);
+    if (!readers) {
+        ++metrics_.tileReloadsRefused;
+        ZEL_LOG_ERROR(category_,
+                      "tile reload refused, still answering from the files loaded before: %s",
+                      error.c_str());
+        return false;
+    }
+    {
+        std::lock_guard lock(readersMutex_);
+        readers_.swap(readers);
+    }
+    metrics_.tileFilesLoaded = static_cast<int64_t>(options_.tileFiles.size());
+    ZEL_LOG_INFO(category_, "tile files reloaded (%zu)", options_.tileFiles.size());
+    return true;  // the old pool goes when its last request gives it back
+}
+
 std::optional<ClientRequest> LocationService::accept(Question question, std::string_view body,
                                                      Reply& reply) {
     ReadResult read = readRequest(question, body, options_.maxAccessPoints);
@@ -103,7 +122,8 @@ Core::StreetAddress LocationService::addressNear(double latitude, double longitu
 bool LocationService::estimate(const Core::ApList& accessPoints, Core::LocationRecord& out) {
     Local::StoredApMap known;
     {
-        ReaderPool::Lease lease = readers_->borrow();
+        const std::shared_ptr<ReaderPool> readers = currentReaders();
+        ReaderPool::Lease lease = readers->borrow();
         known = Local::lookupStoredAps(lease.readers(), accessPoints, estimatorCategory_);
     }
     std::vector<Local::LocalApEntry> entries;

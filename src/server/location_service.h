@@ -14,6 +14,7 @@
 
 #include <functional>
 #include <memory>
+#include <mutex>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -65,6 +66,11 @@ class LocationService {
     // POST /v1/geolocate, in geolocate_service.cpp.
     Reply geolocate(const GeolocateCall& call);
 
+    // Reads the tile files again and answers from them from now on; requests under
+    // way finish on the files they started with. When a file fails to read or to
+    // check, logs why, keeps the files it had and returns false with `error` set.
+    bool reloadTiles(std::string& error);
+
     Database& users() { return *data_.users; }
     Metrics& metrics() { return metrics_; }
     // Refuses a request with 429 when `admit`, asked with its user as
@@ -88,7 +94,13 @@ class LocationService {
     SPI::Logger& estimatorCategory_;
     ServiceOptions options_;
     ServiceData data_;
-    std::unique_ptr<ReaderPool> readers_;
+    std::shared_ptr<ReaderPool> currentReaders() const {
+        std::lock_guard lock(readersMutex_);
+        return readers_;
+    }
+
+    mutable std::mutex readersMutex_;  // guards the pointer, not the pool
+    std::shared_ptr<ReaderPool> readers_;
     Metrics metrics_;
     std::function<bool(const std::string&)> admitUser_;
 };

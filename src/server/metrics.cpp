@@ -92,6 +92,9 @@ std::string Metrics::render() const {
     sample(out, "zel_open_connections", openConnections.load());
     family(out, "zel_tile_files_loaded", "gauge", "Tile files the server answers from.");
     sample(out, "zel_tile_files_loaded", tileFilesLoaded.load());
+    family(out, "zel_tile_reloads_refused_total", "counter",
+           "Reloads refused because a tile file failed to read or to check.");
+    sample(out, "zel_tile_reloads_refused_total", tileReloadsRefused.load());
     return out;
 }
 

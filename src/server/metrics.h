@@ -29,6 +29,7 @@ class Metrics {
     std::atomic<uint64_t> databaseErrors{0};
     std::atomic<int64_t> openConnections{0};
     std::atomic<int64_t> tileFilesLoaded{0};
+    std::atomic<uint64_t> tileReloadsRefused{0};
 
     // Upper bounds of the latency histogram's buckets, seconds; +Inf follows.
     static constexpr std::array<double, 7> kLatencyBuckets{0.001, 0.0025, 0.005, 0.01,

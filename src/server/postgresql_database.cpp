@@ -6,6 +6,11 @@
 // migrate one after the other and the later ones find nothing left to do.
 #include <libpq-fe.h>
 
+#include <poll.h>
+
+#include <algorithm>
+#include <chrono>
+#include <cstdlib>
 #include <mutex>
 #include <vector>
 
@@ -19,9 +24,11 @@ namespace {
 
 // Idle connections kept for the next operations; more are opened when needed.
 constexpr size_t kIdleConnections = 8;
-// Seconds to wait for a connection unless the URL says otherwise: an unreachable
-// server is an error answer, not a request that hangs (libpq waits forever).
-constexpr const char kConnectTimeout[] = "5";
+// Seconds to wait for a connection, and for the answer to each statement, unless
+// the URL's connect_timeout says otherwise: a server that is unreachable, frozen or
+// stuck behind a lock is an error answer, not a request that hangs (libpq waits
+// forever, and the request would hold one of the server's threads).
+constexpr int kTimeoutSeconds = 5;
 
 constexpr SchemaDialect kDialect = {
     // The advisory lock's key: any number, the same on every node ("ZELSCHEM" in ASCII).
@@ -62,6 +69,51 @@ std::string message(PGconn* connection, const PGresult* result = nullptr) {
     return text;
 }
 
+// connect_timeout from the URL, else kTimeoutSeconds; at least 1 (libpq's rule for 0
+// is "forever", which a statement must never wait).
+int timeoutSeconds(const std::string& url) {
+    int seconds = kTimeoutSeconds;
+    PQconninfoOption* options = PQconninfoParse(url.c_str(), nullptr);
+    for (PQconninfoOption* option = options; option && option->keyword; ++option) {
+        if (std::string(option->keyword) == "connect_timeout" && option->val) {
+            seconds = std::max(1, std::atoi(option->val));
+        }
+    }
+    PQconninfoFree(options);
+    return seconds;
+}
+
+// The result of one statement, or null with `error` set when it could not be sent
+// or its answer did not come within `seconds` (the caller must then drop the
+// connection: closing it ends the statement's session on the server).
+Result execute(PGconn* connection, const char* sql, const std::vector<const char*>& values,
+               int seconds, std::string& error) {
+    if (!PQsendQueryParams(connection, sql, static_cast<int>(values.size()), nullptr, values.data(),
+                           nullptr, nullptr, 0)) {
+        error = message(connection);
+        return nullptr;
+    }
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(seconds);
+    while (PQisBusy(connection)) {
+        const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(
+            deadline - std::chrono::steady_clock::now());
+        pollfd socket{PQsocket(connection), POLLIN, 0};
+        if (left.count() <= 0 || poll(&socket, 1, static_cast<int>(left.count())) == 0) {
+            error = "no answer within " + std::to_string(seconds) + " s";
+            return nullptr;
+        }
+        if (!PQconsumeInput(connection)) {
+            error = message(connection);
+            return nullptr;
+        }
+    }
+    Result result(PQgetResult(connection));
+    while (PGresult* more = PQgetResult(connection)) {  // the protocol ends with a null
+        PQclear(more);
+    }
+    return result;
+}
+
 class Session final : public SchemaSession {
   public:
     explicit Session(PGconn* connection) : connection_(connection) {}
@@ -92,7 +144,7 @@ class Session final : public SchemaSession {
 class PostgresqlDatabase final : public Database {
   public:
     PostgresqlDatabase(std::string url, SPI::Logger& category)
-        : category_(category), url_(std::move(url)) {}
+        : category_(category), url_(std::move(url)), timeoutSeconds_(timeoutSeconds(url_)) {}
 
     // Connects and migrates the schema.
     bool start(std::string& error) {
@@ -164,7 +216,8 @@ class PostgresqlDatabase final : public Database {
     Connection connect(std::string& error) {
         // The URL's own settings override the time-out given before it.
         const char* const keywords[] = {"connect_timeout", "dbname", nullptr};
-        const char* const values[] = {kConnectTimeout, url_.c_str(), nullptr};
+        const std::string timeout = std::to_string(kTimeoutSeconds);
+        const char* const values[] = {timeout.c_str(), url_.c_str(), nullptr};
         Connection connection(PQconnectdbParams(keywords, values, 1));
         if (PQstatus(connection.get()) != CONNECTION_OK) {
             error = message(connection.get());
@@ -190,8 +243,13 @@ class PostgresqlDatabase final : public Database {
             if (!connection) {
                 break;
             }
-            Result result(PQexecParams(connection.get(), sql, static_cast<int>(values.size()),
-                                       nullptr, values.data(), nullptr, nullptr, 0));
+            Result result = execute(connection.get(), sql, values, timeoutSeconds_, error);
+            if (!result) {
+                if (PQstatus(connection.get()) == CONNECTION_OK) {
+                    break;  // no answer in time: a second try would wait as long again
+                }
+                continue;  // broken: once more on a new connection
+            }
             const ExecStatusType status = PQresultStatus(result.get());
             if (status == PGRES_TUPLES_OK || status == PGRES_COMMAND_OK) {
                 const bool row = status == PGRES_TUPLES_OK
@@ -235,6 +293,7 @@ class PostgresqlDatabase final : public Database {
 
     SPI::Logger& category_;
     const std::string url_;
+    const int timeoutSeconds_;
     std::mutex mutex_;
     std::vector<Connection> idle_;
 };

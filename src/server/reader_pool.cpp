@@ -1,8 +1,51 @@
 #include "server/reader_pool.h"
 
 #include "spi/log.h"
+#include "spi/platform.h"
+#include "tiles/tile_format.h"
 
 namespace ZEL::Server {
+namespace {
+
+class MemoryImage final : public SPI::FileMapping {
+  public:
+    explicit MemoryImage(std::vector<uint8_t> bytes) : bytes_(std::move(bytes)) {}
+    const uint8_t* data() const override { return bytes_.data(); }
+    size_t length() const override { return bytes_.size(); }
+
+  private:
+    std::vector<uint8_t> bytes_;
+};
+
+// The whole file at `path`, or null with `error` set. A file that shrinks while it
+// is read (rewritten in place) is refused; one rewritten to the same length
+// unluckily reads torn, and is refused by the checks of the tile reader unless
+// it still makes a valid file.
+std::shared_ptr<const SPI::FileMapping> readImage(const std::string& path, std::string& error) {
+    std::unique_ptr<SPI::File> file = SPI::platform().newFile();
+    if (!file || file->open(path, SPI::File::kRead) != 0) {
+        error = "cannot open tile file " + path;
+        return nullptr;
+    }
+    const uint64_t size = file->size();
+    if (size == SPI::File::kSizeFailure || size == 0 || size > Tiles::TileFormat::kMaxFileBytes) {
+        error = "tile file " + path + " is empty, too large or unreadable";
+        return nullptr;
+    }
+    std::vector<uint8_t> bytes(size);
+    size_t done = 0;
+    while (done < bytes.size()) {
+        const size_t got = file->read(bytes.data() + done, bytes.size() - done);
+        if (got == 0) {
+            error = "tile file " + path + " changed or failed while being read";
+            return nullptr;
+        }
+        done += got;
+    }
+    return std::make_shared<MemoryImage>(std::move(bytes));
+}
+
+}  // namespace
 
 ReaderPool::ReaderPool(std::vector<std::string> paths, std::string realm)
     : paths_(std::move(paths)), realm_(std::move(realm)) {}
@@ -10,8 +53,15 @@ ReaderPool::ReaderPool(std::vector<std::string> paths, std::string realm)
 std::unique_ptr<ReaderPool> ReaderPool::open(std::vector<std::string> paths, std::string realm,
                                              std::string& error) {
     std::unique_ptr<ReaderPool> pool(new ReaderPool(std::move(paths), std::move(realm)));
+    for (const std::string& path : pool->paths_) {
+        std::shared_ptr<const SPI::FileMapping> image = readImage(path, error);
+        if (!image) {
+            return nullptr;
+        }
+        pool->images_.push_back(std::move(image));
+    }
     Local::ReaderList first = pool->openSet(error);
-    if (first.empty() && !pool->paths_.empty()) {
+    if (first.size() != pool->paths_.size()) {
         return nullptr;
     }
     pool->idle_.push_back(std::move(first));
@@ -20,11 +70,12 @@ std::unique_ptr<ReaderPool> ReaderPool::open(std::vector<std::string> paths, std
 
 Local::ReaderList ReaderPool::openSet(std::string& error) const {
     Local::ReaderList readers;
-    for (const std::string& path : paths_) {
+    for (size_t i = 0; i < paths_.size(); ++i) {
         std::unique_ptr<Tiles::LocalCompressedFileReader> reader =
             Tiles::LocalCompressedFileReader::create();
-        if (!reader || !reader->open(path, realm_)) {
-            error = "cannot open tile file " + path + " for realm \"" + realm_ + "\"";
+        if (!reader || !reader->open(images_[i], paths_[i], realm_)) {
+            error =
+                "tile file " + paths_[i] + " is not a valid tile file for realm \"" + realm_ + "\"";
             return {};
         }
         readers.push_back(std::move(reader));

@@ -1,7 +1,14 @@
-// Tile readers for concurrent requests. A reader shares one bit cursor between its
-// lookups, so each request borrows a whole set (one reader per tile file) for its
-// duration; sets are opened on demand and kept for the next request. The files
-// are memory-mapped, so every set shares the same pages.
+// Tile readers for concurrent requests, over one generation of the tile files.
+//
+// The files are read into memory when the pool opens, and only that copy is ever
+// searched: a file rewritten or truncated in place under a running server cannot
+// touch it (a mapping of the file would fault on the truncated pages). A reload
+// opens a new pool beside this one; requests that borrowed from this pool finish
+// on its data while it lives.
+//
+// A reader shares one bit cursor between its lookups, so each request borrows a
+// whole set (one reader per tile file) for its duration; sets are opened on demand
+// over the shared copy and kept for the next request.
 #pragma once
 
 #include <memory>
@@ -10,18 +17,19 @@
 #include <vector>
 
 #include "local/stored_ap_lookup.h"
+#include "spi/file.h"
 
 namespace ZEL::Server {
 
 class ReaderPool {
   public:
-    // Opens one set to check that every file opens for `realm`; null with `error`
-    // naming the file that does not.
+    // Reads every file and opens one set to check that each is a tile file of
+    // `realm`; null with `error` naming the first file that is not.
     static std::unique_ptr<ReaderPool> open(std::vector<std::string> paths, std::string realm,
                                             std::string& error);
 
-    // A borrowed set, given back when the lease ends. Empty readers() when a file
-    // could not be opened again (logged).
+    // A borrowed set, given back when the lease ends. Empty readers() when memory
+    // for a new set ran out (logged).
     class Lease {
       public:
         Lease(ReaderPool& pool, Local::ReaderList readers)
@@ -37,6 +45,7 @@ class ReaderPool {
     };
 
     Lease borrow();
+    size_t fileCount() const { return paths_.size(); }
 
   private:
     ReaderPool(std::vector<std::string> paths, std::string realm);
@@ -46,6 +55,7 @@ class ReaderPool {
 
     std::vector<std::string> paths_;
     std::string realm_;
+    std::vector<std::shared_ptr<const SPI::FileMapping>> images_;  // per path
     std::mutex mutex_;
     std::vector<Local::ReaderList> idle_;
 };

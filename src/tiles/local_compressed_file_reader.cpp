@@ -25,9 +25,13 @@ class CompressedFileReader final : public LocalCompressedFileReader {
 
     std::optional<StoredApData> lookup(const Core::MacAddress& mac) override;
     bool open(const std::string& path, const std::string& realm) override;
+    bool open(std::shared_ptr<const SPI::FileMapping> image, const std::string& name,
+              const std::string& realm) override;
     void close() override;
 
   private:
+    // Checks and parses the file in `mapping`; on failure logs and closes.
+    bool attach(std::shared_ptr<const SPI::FileMapping> mapping);
     bool loadTiles();
     // Starts fetching the block index of `tile` (all its lines at once).
     void prefetchIndex(uint32_t tile) const;
@@ -42,7 +46,7 @@ class CompressedFileReader final : public LocalCompressedFileReader {
     SPI::Logger& log_;
     std::string realm_;
     std::unique_ptr<SPI::File> file_;
-    std::unique_ptr<SPI::FileMapping> mapping_;
+    std::shared_ptr<const SPI::FileMapping> mapping_;
     std::unique_ptr<BitReader> bitReader_;
     std::vector<Tile> tiles_;  // file order
     TileSearch search_;
@@ -71,14 +75,28 @@ bool CompressedFileReader::open(const std::string& path, const std::string& real
         file_.reset();
         return false;
     }
+    std::shared_ptr<const SPI::FileMapping> mapping;
     if (size != SPI::File::kSizeFailure) {
-        mapping_ = file_->map(0, static_cast<size_t>(size));
+        mapping = file_->map(0, static_cast<size_t>(size));
     }
-    if (!mapping_) {
+    if (!mapping) {
         ZEL_LOG_ERROR(log_, "Couldn't map file (%u)", static_cast<unsigned>(file_->size()));
         file_.reset();
         return false;
     }
+    return attach(std::move(mapping));
+}
+
+bool CompressedFileReader::open(std::shared_ptr<const SPI::FileMapping> image,
+                                const std::string& name, const std::string& realm) {
+    ZEL_LOG_DEBUG(log_, "Opening %s in memory for realm %s...", name.c_str(), realm.c_str());
+    close();
+    realm_ = realm;
+    return image && attach(std::move(image));
+}
+
+bool CompressedFileReader::attach(std::shared_ptr<const SPI::FileMapping> mapping) {
+    mapping_ = std::move(mapping);
     bitReader_ =
         std::make_unique<BitReader>(mapping_->data(), static_cast<uint32_t>(mapping_->length()));
     if (!loadTiles()) {

@@ -10,6 +10,7 @@
 #include <string>
 
 #include "core/scanned_ap.h"
+#include "spi/file.h"
 
 namespace ZEL::Tiles {
 
@@ -37,6 +38,10 @@ class LocalCompressedFileReader {
     // digest the file must carry and the key form). Logs and returns false on any
     // failure, leaving the reader closed.
     virtual bool open(const std::string& path, const std::string& realm) = 0;
+    // The same over a file's bytes already in memory, which any number of readers
+    // may share; `name` labels the debug line.
+    virtual bool open(std::shared_ptr<const SPI::FileMapping> image, const std::string& name,
+                      const std::string& realm) = 0;
 
     // Releases everything open built; the reader can be opened again.
     virtual void close() = 0;

@@ -26,16 +26,20 @@ constexpr const char kRanges[] =
 
 }  // namespace
 
+std::vector<Tiles::AccessPointPosition> TestLocationServer::tileAccessPoints(double northMetres) {
+    std::vector<Tiles::AccessPointPosition> aps;
+    for (int i = 1; i <= 12; ++i) {
+        aps.push_back({testMac(i), latitudeAt((i % 4) * 20.0 - 30.0 + northMetres),
+                       longitudeAt((i / 4) * 25.0 - 30.0), 40, 0.3});
+    }
+    return aps;
+}
+
 const std::string& TestLocationServer::tilePath() {
     static const TempDir directory;  // removed at exit
     static const std::string path = [] {
-        std::vector<Tiles::AccessPointPosition> aps;
-        for (int i = 1; i <= 12; ++i) {
-            aps.push_back({testMac(i), latitudeAt((i % 4) * 20.0 - 30.0),
-                           longitudeAt((i / 4) * 25.0 - 30.0), 40, 0.3});
-        }
-        const auto result =
-            Tiles::TileWriter::writeFile(directory.path() + "/tiles.zel", aps, kServerRealm);
+        const auto result = Tiles::TileWriter::writeFile(directory.path() + "/tiles.zel",
+                                                         tileAccessPoints(), kServerRealm);
         EXPECT_TRUE(result.ok) << result.error;
         return directory.path() + "/tiles.zel";
     }();

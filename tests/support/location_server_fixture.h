@@ -6,8 +6,10 @@
 #include <functional>
 #include <memory>
 #include <string>
+#include <vector>
 
 #include "server/location_server.h"
+#include "tiles/tile_writer.h"
 
 namespace ZEL::Testing {
 
@@ -40,6 +42,8 @@ class TestLocationServer {
     Server::LocationService& service() { return *service_; }
 
     static const std::string& tilePath();
+    // The access points of that file, or all of them `northMetres` further north.
+    static std::vector<Tiles::AccessPointPosition> tileAccessPoints(double northMetres = 0.0);
 
   private:
     std::string certificateDirectory_;

@@ -3,6 +3,7 @@
 // SQLite or PostgreSQL; /health and /metrics for load balancers and monitoring.
 //
 // Runs until SIGTERM or SIGINT, then finishes the exchanges under way and exits 0.
+// SIGHUP reads the tile files again (LocationService::reloadTiles).
 // Exit status 2: bad options or data that cannot be loaded.
 
 #include <CLI/CLI.hpp>
@@ -188,11 +189,12 @@ int run(Arguments& a) {
         return 2;
     }
     // Signals are taken by sigwait below: block them before any thread starts.
-    sigset_t stopSignals;
-    sigemptyset(&stopSignals);
-    sigaddset(&stopSignals, SIGTERM);
-    sigaddset(&stopSignals, SIGINT);
-    pthread_sigmask(SIG_BLOCK, &stopSignals, nullptr);
+    sigset_t signals;
+    sigemptyset(&signals);
+    sigaddset(&signals, SIGTERM);
+    sigaddset(&signals, SIGINT);
+    sigaddset(&signals, SIGHUP);
+    pthread_sigmask(SIG_BLOCK, &signals, nullptr);
     std::signal(SIGPIPE, SIG_IGN);
 
     std::shared_ptr<LocationService> service = makeService(a, error);
@@ -210,7 +212,9 @@ int run(Arguments& a) {
     std::printf("zel-server: listening on %s%s\n", server->url().c_str(), a.server.prefix.c_str());
     std::fflush(stdout);
     int signal = 0;
-    sigwait(&stopSignals, &signal);
+    while (sigwait(&signals, &signal) == 0 && signal == SIGHUP) {
+        service->reloadTiles(error);  // a refusal is logged; the old files keep serving
+    }
     server->stop();
     std::fprintf(stderr, "zel-server: stopped by signal %d\n", signal);
     return 0;
