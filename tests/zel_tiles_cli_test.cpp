@@ -1,12 +1,18 @@
 // `zel tiles` end to end: the real program on real files.
+#include <fcntl.h>
 #include <gtest/gtest.h>
+#include <sys/mman.h>
 #include <sys/wait.h>
+
+#include <fstream>
+#include <iterator>
 
 #include <cstdio>
 #include <cstring>
 #include <nlohmann/json.hpp>
 
 #include "support/hand_built_tile.h"
+#include "support/location_server_fixture.h"
 
 namespace {
 
@@ -58,6 +64,54 @@ TEST(ZelTilesCli, BuildsSkippingBadLinesThenLooksUpAndDescribes) {
           "tiles build -o " + dir.path() + "/x.zel " + dir.path() + "/none.csv"}) {
         EXPECT_EQ(zel(arguments).first, 1) << arguments;
     }
+}
+
+std::string contents(const std::string& path) {
+    std::ifstream in(path, std::ios::binary);
+    return {std::istreambuf_iterator<char>(in), {}};
+}
+
+// A download happens when the copy differs from the server's file, only with a
+// valid key and for the server's realm; a program that mapped the old copy keeps
+// reading it while the new one takes its place.
+TEST(ZelTilesCli, FetchReplacesTheCopyOnlyWhenTheServerHasAnother) {
+    using ZEL::Testing::TestLocationServer;
+    auto server = TestLocationServer::start();
+    ASSERT_NE(server, nullptr);
+    server->service().users().addKey("k", ZEL::Testing::kServerRealm);
+    const ZEL::Testing::TempDir dir;
+    const std::string copy = dir.path() + "/tiles.zel", other = dir.path() + "/other.zel";
+    const std::string url = "http://127.0.0.1:" + std::to_string(server->port()) + "/v1/tiles/";
+    const std::string served = contents(TestLocationServer::tilePath());
+    ASSERT_TRUE(ZEL::Tiles::TileWriter::writeFile(other, TestLocationServer::tileAccessPoints(500),
+                                                  ZEL::Testing::kServerRealm)
+                    .ok);
+    const std::string otherBytes = contents(other);
+    const std::tuple<std::string, int, std::string> rows[] = {
+        {"acme?key=wrong", 1, ""},
+        {"_?key=k", 1, ""},  // the plain realm: not this server's
+        {"acme", 1, ""},
+        {"acme?key=k", 0, copy + " updated"},
+        {"acme?key=k", 0, copy + " is up to date"},
+        {"rename", 0, ""},  // the copy replaced by another file, which is mapped
+        {"acme?key=k", 0, copy + " updated"},
+    };
+    const void* mapped = MAP_FAILED;
+    for (const auto& [query, status, said] : rows) {
+        if (query == "rename") {
+            std::rename(other.c_str(), copy.c_str());
+            const int fd = open(copy.c_str(), O_RDONLY);
+            mapped = mmap(nullptr, otherBytes.size(), PROT_READ, MAP_SHARED, fd, 0);
+            close(fd);
+            continue;
+        }
+        auto [exit, lines] = zel("tiles fetch " + url + query + " -o " + copy);
+        EXPECT_EQ(exit, status) << query;
+        EXPECT_EQ(lines.empty() ? "" : lines[0].substr(0, said.size()), said) << query;
+        EXPECT_EQ(contents(copy), status == 0 ? served : "") << query;
+    }
+    ASSERT_NE(mapped, MAP_FAILED);
+    EXPECT_EQ(std::string(static_cast<const char*>(mapped), otherBytes.size()), otherBytes);
 }
 
 }  // namespace

@@ -18,23 +18,30 @@ Reply keyInvalid(std::string_view message) {
 
 }  // namespace
 
+std::optional<Reply> LocationService::refuseKey(std::string_view key, const char* what) {
+    if (options_.open) {
+        return std::nullopt;
+    }
+    if (key.empty()) {
+        ZEL_LOG_INFO(category_, "%s request without a key", what);
+        return keyInvalid("an API key is required");
+    }
+    const Database::KeyLookup found = data_.users->findKey(std::string(key));
+    if (found.result == Database::Lookup::Failed) {
+        ++metrics_.databaseErrors;
+        return Reply{500, geolocateError(500, "global", "backendError", "the key store failed")};
+    }
+    if (found.result != Database::Lookup::Registered || !found.enabled ||
+        found.realm != options_.realm) {
+        ZEL_LOG_INFO(category_, "refused %s key \"%.64s\"", what, std::string(key).c_str());
+        return keyInvalid("the API key is not valid here");
+    }
+    return std::nullopt;
+}
+
 Reply LocationService::geolocate(const GeolocateCall& call) {
-    if (!options_.open) {
-        if (call.key.empty()) {
-            ZEL_LOG_INFO(category_, "geolocate request without a key");
-            return keyInvalid("an API key is required");
-        }
-        const Database::KeyLookup key = data_.users->findKey(std::string(call.key));
-        if (key.result == Database::Lookup::Failed) {
-            ++metrics_.databaseErrors;
-            return {500, geolocateError(500, "global", "backendError", "the key store failed")};
-        }
-        if (key.result != Database::Lookup::Registered || !key.enabled ||
-            key.realm != options_.realm) {
-            ZEL_LOG_INFO(category_, "refused geolocate key \"%.64s\"",
-                         std::string(call.key).c_str());
-            return keyInvalid("the API key is not valid here");
-        }
+    if (std::optional<Reply> refusal = refuseKey(call.key, "geolocate")) {
+        return *refusal;
     }
     std::string inflated;
     std::string_view body = call.body;

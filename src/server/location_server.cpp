@@ -35,6 +35,8 @@ constexpr const char kTextType[] = "text/plain; charset=utf-8";
 constexpr const char kJsonType[] = "application/json; charset=UTF-8";
 // The JSON geolocate route, outside the prefix like /health.
 constexpr std::string_view kGeolocatePath = "/v1/geolocate";
+// Tile files for download: /v1/tiles/REALM.
+constexpr std::string_view kTilesPath = "/v1/tiles/";
 constexpr const char kMetricsType[] = "text/plain; version=0.0.4; charset=utf-8";
 // Requests a keep-alive connection may carry before the server closes it.
 constexpr size_t kKeepAliveRequests = 10000;
@@ -100,6 +102,9 @@ Route routeOf(std::string_view path, std::string_view prefix) {
     }
     if (path == kGeolocatePath) {
         return Route::Geolocate;
+    }
+    if (path.starts_with(kTilesPath)) {
+        return Route::Tiles;
     }
     if (path.substr(0, prefix.size()) != prefix) {
         return Route::Other;
@@ -182,6 +187,7 @@ struct LocationServer::State {
     Reply dispatch(const Request& request, Route route, const std::string& client,
                    std::string_view target, std::string& contentType);
     Reply geolocate(const Request& request, const std::string& client, std::string_view target);
+    Reply tiles(const Request& request, const std::string& client, std::string_view target);
     std::string clientAddress(const Request& request, const std::string& peer) const;
 
     SPI::Logger& log = SPI::getLogger("ZEL.Server.LocationServer");
@@ -477,11 +483,13 @@ Response State::exchange(const Request& request, const std::string& peer,
     const std::string_view path = target.substr(0, target.find('?'));
     const Route route = routeOf(path, options.prefix);
     const std::string client = clientAddress(request, peer);
-    std::string contentType = route == Route::Geolocate ? kJsonType : kContentType;
+    // The /v1 routes answer errors in JSON; a tile file goes as octets, below.
+    const bool json = route == Route::Geolocate || route == Route::Tiles;
+    std::string contentType = json ? kJsonType : kContentType;
     Reply reply;
     if (!refusal) {
         reply = dispatch(request, route, client, target, contentType);
-    } else if (route == Route::Geolocate) {
+    } else if (json) {
         reply = geolocateRefusal(*refusal, "http-" + std::to_string(*refusal),
                                  httpErrorMessage(*refusal));
     } else {
@@ -491,7 +499,12 @@ Response State::exchange(const Request& request, const std::string& peer,
     Response response;
     response.version(request.version());
     response.result(reply.status);
-    response.set(http::field::content_type, contentType);
+    response.set(http::field::content_type, route == Route::Tiles && reply.status == 200
+                                                ? "application/octet-stream"
+                                                : contentType);
+    for (const auto& [name, value] : reply.headers) {
+        response.set(name, value);
+    }
     response.body() = std::move(reply.body);
     response.prepare_payload();
     metrics.countRequest(route, reply.status, Clock::now() - begun);
@@ -515,6 +528,9 @@ Reply State::dispatch(const Request& request, Route route, const std::string& cl
     const std::optional<Question> question = questionOf(route);
     if (route == Route::Geolocate) {
         return geolocate(request, client, target);
+    }
+    if (route == Route::Tiles) {
+        return tiles(request, client, target);
     }
     if (!addressLimits.allow(client)) {
         return tooManyRequests(question);
@@ -563,6 +579,23 @@ Reply State::geolocate(const Request& request, const std::string& client, std::s
         ZEL_LOG_ERROR(log, "geolocate request failed with an exception: %s", exception.what());
         return geolocateRefusal(500, "backendError", "internal error");
     }
+}
+
+Reply State::tiles(const Request& request, const std::string& client, std::string_view target) {
+    if (!addressLimits.allow(client)) {
+        return geolocateRefusal(403, "userRateLimitExceeded", "too many requests");
+    }
+    if (request.method() != http::verb::get) {
+        return geolocateRefusal(405, "methodNotAllowed", "GET only");
+    }
+    const std::string_view key = queryParameter(target, "key");
+    if (!key.empty() && !keyLimits.allow(std::string(key))) {
+        return geolocateRefusal(403, "userRateLimitExceeded", "too many requests");
+    }
+    const std::string_view path = target.substr(0, target.find('?'));
+    const auto ifNoneMatch = request[http::field::if_none_match];
+    return service->tileDownload(path.substr(kTilesPath.size()), key,
+                                 std::string_view(ifNoneMatch.data(), ifNoneMatch.size()));
 }
 
 std::string State::clientAddress(const Request& request, const std::string& peer) const {

@@ -15,8 +15,10 @@
 #include <functional>
 #include <memory>
 #include <mutex>
+#include <optional>
 #include <string>
 #include <string_view>
+#include <utility>
 #include <vector>
 
 #include "server/database.h"
@@ -44,6 +46,7 @@ struct GeolocateCall;  // geolocate_service.h
 struct Reply {
     int status = 200;
     std::string body;
+    std::vector<std::pair<std::string, std::string>> headers = {};  // beyond the content type
 };
 
 // What the service answers from; only `users` is required.
@@ -65,6 +68,10 @@ class LocationService {
     Reply registration(std::string_view body);
     // POST /v1/geolocate, in geolocate_service.cpp.
     Reply geolocate(const GeolocateCall& call);
+    // GET /v1/tiles/REALM ("_" for the plain realm): the first tile file as it was
+    // last loaded, with its ETag and Last-Modified; 304 without a body when
+    // `ifNoneMatch` names its tag; 404 for another realm; the key as for geolocate.
+    Reply tileDownload(std::string_view realm, std::string_view key, std::string_view ifNoneMatch);
 
     // Reads the tile files again and answers from them from now on; requests under
     // way finish on the files they started with. When a file fails to read or to
@@ -82,6 +89,9 @@ class LocationService {
 
   private:
     LocationService(ServiceOptions options, ServiceData data, std::unique_ptr<ReaderPool> readers);
+    // The JSON refusal of a missing, unknown, disabled or foreign API key, or of a
+    // failing key store; nothing when the key may be used (or with --open).
+    std::optional<Reply> refuseKey(std::string_view key, const char* what);
     // The request, or nullopt with `reply` set to the refusal.
     std::optional<ClientRequest> accept(Question question, std::string_view body, Reply& reply);
     // True when the user may ask; otherwise `reply` holds the refusal.

@@ -32,6 +32,8 @@ const char* routeName(Route route) {
             return "metrics";
         case Route::Geolocate:
             return "geolocate";
+        case Route::Tiles:
+            return "tiles";
         case Route::Other:
             break;
     }

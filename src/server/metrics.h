@@ -15,7 +15,7 @@
 namespace ZEL::Server {
 
 // The routes requests are counted by; Other is every path the server does not serve.
-enum class Route { Location, IpLocation, Registration, Health, Metrics, Geolocate, Other };
+enum class Route { Location, IpLocation, Registration, Health, Metrics, Geolocate, Tiles, Other };
 
 class Metrics {
   public:
@@ -39,7 +39,7 @@ class Metrics {
     std::string render() const;
 
   private:
-    static constexpr size_t kRoutes = 7;
+    static constexpr size_t kRoutes = 8;
     static constexpr int kFirstStatus = 100;
     static constexpr size_t kStatuses = 500;  // 100..599
 

@@ -1,7 +1,10 @@
 #include "server/reader_pool.h"
 
+#include <sys/stat.h>
+
 #include "spi/log.h"
 #include "spi/platform.h"
+#include "tiles/tile_file_tag.h"
 #include "tiles/tile_format.h"
 
 namespace ZEL::Server {
@@ -54,11 +57,14 @@ std::unique_ptr<ReaderPool> ReaderPool::open(std::vector<std::string> paths, std
                                              std::string& error) {
     std::unique_ptr<ReaderPool> pool(new ReaderPool(std::move(paths), std::move(realm)));
     for (const std::string& path : pool->paths_) {
-        std::shared_ptr<const SPI::FileMapping> image = readImage(path, error);
-        if (!image) {
+        struct stat status {};
+        const int64_t modified = ::stat(path.c_str(), &status) == 0 ? status.st_mtime : 0;
+        std::shared_ptr<const SPI::FileMapping> bytes = readImage(path, error);
+        if (!bytes) {
             return nullptr;
         }
-        pool->images_.push_back(std::move(image));
+        std::string tag = Tiles::tileFileTag(bytes->data(), bytes->length());
+        pool->images_.push_back({std::move(bytes), std::move(tag), modified});
     }
     Local::ReaderList first = pool->openSet(error);
     if (first.size() != pool->paths_.size()) {
@@ -73,7 +79,7 @@ Local::ReaderList ReaderPool::openSet(std::string& error) const {
     for (size_t i = 0; i < paths_.size(); ++i) {
         std::unique_ptr<Tiles::LocalCompressedFileReader> reader =
             Tiles::LocalCompressedFileReader::create();
-        if (!reader || !reader->open(images_[i], paths_[i], realm_)) {
+        if (!reader || !reader->open(images_[i].bytes, paths_[i], realm_)) {
             error =
                 "tile file " + paths_[i] + " is not a valid tile file for realm \"" + realm_ + "\"";
             return {};

@@ -47,6 +47,14 @@ class ReaderPool {
     Lease borrow();
     size_t fileCount() const { return paths_.size(); }
 
+    // One file as it was read, for downloads.
+    struct Image {
+        std::shared_ptr<const SPI::FileMapping> bytes;
+        std::string tag;       // tiles/tile_file_tag.h
+        int64_t modified = 0;  // the file's modification time then, seconds since 1970
+    };
+    const Image& image(size_t file) const { return images_[file]; }
+
   private:
     ReaderPool(std::vector<std::string> paths, std::string realm);
     // A newly opened set, or an empty list with `error` set.
@@ -55,7 +63,7 @@ class ReaderPool {
 
     std::vector<std::string> paths_;
     std::string realm_;
-    std::vector<std::shared_ptr<const SPI::FileMapping>> images_;  // per path
+    std::vector<Image> images_;  // per path
     std::mutex mutex_;
     std::vector<Local::ReaderList> idle_;
 };

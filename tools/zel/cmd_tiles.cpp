@@ -4,11 +4,12 @@
 namespace ZEL::Cli {
 
 void addTilesCommand(CLI::App& app) {
-    CLI::App* tiles = app.add_subcommand("tiles", "Build, inspect and query tile files");
+    CLI::App* tiles = app.add_subcommand("tiles", "Build, inspect, query and download tile files");
     tiles->require_subcommand(1);
     ZEL::Cli::addBuild(*tiles);
     ZEL::Cli::addInfo(*tiles);
     ZEL::Cli::addLookup(*tiles);
+    ZEL::Cli::addFetch(*tiles);
 }
 
 }  // namespace ZEL::Cli

@@ -8,5 +8,6 @@ namespace ZEL::Cli {
 void addBuild(CLI::App& tiles);
 void addInfo(CLI::App& tiles);
 void addLookup(CLI::App& tiles);
+void addFetch(CLI::App& tiles);
 
 }  // namespace ZEL::Cli
