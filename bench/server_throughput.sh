@@ -1,5 +1,6 @@
 #!/usr/bin/env bash
-# Throughput of zel-server answering /zel2/location: distinct 20-AP requests against
+# Throughput of zel-server answering /zel2/location and, with the same scans as JSON,
+# /v1/geolocate: distinct 20-AP requests against
 # a hashed tile file of 1,000,000 APs, over loopback only, measured with wrk at 16
 # and 256 client connections, then at 16 while 1,000 slow clients hold connections
 # open trickling their request heads. The anchor, measured in the same run under
@@ -45,6 +46,10 @@ jq -r --arg ns "$ns" 'select((.aps | length) >= 20)
   | "<?xml version='"'"'1.0'"'"'?><LocationRQ xmlns='"'"'\($ns)'"'"' version='"'"'2.3'"'"' street-address-lookup='"'"'none'"'"'><authentication version='"'"'2.0'"'"'><simple><username>bench</username><realm>bench</realm></simple></authentication>"
     + ([.aps | sort_by(-.rss) | .[:20][] | "<access-point><mac>\(.mac)</mac><signal-strength>\(.rss)</signal-strength></access-point>"] | join(""))
     + "</LocationRQ>"' "$work/scans.jsonl" > "$work/bodies.xml"
+# The same scans as JSON geolocate requests.
+jq -c 'select((.aps | length) >= 20) | {considerIp: false, wifiAccessPoints: [.aps | sort_by(-.rss)
+  | .[:20][] | {macAddress: (.mac | ascii_downcase | [scan("..")] | join(":")), signalStrength: .rss}]}' \
+  "$work/scans.jsonl" > "$work/bodies.json"
 count=$(wc -l < "$work/bodies.xml")
 [ "$count" -gt 0 ] || { echo "server_throughput: no scan heard 20 APs" >&2; exit 1; }
 echo "   $count distinct 20-AP requests"
@@ -54,7 +59,7 @@ local bodies = {}
 for line in io.lines(os.getenv("ZEL_BODIES")) do bodies[#bodies + 1] = line end
 local next_body = 0
 wrk.method = "POST"
-wrk.headers["Content-Type"] = "text/xml"
+wrk.headers["Content-Type"] = os.getenv("ZEL_TYPE")
 wrk.headers["User-Agent"] = "ZEL API"
 request = function()
   next_body = next_body % #bodies + 1
@@ -64,6 +69,7 @@ LUA
 
 # A registered user, so every request also passes the SQLite user check.
 "$server_bin" --tiles "$work/city.zel" --realm bench --users "$work/users.db" --add-user bench \
+  --add-api-key bench \
   --listen 127.0.0.1:0 \
   --threads "$threads" --access-log "$work/access.log" > "$work/server.out" 2> "$work/server.err" &
 pids+=($!)
@@ -80,6 +86,11 @@ head -n 1 "$work/bodies.xml" | curl -sf --data-binary @- -H 'Content-Type: text/
   "$url/location" > "$work/answer.xml" || true
 if ! grep -q "<location nap=" "$work/answer.xml"; then
   echo "server_throughput: the sample request got no position" >&2; exit 1
+fi
+
+if ! head -n 1 "$work/bodies.json" | curl -sf --data-binary @- -H 'Content-Type: application/json' \
+     "${url%/zel2}/v1/geolocate?key=bench" | grep -q '"location"'; then
+  echo "server_throughput: the sample geolocate request got no position" >&2; exit 1
 fi
 
 # The anchor: nginx with as many workers, answering that same document to every request.
@@ -111,30 +122,35 @@ done
 anchor="http://127.0.0.1:$nginx_port/zel2"
 curl -sf -o /dev/null "$anchor/location" -d x || { echo "server_throughput: nginx did not start" >&2; cat "$work/nginx/start.err" >&2; exit 1; }
 
-run() {  # server-name base-url connections [slow-connection-count]
-  local name=$1 base=$2 connections=$3 slow_count=${4:-0} slow_pid="" out rps p50 p99 errors
+run() {  # label base-url route connections [slow-connection-count]
+  local name=$1 base=$2 route=$3 connections=$4 slow_count=${5:-0} slow_pid="" out rps p50 p99 errors
+  local bodies=$work/bodies.xml type=text/xml
+  if [ "$route" = geolocate ]; then bodies=$work/bodies.json type=application/json; fi
   if [ "$slow_count" -gt 0 ]; then
     local port=${base#http://127.0.0.1:}
     "$slow" 127.0.0.1 "${port%%/*}" "$slow_count" $((seconds + 3)) > "$work/slow.out" &
     slow_pid=$!
     sleep 2  # all of them connected and trickling
   fi
-  out=$(ZEL_BODIES="$work/bodies.xml" wrk -t2 -c"$connections" -d"${seconds}s" --latency \
-        -s "$work/post.lua" "$base/location")
+  local target=$base/location
+  if [ "$route" = geolocate ]; then target=${base%/zel2}/v1/geolocate?key=bench; fi
+  out=$(ZEL_BODIES="$bodies" ZEL_TYPE=$type wrk -t2 -c"$connections" -d"${seconds}s" --latency \
+        -s "$work/post.lua" "$target")
   [ -z "$slow_pid" ] || wait "$slow_pid"
   rps=$(awk '/^Requests\/sec:/ {print $2}' <<<"$out")
   p50=$(awk '$1 == "50%" {print $2}' <<<"$out")
   p99=$(awk '$1 == "99%" {print $2}' <<<"$out")
   errors=$(awk '/Non-2xx/ {print $NF} /Socket errors/ {print "socket:" $0}' <<<"$out")
-  printf "%-11s %6s %6s %12s %10s %10s %8s\n" "$name" "$connections" "$slow_count" "$rps" "$p50" "$p99" "${errors:-0}"
+  printf "%-11s %-10s %6s %6s %12s %10s %10s %8s\n" "$name" "$route" "$connections" "$slow_count" "$rps" "$p50" "$p99" "${errors:-0}"
 }
 
-printf "%-11s %6s %6s %12s %10s %10s %8s\n" server conns slow requests/s p50 p99 errors
+printf "%-11s %-10s %6s %6s %12s %10s %10s %8s\n" server route conns slow requests/s p50 p99 errors
 for connections in 16 256; do
-  run zel-server "$url" "$connections"
-  run nginx "$anchor" "$connections"
+  run zel-server "$url" location "$connections"
+  run zel-server "$url" geolocate "$connections"
+  run nginx "$anchor" location "$connections"
 done
-run zel-server "$url" 16 1000
-run nginx "$anchor" 16 1000
+run zel-server "$url" location 16 1000
+run nginx "$anchor" location 16 1000
 errors=$(grep -vc '" 200 ' "$work/access.log" || true)
 echo "== $(wc -l < "$work/access.log") requests logged, $errors not answered 200"
