@@ -79,6 +79,7 @@ TEST(GeolocateRoute, AnswersAndRefuses) {
         {"{", 400, "parseError"},
         {"{\"considerIp\":\"yes\"}", 400, "parseError"},
         {"{\"fallbacks\":[]}", 400, "parseError"},
+        {"{\"wifiAccessPoints\":[1]}", 400, "parseError"},
         {"{" + wifi({1}, ",\"macAddress\":\"zz\"") + "}", 400, "parseError"},
         {"{" + wifi({1}, ",\"signalStrength\":1") + "}", 400, "parseError"},
         {"{" + wifi({1}, ",\"age\":-1") + "}", 400, "parseError"},
@@ -112,6 +113,7 @@ TEST(GeolocateRoute, AnswersAndRefuses) {
             EXPECT_EQ(answer["accuracy"] == kIpAccuracy, answer.contains("fallback"));
         } else {
             EXPECT_EQ(answer["error"]["code"], row.status);
+            EXPECT_NE(answer["error"]["message"], "") << context;  // says why
         }
     }
     auto wrongMethod = client.Get("/v1/geolocate?key=k1");

@@ -157,6 +157,7 @@ TEST_F(RemoteExchange, GeolocateSpeaksJsonAndMapsEveryAnswer) {
     const Row rows[] = {
         {{200, fix + "}"}, ResultCode::kOk, 2},
         {{200, fix + R"(,"fallback":"ipf"})"}, ResultCode::kOk, 0},
+        {{200, fix + R"(,"fallback":null})"}, ResultCode::kOk, 2},  // null: no fallback
         {{401, ""}, ResultCode::kUnauthorized},
         {{407, ""}, ResultCode::kProxyUnauthorized},
         {{404, R"({"error":{"errors":[{"reason":"notFound"}],"code":404}})"},

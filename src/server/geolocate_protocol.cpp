@@ -45,7 +45,8 @@ std::optional<double> numberField(const Json& object, const char* name, double l
     return field->get<double>();
 }
 
-// A boolean field, `fallback` when absent; false return (with `error`) when not a boolean.
+// Reads a boolean field into `out`, left as it is when absent; false (with `error`)
+// when the field is not a boolean.
 bool booleanField(const Json& object, const char* name, bool& out, std::string& error) {
     const auto field = object.find(name);
     if (field == object.end() || field->is_null()) {
