@@ -160,7 +160,7 @@ std::optional<Cluster> keptCluster(const std::vector<Point>& points, double tota
     std::sort(significant.begin(), significant.end(),
               [](const Cluster& a, const Cluster& b) { return a.newestMs > b.newestMs; });
     for (size_t i = 1; i < significant.size(); ++i) {
-        if (significant[i].newestMs >= significant.front().oldestMs) {
+        if (significant[i].newestMs + kMoveGapMs > significant.front().oldestMs) {
             return std::nullopt;
         }
     }

@@ -28,10 +28,11 @@
 //      every cluster is.
 //   2. One significant cluster: it is kept; the others are outliers.
 //      Several: ordered by their newest observation, the newest is kept when all its
-//      observations are newer than every observation of the others (the access
-//      point was moved: verdict Moved, position from the new place only);
-//      otherwise the access point was heard in far-apart places at interleaved
-//      times, a hotspot carried around: verdict Moving, left out.
+//      observations are at least kMoveGapMs newer than every observation of the
+//      others (the access point was moved: verdict Moved, position from the new
+//      place only); otherwise it was heard in far-apart places at interleaved or
+//      close times, a hotspot carried around: verdict Moving, left out. (A vehicle's
+//      hotspot met along one drive forms a chain of clusters minutes apart.)
 //   3. Within the kept cluster, more than kFarShare of the observations farther than
 //      kHotspotMetres from its weighted median also means Moving (seen all along a
 //      track): left out.
@@ -84,6 +85,7 @@ inline constexpr double kDefaultAccuracy = 10.0;
 inline constexpr int kUnknownRss = -90;
 inline constexpr double kLinkMetres = 250.0;
 inline constexpr double kSignificantShare = 0.1;
+inline constexpr uint64_t kMoveGapMs = 3'600'000;
 inline constexpr double kHotspotMetres = 500.0;
 inline constexpr double kFarShare = 0.2;
 inline constexpr double kBiweightCutoff = 4.685;
