@@ -183,7 +183,7 @@ Fit robustPosition(const std::vector<Point>& points) {
     for (int iteration = 0; iteration < kIterations; ++iteration) {
         std::vector<std::pair<double, double>> distances;
         for (const Point& point : points) {
-            distances.emplace_back(distance(point, fit.x, fit.y), point.weight);
+            distances.emplace_back(distance(point, fit.x, fit.y), point.count);
         }
         const double scale = std::max(kMinScaleMetres, 1.4826 * weightedMedian(distances));
         const double cutoff = kBiweightCutoff * scale;

@@ -11,7 +11,7 @@
 // so a rebuild may keep summaries and add only what was observed since.
 //
 // SUMMARY. Observations are grouped by grid cell (kCellDegrees of latitude and of
-// longitude, about 22 m by 22 m or less). A cell keeps the count, the sums of
+// longitude, about 11 m by 11 m or less). A cell keeps the count, the sums of
 // weight, weighted latitude and longitude, stated accuracy, the known RSS values
 // and their squares, and the oldest and newest time. An observation's weight is
 //     w = 10^(RSS / 20) / (kRangeMetres^2 + accuracy^2)
@@ -38,8 +38,8 @@
 //      track): left out.
 // POSITION: starting at the weighted per-axis median of the kept cells, a weighted
 // mean re-weighted by Tukey's biweight of each cell's distance (cut-off
-// kBiweightCutoff times the scale, the scale being 1.4826 times the weighted median
-// distance but at least kMinScaleMetres), repeated until it moves less than 0.1 m or
+// kBiweightCutoff times the scale, the scale being 1.4826 times the median distance
+// of the observations, but at least kMinScaleMetres), repeated until it moves less than 0.1 m or
 // kIterations times. Cells at the cut-off or beyond are rejected.
 // SPREAD s: the root weighted mean square distance of the cells' observations from
 // the position (accepted cells, each cell's observations counted at its centroid).
@@ -78,7 +78,7 @@ struct Observation {
     uint64_t timeMs = 0;     // ms since 1970; 0 when not known
 };
 
-inline constexpr double kCellDegrees = 0.0002;
+inline constexpr double kCellDegrees = 0.0001;
 inline constexpr size_t kMaxCells = 4096;
 inline constexpr double kRangeMetres = 20.0;
 inline constexpr double kDefaultAccuracy = 10.0;
