@@ -109,7 +109,7 @@ TEST(Learning, QualityGrowsWithEvidenceWithinTheStoredRange) {
 }
 
 TEST(Learning, SignalExponentFromThePathLoss) {
-    // RSS = -30 - 10 n log10(d) on rings of 10, 20, 40... m; the exponent is 1.5 / n
+    // RSS = -30 - 10 n log10(d) on rings of 10, 20, 40... m; the exponent is 2 / n
     // within 1/6..1/2.
     struct Row {
         double n;
@@ -117,9 +117,9 @@ TEST(Learning, SignalExponentFromThePathLoss) {
         bool fitted;
         double exponent;
     } rows[] = {
-        {3.0, 6, 8, true, 0.5},  {4.5, 6, 8, true, 1.0 / 3},
-        {6.0, 6, 8, true, 0.25}, {12.0, 6, 8, true, 1.0 / 6},
-        {1.0, 6, 8, true, 0.5},  {3.0, 2, 2, false, kDefaultExponent},  // 4 cells: too few to fit
+        {5.0, 6, 8, true, 0.4},  {6.0, 6, 8, true, 1.0 / 3},
+        {8.0, 6, 8, true, 0.25}, {16.0, 6, 8, true, 1.0 / 6},
+        {2.0, 6, 8, true, 0.5},  {3.0, 2, 2, false, kDefaultExponent},  // 4 cells: too few to fit
     };
     for (const Row& row : rows) {
         std::vector<Observation> observations;

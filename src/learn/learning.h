@@ -50,13 +50,16 @@
 // 30: one observation gives about 25, a dozen well-spread ones 30 and more.
 // SIGNAL EXPONENT: the estimator weighs an access point by (RSS in mW)^exponent.
 // With a path loss RSS = A - 10 n log10(d), that weight is d^(-n * exponent); the
-// exponent kDistancePower / n makes every access point's weight the same power of
-// distance whatever its own path loss. n is the least-squares slope of the accepted
-// cells' mean RSS against 10 log10(distance) (distance at least 1 m, each cell
-// weighted by its count of known RSS), fitted when at least kMinFitCells cells have a
-// known RSS and their log distances spread by at least kMinFitSpread (dB) of standard
-// deviation; the exponent is then clamped to the stored 1/6..1/2. Otherwise, and when
-// the slope is not a loss (n <= 0), the exponent is kDefaultExponent.
+// exponent kDistancePower / n makes every access point's weight the inverse square of
+// its distance whatever its own path loss. n is the least-squares slope of the
+// accepted cells' mean RSS against 10 log10(distance) (distance at least 1 m, each
+// cell weighted by its count of known RSS), fitted when at least kMinFitCells cells
+// have a known RSS and their log distances spread by at least kMinFitSpread (dB) of
+// standard deviation; the exponent is then clamped to the stored 1/6..1/2. Otherwise,
+// and when the slope is not a loss (n <= 0), the exponent is kDefaultExponent.
+// TUNING: kDistancePower, kDefaultExponent and kBiweightCutoff are the values with
+// which the estimator located best on real data (bench/learn_accuracy.sh: smaller
+// powers, a default of 0.25..0.375 and cut-offs of 2.5..4.7 all located worse).
 #pragma once
 
 #include <cstddef>
@@ -88,15 +91,15 @@ inline constexpr double kSignificantShare = 0.1;
 inline constexpr uint64_t kMoveGapMs = 3'600'000;
 inline constexpr double kHotspotMetres = 500.0;
 inline constexpr double kFarShare = 0.2;
-inline constexpr double kBiweightCutoff = 4.685;
+inline constexpr double kBiweightCutoff = 2.0;
 inline constexpr double kMinScaleMetres = 10.0;
 inline constexpr int kIterations = 20;
 inline constexpr double kPriorSpreadMetres = 30.0;
 inline constexpr double kQualityMetres = 20.0;
-inline constexpr double kDistancePower = 1.5;
+inline constexpr double kDistancePower = 2.0;
 inline constexpr size_t kMinFitCells = 5;
 inline constexpr double kMinFitSpread = 1.5;
-inline constexpr double kDefaultExponent = 0.375;
+inline constexpr double kDefaultExponent = 0.5;
 
 struct Cell {
     int32_t row = 0;  // floor(latitude / kCellDegrees)
