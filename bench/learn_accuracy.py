@@ -5,6 +5,8 @@ and `zel determine` read, and sums up the replay. Writes only into the given fol
   learn_accuracy.py uji-train DATA OUT.csv        observations CSV (mac,lat,lon,rss,time)
   learn_accuracy.py uji-test DATA OUT.jsonl TRUTH.csv
   learn_accuracy.py wigle-test LOG.csv OUT.jsonl TRUTH.csv
+  learn_accuracy.py centroid OUT.csv INPUT...     the baseline: each AP at the mean of its
+                                                  observations weighted by 10^(RSS/10)
   learn_accuracy.py summary RESULTS.jsonl...      fixes, median, mean, p90, within HPE
 """
 import csv
@@ -84,6 +86,40 @@ def wigle_test(log, out, truth):
     write_scans(scans, out, truth)
 
 
+def observations(path):
+    """(mac, lat, lon, rss) of a WiGLE log or of the CSV uji-train writes."""
+    with open(path, newline="", errors="replace") as f:
+        wigle = f.readline().startswith("WigleWifi-")
+        if not wigle:
+            f.seek(0)
+        for row in csv.DictReader(f):
+            if wigle:
+                if row.get("Type") != "WIFI" or row["FirstSeen"].startswith("1970"):
+                    continue
+                mac, lat, lon = row["MAC"], row["CurrentLatitude"], row["CurrentLongitude"]
+                rss = row["RSSI"]
+            else:
+                mac, lat, lon, rss = row["bssid"], row["lat"], row["lon"], row["level"]
+            lat, lon, rss = float(lat), float(lon), float(rss)
+            if lat != 0 or lon != 0:
+                yield mac.replace(":", "").upper(), lat, lon, rss if rss < 0 else -100
+
+
+def centroid(out, *paths):
+    sums = {}
+    for path in paths:
+        for mac, lat, lon, rss in observations(path):
+            w = 10 ** (rss / 10)
+            s = sums.setdefault(mac, [0.0, 0.0, 0.0])
+            s[0] += w
+            s[1] += w * lat
+            s[2] += w * lon
+    with open(out, "w") as f:
+        f.write("mac,latitude,longitude\n")
+        for mac, (w, lat, lon) in sorted(sums.items()):
+            f.write("%s,%.9f,%.9f\n" % (mac, lat / w, lon / w))
+
+
 def summary(paths):
     scans, errors, within = 0, [], 0
     for path in paths:
@@ -109,5 +145,6 @@ def summary(paths):
 
 if __name__ == "__main__":
     command, args = sys.argv[1], sys.argv[2:]
-    {"uji-train": uji_train, "uji-test": uji_test, "wigle-test": wigle_test}.get(
+    {"uji-train": uji_train, "uji-test": uji_test, "wigle-test": wigle_test,
+     "centroid": centroid}.get(
         command, lambda *a: summary(a))(*args)

@@ -7,8 +7,8 @@
 #   WiGLE Israel 2017: each log located from the other logs of its group (BM2 and
 #     BM3 are one walk area); one scan per second of the log, truth its median fix.
 #   UJIIndoorLoc: learned from trainingData, validationData replayed (true metres).
-# Baseline (plain weighted centroid, from the issue): WiGLE median 51 m, mean 213 m,
-# p90 225 m, 64% of scans fixed; UJIIndoorLoc median 10.1 m.
+# Each is also replayed on a baseline file: every AP at the plain weighted centroid
+# (10^(RSS/10)) of its training observations, quality 50, exponent 0.25.
 #
 # Usage: bench/learn_accuracy.sh [BUILD_DIR] [REALDATA_DIR]
 set -euo pipefail
@@ -40,11 +40,17 @@ for row in csv.reader(sys.stdin):
     python3 "$helper" wigle-test "$wigle/raw/$file" "$work/w$n.jsonl" "$work/w$n.truth.csv"
     "$zel" determine --independent --json --db "$work/w$n.zel" --scans "$work/w$n.jsonl" \
       --truth "$work/w$n.truth.csv" > "$work/w$n.out"
+    python3 "$helper" centroid "$work/w$n.centroid.csv" "${others[@]}"
+    "$zel" tiles build -o "$work/w$n.centroid.zel" "$work/w$n.centroid.csv" > /dev/null
+    "$zel" determine --independent --json --db "$work/w$n.centroid.zel" --scans "$work/w$n.jsonl" \
+      --truth "$work/w$n.truth.csv" > "$work/w$n.centroid.out"
     echo "$work/w$n.out" >> "$work/wigle.jsonl.list"
+    echo "$work/w$n.centroid.out" >> "$work/wigle.centroid.list"
     echo "$work/w$n.out" >> "$work/wigle.$group.list"
   done <<< "$groups"
   for list in "$work"/wigle.*.list; do
     name=${list#"$work"/wigle.}; name=${name%.list}; [ "$name" = jsonl ] && name="all groups"
+    [ "$name" = centroid ] && name="all groups, baseline (plain weighted centroid)"
     echo -n "WiGLE Israel 2017, $name ($(wc -l < "$list") logs): "
     python3 "$helper" summary $(cat "$list")
   done
@@ -63,6 +69,12 @@ if [ -d "$data/ujiindoorloc" ]; then
     --truth "$work/uji.truth.csv" > "$work/uji.out"
   echo -n "UJIIndoorLoc validation: "
   python3 "$helper" summary "$work/uji.out"
+  python3 "$helper" centroid "$work/uji_centroid.csv" "$work/uji_train.csv"
+  "$zel" tiles build -o "$work/uji_centroid.zel" "$work/uji_centroid.csv" > /dev/null
+  "$zel" determine --independent --json --db "$work/uji_centroid.zel" --scans "$work/uji.jsonl" \
+    --truth "$work/uji.truth.csv" > "$work/uji_centroid.out"
+  echo -n "UJIIndoorLoc validation, baseline (plain weighted centroid): "
+  python3 "$helper" summary "$work/uji_centroid.out"
 else
   echo "learn_accuracy: no $data/ujiindoorloc, skipped"
 fi

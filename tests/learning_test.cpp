@@ -35,6 +35,13 @@ std::vector<Observation> operator+(std::vector<Observation> a, const std::vector
     return a;
 }
 
+std::vector<Observation> fixedTo(double accuracy, std::vector<Observation> observations) {
+    for (Observation& observation : observations) {
+        observation.accuracy = accuracy;
+    }
+    return observations;
+}
+
 LearnedAp learnAll(const std::vector<Observation>& observations) {
     ApSummary summary;
     for (const Observation& observation : observations) {
@@ -81,6 +88,9 @@ TEST(Learning, VerdictAndPositionOfSmallSets) {
          Verdict::Moving, 0, 0, 0},
         {"along a drive", drive, Verdict::Moving, 0, 0, 0},
         {"once", ring(40, 10, 0, 1, -80, 0), Verdict::Placed, 40, 10, 0.5},
+        // Weighted by the fixes' stated accuracy: 5 m fixes count 9 times more than 60 m.
+        {"accurate east", ring(8, 0, 3, 6, -70, kDay) + fixedTo(60, ring(-8, 0, 3, 6, -70, kDay)),
+         Verdict::Placed, 7.4, 0, 0.5},
     };
     for (const Row& row : rows) {
         const LearnedAp ap = learnAll(row.observations);
@@ -116,10 +126,15 @@ TEST(Learning, SignalExponentFromThePathLoss) {
         int rings, points;
         bool fitted;
         double exponent;
+        bool outlier = false;  // one more observation at 480 m, at -80 dBm
     } rows[] = {
-        {5.0, 6, 8, true, 0.4},  {6.0, 6, 8, true, 1.0 / 3},
-        {8.0, 6, 8, true, 0.25}, {16.0, 6, 8, true, 1.0 / 6},
-        {2.0, 6, 8, true, 0.5},  {3.0, 2, 2, false, kDefaultExponent},  // 4 cells: too few to fit
+        {5.0, 6, 8, true, 0.4},
+        {6.0, 6, 8, true, 1.0 / 3},
+        {8.0, 6, 8, true, 0.25},
+        {16.0, 6, 8, true, 1.0 / 6},
+        {2.0, 6, 8, true, 0.5},
+        {3.0, 2, 2, false, kDefaultExponent},  // 4 cells: too few to fit
+        {5.0, 6, 8, true, 0.4, true},          // a rejected outlier does not count
     };
     for (const Row& row : rows) {
         std::vector<Observation> observations;
@@ -127,6 +142,9 @@ TEST(Learning, SignalExponentFromThePathLoss) {
             const double d = 10.0 * std::pow(row.points == 2 ? 4 : 2, i);
             const int rss = static_cast<int>(std::lround(-30 - 10 * row.n * std::log10(d)));
             observations = observations + ring(0, 0, d, row.points, rss, 0);
+        }
+        if (row.outlier) {
+            observations = observations + ring(480, 0, 0, 1, -80, 0);
         }
         const LearnedAp ap = learnAll(observations);
         EXPECT_EQ(ap.exponentFitted, row.fitted) << row.n;
