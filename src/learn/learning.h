@@ -39,15 +39,15 @@
 // POSITION: starting at the weighted per-axis median of the kept cells, a weighted
 // mean re-weighted by Tukey's biweight of each cell's distance (cut-off
 // kBiweightCutoff times the scale, the scale being 1.4826 times the median distance
-// of the observations, but at least kMinScaleMetres), repeated until it moves less than 0.1 m or
-// kIterations times. Cells at the cut-off or beyond are rejected.
+// of the observations, but at least kMinScaleMetres), repeated until it moves less
+// than 0.1 m or kIterations times. Cells at the cut-off or beyond are rejected.
 // SPREAD s: the root weighted mean square distance of the cells' observations from
 // the position (accepted cells, each cell's observations counted at its centroid).
 // QUALITY: n accepted observations, mean stated accuracy a; the uncertainty
 //     u = sqrt((s^2 + a^2 + kPriorSpreadMetres^2) / n) metres,
 //     quality = 18 + 12 * log2(1 + kQualityMetres / u), rounded, within 18..145.
 // The estimator's quality factor ramps from almost no weight at 18 to full weight at
-// 30: one observation gives about 25, a dozen well-spread ones 30 and more.
+// 30: one observation gives about 27, a dozen within 30 m about 35.
 // SIGNAL EXPONENT: the estimator weighs an access point by (RSS in mW)^exponent.
 // With a path loss RSS = A - 10 n log10(d), that weight is d^(-n * exponent); the
 // exponent kDistancePower / n makes every access point's weight the inverse square of
