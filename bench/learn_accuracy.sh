@@ -45,17 +45,20 @@ for row in csv.reader(sys.stdin):
     "$zel" determine --independent --json --db "$work/w$n.centroid.zel" --scans "$work/w$n.jsonl" \
       --truth "$work/w$n.truth.csv" > "$work/w$n.centroid.out"
     echo "$work/w$n.out" >> "$work/wigle.jsonl.list"
-    echo "$work/w$n.centroid.out" >> "$work/wigle.centroid.list"
+    echo "$work/w$n.centroid.out" >> "$work/base.$group.list"
     echo "$work/w$n.out" >> "$work/wigle.$group.list"
   done <<< "$groups"
   for list in "$work"/wigle.*.list; do
     name=${list#"$work"/wigle.}; name=${name%.list}; [ "$name" = jsonl ] && name="all groups"
-    [ "$name" = centroid ] && name="all groups, baseline (plain weighted centroid)"
     echo -n "WiGLE Israel 2017, $name ($(wc -l < "$list") logs): "
     python3 "$helper" summary $(cat "$list")
   done
   echo -n "WiGLE Israel 2017, the groups of one walk (all but misc): "
   python3 "$helper" summary $(cat "$work"/wigle.BM*.list "$work"/wigle.course*.list)
+  echo -n "  baseline (plain weighted centroid), all groups: "
+  python3 "$helper" summary $(cat "$work"/base.*.list)
+  echo -n "  baseline (plain weighted centroid), the groups of one walk: "
+  python3 "$helper" summary $(cat "$work"/base.BM*.list "$work"/base.course*.list)
 else
   echo "learn_accuracy: no $data/wigle_israel2017, skipped"
 fi
@@ -73,7 +76,7 @@ if [ -d "$data/ujiindoorloc" ]; then
   "$zel" tiles build -o "$work/uji_centroid.zel" "$work/uji_centroid.csv" > /dev/null
   "$zel" determine --independent --json --db "$work/uji_centroid.zel" --scans "$work/uji.jsonl" \
     --truth "$work/uji.truth.csv" > "$work/uji_centroid.out"
-  echo -n "UJIIndoorLoc validation, baseline (plain weighted centroid): "
+  echo -n "  baseline (plain weighted centroid): "
   python3 "$helper" summary "$work/uji_centroid.out"
 else
   echo "learn_accuracy: no $data/ujiindoorloc, skipped"
