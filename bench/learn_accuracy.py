@@ -4,12 +4,13 @@ and `zel determine` read, and sums up the replay. Writes only into the given fol
 
   learn_accuracy.py uji-train DATA OUT.csv        observations CSV (mac,lat,lon,rss,time)
   learn_accuracy.py uji-test DATA OUT.jsonl TRUTH.csv
-  learn_accuracy.py wigle-test LOG.csv OUT.jsonl TRUTH.csv
+  learn_accuracy.py wigle-test LOG.csv OUT.jsonl TRUTH.csv [WINDOW_S]
   learn_accuracy.py centroid OUT.csv INPUT...     the baseline: each AP at the mean of its
                                                   observations weighted by 10^(RSS/10)
   learn_accuracy.py summary RESULTS.jsonl...      fixes, median, mean, p90, within HPE
 """
 import csv
+import datetime
 import gzip
 import json
 import math
@@ -64,9 +65,10 @@ def uji_test(data, out, truth):
     write_scans(scans, out, truth)
 
 
-def wigle_test(log, out, truth):
-    """One scan per second of the log (WiGLE writes partial scans), the truth the
-    median fix of that second, each MAC at its strongest."""
+def wigle_test(log, out, truth, window="0"):
+    """One scan per second of the log (WiGLE writes partial scans): the rows within
+    `window` seconds of it, each MAC at its strongest; the truth the median fix of
+    that second."""
     seconds = {}
     with open(log, newline="", errors="replace") as f:
         next(f)
@@ -76,13 +78,19 @@ def wigle_test(log, out, truth):
             lat, lon = float(row["CurrentLatitude"]), float(row["CurrentLongitude"])
             if lat == 0 and lon == 0:
                 continue
-            entry = seconds.setdefault(row["FirstSeen"], ([], [], {}))
+            t = datetime.datetime.strptime(row["FirstSeen"], "%Y-%m-%d %H:%M:%S").timestamp()
+            entry = seconds.setdefault(t, ([], [], {}))
             entry[0].append(lat)
             entry[1].append(lon)
             mac = row["MAC"].replace(":", "").upper()
             entry[2][mac] = max(entry[2].get(mac, -200), int(row["RSSI"]))
-    scans = [(statistics.median(la), statistics.median(lo), sorted(aps.items()))
-             for _, (la, lo, aps) in sorted(seconds.items())]
+    scans = []
+    for t, (la, lo, _) in sorted(seconds.items()):
+        aps = {}
+        for near in range(-int(window), int(window) + 1):
+            for mac, rss in seconds.get(t + near, ([], [], {}))[2].items():
+                aps[mac] = max(aps.get(mac, -200), rss)
+        scans.append((statistics.median(la), statistics.median(lo), sorted(aps.items())))
     write_scans(scans, out, truth)
 
 
