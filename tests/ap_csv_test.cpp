@@ -1,4 +1,4 @@
-// The tile builder's CSV input: both forms, defaults, and every kind of bad line.
+// The tile builder's CSV input: defaults, and every kind of bad line.
 #include <gtest/gtest.h>
 
 #include "tiles/ap_csv.h"
@@ -28,7 +28,6 @@ TEST(ApCsvPlain, ReadsColumnsByNameWithDefaultsAndSkipsMalformedLines) {
         "\"2,AABBCCDDEEFF,1\n"     // 10: unterminated quote
         "-0.125,aa-bb-cc-dd-ee-01,-33.5\n");
     ASSERT_TRUE(result.error.empty());
-    EXPECT_FALSE(result.wigle);
     ASSERT_EQ(result.accessPoints.size(), 2u);
     const AccessPointPosition& first = result.accessPoints[0];
     EXPECT_EQ(Core::macText(first.mac), "AABBCCDDEEFF");
@@ -52,32 +51,6 @@ TEST(ApCsvPlain, ReadsColumnsByNameWithDefaultsAndSkipsMalformedLines) {
     for (const char* text : {"", "mac,lat,lon\nAABBCCDDEEFF,1,2\n", "\"mac,latitude,longitude\n"}) {
         EXPECT_FALSE(parseAccessPointCsv(text).error.empty()) << text;
     }
-}
-
-TEST(ApCsvWigle, AveragesObservationsByPowerAndIgnoresOtherRadios) {
-    ApCsvResult result = parseAccessPointCsv(
-        "WigleWifi-1.6,appRelease=1,model=x,release=1,device=x,display=x,board=x,brand=x,"
-        "star=Sol,body=3,subBody=0\n"
-        "MAC,SSID,AuthMode,FirstSeen,Channel,Frequency,RSSI,CurrentLatitude,CurrentLongitude,"
-        "AltitudeMeters,AccuracyMeters,RCOIs,MfgrId,Type\n"
-        "aa:bb:cc:dd:ee:ff,\"cafe, upstairs\",[WPA2],2024-01-01 10:00:00,6,2437,-50,48.0,11.0,"
-        "500,5,,,WIFI\n"
-        "aa:bb:cc:dd:ee:ff,cafe,[WPA2],2024-01-01 10:00:05,6,2437,-60,48.1,11.1,500,5,,,WIFI\n"
-        "11:22:33:44:55:66,,Misc,2024-01-01 10:00:06,0,0,-70,48.0,11.0,500,5,,,BLE\n"
-        "00:00:00:00:00:01,net,[ESS],2024-01-01 10:00:07,1,2412,0,47.0,10.0,500,5,,,WIFI\n"
-        "00:00:00:00:00:02,net,[ESS],2024-01-01 10:00:07,1,2412,-40,0,0,500,5,,,WIFI\n"
-        "00:00:00:00:00:03,net,[ESS],2024-01-01 10:00:07,1,2412,strong,1,1,500,5,,,WIFI\n");
-    ASSERT_TRUE(result.error.empty());
-    EXPECT_TRUE(result.wigle);
-    ASSERT_EQ(result.accessPoints.size(), 2u);
-    const AccessPointPosition& cafe = result.accessPoints[0];
-    EXPECT_EQ(Core::macText(cafe.mac), "AABBCCDDEEFF");
-    // Weights 10^-5 and 10^-6 mW: the stronger observation counts ten times more.
-    EXPECT_NEAR(cafe.latitude, (48.0 * 10 + 48.1) / 11, 1e-12);
-    EXPECT_NEAR(cafe.longitude, (11.0 * 10 + 11.1) / 11, 1e-12);
-    EXPECT_EQ(result.accessPoints[1].latitude, 47.0);  // unknown RSSI still places it
-    EXPECT_EQ(issueLines(result), (std::vector<size_t>{7, 8}));
-    EXPECT_EQ(result.issues[0].message, "no position fix");
 }
 
 }  // namespace

@@ -2,6 +2,7 @@
 
 #include <nlohmann/json.hpp>
 
+#include <cmath>
 #include <cstdio>
 #include <limits>
 
@@ -50,6 +51,30 @@ bool parseAp(const json& item, uint64_t timeMs, Core::ScannedAP& ap, std::string
     return true;
 }
 
+// The optional position members; false with `error` set when they are malformed.
+bool parsePosition(const json& document, std::optional<RecordedPosition>& position,
+                   std::string& error) {
+    auto latitude = document.find("latitude");
+    auto longitude = document.find("longitude");
+    auto accuracy = document.find("accuracy");
+    if (latitude == document.end() && longitude == document.end()) {
+        return true;
+    }
+    if (latitude == document.end() || longitude == document.end() || !latitude->is_number() ||
+        !longitude->is_number() || std::fabs(latitude->get<double>()) > 90 ||
+        std::fabs(longitude->get<double>()) > 180) {
+        error = "\"latitude\" and \"longitude\" must both be numbers within range";
+        return false;
+    }
+    if (accuracy != document.end() && (!accuracy->is_number() || accuracy->get<double>() < 0)) {
+        error = "\"accuracy\" must be a number of metres";
+        return false;
+    }
+    position = RecordedPosition{latitude->get<double>(), longitude->get<double>(),
+                                accuracy == document.end() ? 0.0 : accuracy->get<double>()};
+    return true;
+}
+
 }  // namespace
 
 std::optional<RecordedScan> parseRecordedScan(std::string_view line, std::string& error) {
@@ -70,6 +95,9 @@ std::optional<RecordedScan> parseRecordedScan(std::string_view line, std::string
         return std::nullopt;
     }
     scan.timeMs = time->get<uint64_t>();
+    if (!parsePosition(document, scan.position, error)) {
+        return std::nullopt;
+    }
     auto aps = document.find("aps");
     if (aps == document.end() || !aps->is_array()) {
         error = "\"aps\" missing or not an array";
@@ -89,7 +117,14 @@ std::optional<RecordedScan> parseRecordedScan(std::string_view line, std::string
 }
 
 std::string formatRecordedScan(const RecordedScan& scan) {
-    std::string line = "{\"t_ms\":" + std::to_string(scan.timeMs) + ",\"aps\":[";
+    std::string line = "{\"t_ms\":" + std::to_string(scan.timeMs);
+    if (scan.position) {
+        char text[96];
+        std::snprintf(text, sizeof text, ",\"latitude\":%.9g,\"longitude\":%.9g,\"accuracy\":%.3g",
+                      scan.position->latitude, scan.position->longitude, scan.position->accuracy);
+        line += text;
+    }
+    line += ",\"aps\":[";
     for (size_t i = 0; i < scan.aps.size(); ++i) {
         const Core::ScannedAP& ap = scan.aps[i];
         if (i > 0) {

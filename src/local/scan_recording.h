@@ -5,7 +5,9 @@
 // `t_ms` is the scan's time in milliseconds since 1970-01-01 UTC (below 2^32 s);
 // each AP has a MAC (12 hex digits, optionally ':' or '-' between octets), an RSS
 // in dBm that fits 16 bits, and an optional SSID (at most 32 bytes are kept).
-// Other members are ignored. Recordings are untrusted input: a malformed line is
+// A line may also say where the scan was taken: "latitude" and "longitude" in
+// degrees (both or neither) and "accuracy" in metres; learning reads them. Other
+// members are ignored. Recordings are untrusted input: a malformed line is
 // reported with its number and skipped, never fatal.
 #pragma once
 
@@ -21,9 +23,16 @@
 
 namespace ZEL::Local {
 
+struct RecordedPosition {
+    double latitude = 0.0;   // degrees, -90..90
+    double longitude = 0.0;  // degrees, -180..180
+    double accuracy = 0.0;   // metres; 0 when not stated
+};
+
 struct RecordedScan {
     uint64_t timeMs = 0;  // ms since the epoch
     Core::ApList aps;     // each AP's time is timeMs
+    std::optional<RecordedPosition> position;
 };
 
 // Lines longer than this are malformed (a real scan line is a few kilobytes).

@@ -231,7 +231,7 @@ SimulatedWalk generateWalk(const std::vector<CityAp>& city, const WalkOptions& o
         walker.position(north, east);
         walk.truth.push_back(
             {timeMs, LocalFrame::latitude(north), LocalFrame::longitude(east), walker.speedKmh()});
-        walk.scans.push_back({timeMs, air.scan(north, east, timeMs, random)});
+        walk.scans.push_back({timeMs, air.scan(north, east, timeMs, random), std::nullopt});
         walker.advance(options.periodMs / 1000.0);
     }
     return walk;

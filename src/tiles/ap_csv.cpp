@@ -4,7 +4,6 @@
 #include <cctype>
 #include <cmath>
 #include <optional>
-#include <unordered_map>
 
 #include "core/number_text.h"
 #include "core/text_reader.h"
@@ -14,13 +13,6 @@ namespace {
 
 constexpr uint32_t kDefaultQuality = 50;
 constexpr double kDefaultExponent = 0.25;
-constexpr double kUnknownRss = -100.0;
-
-bool equalsIgnoringCase(std::string_view text, std::string_view lowerCase) {
-    return std::equal(
-        text.begin(), text.end(), lowerCase.begin(), lowerCase.end(),
-        [](char a, char b) { return std::tolower(static_cast<unsigned char>(a)) == b; });
-}
 
 std::optional<uint32_t> parseCount(std::string_view text) {
     uint32_t value = 0;
@@ -59,23 +51,12 @@ class Parser {
             result_.error = "no header line";
             return std::move(result_);
         }
-        if (line.substr(line.find_first_not_of(" \t")).starts_with("WigleWifi-")) {
-            result_.wigle = true;
-            if (!reader_.nextLine(line)) {
-                result_.error = reader_.lineMessage("no header line after the export's first line");
-                return std::move(result_);
-            }
-        }
         Core::CsvRecord header = Core::splitCsvLine(line);
         if (!header.error.empty()) {
             result_.error = reader_.lineMessage("malformed header: " + header.error);
             return std::move(result_);
         }
-        if (result_.wigle) {
-            readWigle(header.fields);
-        } else {
-            readPlain(header.fields);
-        }
+        readPlain(header.fields);
         return std::move(result_);
     }
 
@@ -126,64 +107,6 @@ class Parser {
             } else {
                 result_.accessPoints.push_back({*mac, *latitude, *longitude, *quality, *exponent});
             }
-        }
-    }
-
-    struct Weighted {
-        Core::MacAddress mac;
-        double weight = 0, latitude = 0, longitude = 0;
-    };
-
-    void readWigle(const std::vector<std::string>& header) {
-        Core::ColumnMap columns(header, Core::ColumnMap::NameCase::IgnoreAscii);
-        std::vector<int> at =
-            columnsOf(columns, {"mac", "rssi", "currentlatitude", "currentlongitude", "type"});
-        if (at[0] < 0 || at[1] < 0 || at[2] < 0 || at[3] < 0) {
-            result_.error = "the header must name MAC, RSSI, CurrentLatitude and CurrentLongitude";
-            return;
-        }
-        std::vector<Weighted> sums;
-        std::unordered_map<uint64_t, size_t> positionOf;
-        std::vector<std::string> fields;
-        while (nextRow(fields, header.size())) {
-            if (at[4] >= 0 && !equalsIgnoringCase(fields[at[4]], "wifi")) {
-                continue;  // Bluetooth and cell rows are normal in an export
-            }
-            auto mac = Core::parseMacText(fields[at[0]]);
-            auto rss = Core::parseFiniteDouble(fields[at[1]]);
-            auto latitude = Core::parseFiniteDouble(fields[at[2]]),
-                 longitude = Core::parseFiniteDouble(fields[at[3]]);
-            if (!mac) {
-                issue("invalid MAC '" + fields[at[0]] + "'");
-            } else if (!rss) {
-                issue("RSSI must be a number");
-            } else if (auto problem = checkPosition(latitude, longitude)) {
-                issue(*problem);
-            } else if (*latitude == 0 && *longitude == 0) {
-                issue("no position fix");
-            } else {
-                double weight =
-                    std::pow(10.0, (*rss < 0 ? std::max(*rss, -200.0) : kUnknownRss) / 10);
-                uint64_t key = 0;
-                for (uint8_t byte : *mac) {
-                    key = key << 8 | byte;
-                }
-                auto [it, inserted] = positionOf.emplace(key, sums.size());
-                if (inserted) {
-                    sums.push_back({*mac});
-                }
-                Weighted& sum = sums[it->second];
-                sum.weight += weight;
-                sum.latitude += weight * *latitude;
-                sum.longitude += weight * *longitude;
-            }
-        }
-        for (const Weighted& sum : sums) {
-            // Rounding may carry a mean of values on the limit just past it.
-            result_.accessPoints.push_back({sum.mac,
-                                            std::clamp(sum.latitude / sum.weight, -90.0, 90.0),
-                                            std::clamp(sum.longitude / sum.weight, -180.0, 180.0),
-                                            kDefaultQuality, kDefaultExponent});
         }
     }
 

@@ -1,15 +1,10 @@
-// Reads access-point positions from CSV text for the tile builder. Two forms:
+// Reads access-point positions from CSV text for the tile builder:
 //
 //   mac,latitude,longitude[,quality,signal_exponent]
 //       one access point per line (columns found by header name; quality
-//       defaults to 50, signal_exponent to 0.25);
-//   a WiGLE CSV export (first line "WigleWifi-1.6,..." then a header with MAC,
-//       RSSI, CurrentLatitude, CurrentLongitude and optionally Type)
-//       one observation per line; rows of another Type than WIFI are ignored,
-//       and each MAC's position is the mean of its observations weighted by
-//       received power in mW (10^(RSSI/10)); an RSSI of 0 or more means "not
-//       known" and weighs as -100 dBm.
+//       defaults to 50, signal_exponent to 0.25).
 //
+// Observations (WiGLE exports and others) are read by learn/observation_readers.h.
 // Lines, quoting and blank lines follow core/text_reader.h; header names are
 // matched ignoring case, and every row must have as many fields as the header.
 // The input is untrusted: a malformed line is reported with its number and
@@ -32,8 +27,7 @@ struct CsvIssue {
 };
 
 struct ApCsvResult {
-    std::string error;  // set when the text has no usable header
-    bool wigle = false;
+    std::string error;                              // set when the text has no usable header
     std::vector<AccessPointPosition> accessPoints;  // in order of first appearance
     std::vector<CsvIssue> issues;                   // the lines skipped, and why
 };

@@ -4,6 +4,7 @@
 #include <cstdio>
 #include <fstream>
 #include <map>
+#include <memory>
 #include <string>
 #include <vector>
 
@@ -25,6 +26,7 @@ struct Arguments {
     std::string scans;
     std::string truth;
     bool json = false;
+    bool independent = false;
 };
 
 void printApList(const char* name, const Core::ApList& aps) {
@@ -136,9 +138,9 @@ int run(const Arguments& arguments) {
 
     SPI::ManualClock clock;
     SPI::ScopedClock scopedClock(clock);
-    Local::LocationDeterminationPrivate determination;
-    determination.setLocalFilesPath(arguments.databases);
-    determination.prepare(arguments.realm);
+    auto determination = std::make_unique<Local::LocationDeterminationPrivate>();
+    determination->setLocalFilesPath(arguments.databases);
+    determination->prepare(arguments.realm);
 
     Sim::AccuracyTally tally;
     Local::ScanRecordingReader reader(in);
@@ -149,8 +151,14 @@ int run(const Arguments& arguments) {
             continue;
         }
         clock.set(item->scan->timeMs);
+        if (arguments.independent) {
+            determination->release();
+            determination = std::make_unique<Local::LocationDeterminationPrivate>();
+            determination->setLocalFilesPath(arguments.databases);
+            determination->prepare(arguments.realm);
+        }
         Core::LocationRecord record;
-        const int code = Core::toInt(determination.determine(nullptr, item->scan->aps, record));
+        const int code = Core::toInt(determination->determine(nullptr, item->scan->aps, record));
         auto known = truth.find(item->scan->timeMs);
         double error = 0.0;
         if (known != truth.end()) {
@@ -165,7 +173,7 @@ int run(const Arguments& arguments) {
         printResult(arguments, item->scan->timeMs, code, record,
                     known != truth.end() && code == 0 ? &error : nullptr);
     }
-    determination.release();
+    determination->release();
     if (!arguments.truth.empty()) {
         printSummary(arguments, tally.summary());
     }
@@ -187,6 +195,9 @@ void addDetermineCommand(CLI::App& app) {
     command->add_option("--truth", arguments->truth,
                         "True positions (CSV from zel sim walk): adds errors and a summary");
     command->add_flag("--json", arguments->json, "One JSON object per line");
+    command->add_flag("--independent", arguments->independent,
+                      "Locate each scan afresh, as a new process would: no history, no RSS "
+                      "averaged over earlier scans");
     command->callback([arguments] { ZEL::Cli::setExitStatus(run(*arguments)); });
 }
 

@@ -26,6 +26,7 @@ struct WalkArguments {
     std::string city;
     std::string output;
     std::string truth;
+    bool withPositions = false;
 };
 
 int writeCity(const CityArguments& arguments) {
@@ -86,7 +87,11 @@ int writeWalk(const WalkArguments& arguments) {
                      arguments.truth.c_str());
         return 1;
     }
-    for (const Local::RecordedScan& scan : walk.scans) {
+    for (size_t i = 0; i < walk.scans.size(); ++i) {
+        Local::RecordedScan scan = walk.scans[i];
+        if (arguments.withPositions) {
+            scan.position = {walk.truth[i].latitude, walk.truth[i].longitude, 0.0};
+        }
         scans << Local::formatRecordedScan(scan) << '\n';
     }
     Sim::writeTruthCsv(truth, walk.truth);
@@ -137,6 +142,8 @@ void addWalk(CLI::App& sim) {
     walk->add_option("-o,--output", arguments->output, "Recording to write (JSON Lines)")
         ->required();
     walk->add_option("--truth", arguments->truth, "True positions to write (CSV)")->required();
+    walk->add_flag("--with-positions", arguments->withPositions,
+                   "Also write each scan's true position into the recording (for zel learn)");
     walk->callback([arguments] { ZEL::Cli::setExitStatus(writeWalk(*arguments)); });
 }
 

@@ -14,6 +14,7 @@ void addIpCommand(CLI::App& app);
 void addRegisterCommand(CLI::App& app);
 void addScanCommand(CLI::App& app);
 void addTilesCommand(CLI::App& app);
+void addLearnCommand(CLI::App& app);
 void addDetermineCommand(CLI::App& app);
 void addSimCommand(CLI::App& app);
 void addVersionCommand(CLI::App& app);

@@ -7,8 +7,8 @@ int exitStatus = 0;
 
 // The subcommands in the order `zel --help` lists them.
 void (*const kSubcommands[])(CLI::App&) = {
-    addLocateCommand, addTrackCommand,     addIpCommand,  addRegisterCommand, addScanCommand,
-    addTilesCommand,  addDetermineCommand, addSimCommand, addVersionCommand,
+    addLocateCommand, addTrackCommand, addIpCommand,        addRegisterCommand, addScanCommand,
+    addTilesCommand,  addLearnCommand, addDetermineCommand, addSimCommand,      addVersionCommand,
 };
 
 }  // namespace
