@@ -66,7 +66,7 @@ TEST(GeolocateRoute, AnswersAndRefuses) {
         {"{}", 200, "", kLoopbackLatitude},
         {"", 200, "", kLoopbackLatitude},  // zero bytes, as browsers send
         {R"({"cellTowers":[{}],"bluetoothBeacons":[]})", 200, "", kLoopbackLatitude},
-        {fixOnly + wifi({1, 2}) + "}", 200, "", kBaseLatitude},
+        {fixOnly + wifi({1, 2}, ",\"age\":0") + "}", 200, "", kBaseLatitude},  // lowest age
         {fixOnly + wifi({1, 99}) + "}", 404, "notFound"},  // one known network: no answer
         {fixOnly + wifi({1, 2}, ",\"ssid\":\"home_nomap\"") + "}", 404, "notFound"},
         {"{" + wifi({1, 99}) + "}", 200, "", kLoopbackLatitude},
