@@ -158,7 +158,8 @@ EOF
     echo "--- $scheme: where-am-i printed"
     cat "$work/$name-where.out"
     if [ $found -ne 1 ] || ! grep -q '^Latitude: *46\.004300' "$work/$name-where.out" ||
-        ! grep -q '^Longitude: *8\.993400' "$work/$name-where.out"; then
+        ! grep -q '^Longitude: *8\.993400' "$work/$name-where.out" ||
+        ! grep -q '^Accuracy: *25000\.0' "$work/$name-where.out"; then
         echo "--- $scheme: FAILED; GeoClue's log:"
         tail -30 "$work/$name-geoclue.log"
         echo "--- zel-server's access log:"
