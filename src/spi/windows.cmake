@@ -16,7 +16,9 @@ zel_add_library(zel_spi_base
 target_link_libraries(zel_spi_base PRIVATE zel_spdlog)
 
 zel_add_library(zel_spi_io SOURCES io/win32_file.cpp LIBS zel_spi_base)
+zel_add_library(zel_spi_http SOURCES http/wininet_xml_http_request.cpp LIBS zel_spi_base wininet)
+zel_add_library(zel_spi_xml SOURCES xml/msxml_parser.cpp LIBS zel_spi_base ole32 oleaut32 uuid)
 
 zel_add_library(zel_spi
     SOURCES platform.cpp win32_platform.cpp
-    LIBS zel_spi_base zel_spi_io)
+    LIBS zel_spi_base zel_spi_io zel_spi_http zel_spi_xml)

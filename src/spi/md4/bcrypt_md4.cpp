@@ -1,7 +1,8 @@
 // nettle's md4 interface over BCrypt (BCRYPT_MD4_ALGORITHM). The algorithm provider
 // is opened once per process and never closed; each context holds one hash object.
-#include <bcrypt.h>
 #include <windows.h>
+// after windows.h, which defines its types
+#include <bcrypt.h>
 
 #include <algorithm>
 #include <cstring>
