@@ -411,19 +411,19 @@ int winInetErrorResult(uint32_t error) {
     switch (error) {
         case 0:
             return 0;
-        case ERROR_INTERNET_TIMEOUT:
-            return 10060;
-        case ERROR_INTERNET_NAME_NOT_RESOLVED:
-            return 10065;
-        case ERROR_INTERNET_UNRECOGNIZED_SCHEME:
-            return 10043;
-        case ERROR_INTERNET_LOGIN_FAILURE:
-            return 1;
-        case ERROR_INTERNET_CANNOT_CONNECT:
-            return 10061;
-        case ERROR_INTERNET_CONNECTION_ABORTED:
-        case ERROR_INTERNET_CONNECTION_RESET:
-            return 10054;
+        case 12002:
+            return 10060;  // time-out
+        case 12007:
+            return 10065;  // name not resolved
+        case 12008:
+            return 10043;  // protocol not found
+        case 12015:
+            return 1;  // login failure
+        case 12029:
+            return 10061;  // cannot connect
+        case 12030:        // connection aborted
+        case 12031:
+            return 10054;  // connection reset
         default:
             return -1;
     }

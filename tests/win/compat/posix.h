@@ -5,6 +5,7 @@
 
 #include <direct.h>
 #include <stdlib.h>
+#include <winsock2.h>  // before windows.h, for the tests that use sockets
 #include <windows.h>
 
 #define _SC_PAGESIZE 30
