@@ -49,7 +49,9 @@ TEST_F(Win32FileTest, ModesCreateAppendTruncateAndRefuse) {
             << row.name;
     }
     EXPECT_EQ(file_->size(), File::kSizeFailure);  // the failed open left nothing open
+    EXPECT_TRUE(log_.contains(": GetFileSize failed (6)"));
     EXPECT_EQ(file_->read(buffer, 1), 0u);
+    EXPECT_EQ(file_->write("x", 1), 0u);
 }
 
 TEST_F(Win32FileTest, MapsRangesPastTheAllocationGranularityAndOutlivesTheFile) {
