@@ -152,15 +152,23 @@ TEST(WinInetXmlHttpRequest, ErrorNumbersMapToSocketStyleResults) {
 }
 
 // The proxy is the loopback server: it sees the absolute URL, so the port given
-// apart was appended to the proxy's name.
+// apart was appended to the proxy's name; a port of 0 or less appends nothing.
 TEST(WinInetXmlHttpRequest, GoesThroughTheProxyWithItsPort) {
-    LoopbackServer proxy({"HTTP/1.1 200 OK\r\nContent-Length: 2\r\n\r\nok"});
-    auto request = newWinInetXmlHttpRequest();
-    ASSERT_EQ(request->open(XmlHttpRequest::kPost, "http://zel.invalid/zel2", "127.0.0.1",
-                            proxy.port(), "", "", false),
-              0);
-    EXPECT_EQ(request->send(kBody.data(), kBody.size()), 0);
-    ASSERT_EQ(proxy.requests().size(), 1u);
+    LoopbackServer proxy({"HTTP/1.1 200 OK\r\nContent-Length: 2\r\n\r\nok",
+                          "HTTP/1.1 200 OK\r\n\r\n", "HTTP/1.1 200 OK\r\n\r\n"});
+    std::string name = "127.0.0.1:" + std::to_string(proxy.port());
+    struct Row {
+        std::string proxy;
+        int port;  // appended when above 0
+    };
+    for (const Row& row : {Row{"127.0.0.1", proxy.port()}, Row{name, 0}, Row{name, -1}}) {
+        auto request = newWinInetXmlHttpRequest();
+        ASSERT_EQ(request->open(XmlHttpRequest::kPost, "http://zel.invalid/zel2", row.proxy,
+                                row.port, "", "", false),
+                  0);
+        EXPECT_EQ(request->send(kBody.data(), kBody.size()), 0) << row.proxy << " " << row.port;
+    }
+    ASSERT_EQ(proxy.requests().size(), 3u);
     const std::string& line = proxy.requests()[0].substr(0, proxy.requests()[0].find('\r'));
     EXPECT_TRUE(line == "POST http://zel.invalid/zel2 HTTP/1.1" ||
                 line == "POST http://zel.invalid:80/zel2 HTTP/1.1")  // Wine names the port
