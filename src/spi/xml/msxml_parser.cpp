@@ -1,7 +1,7 @@
 // MSXMLSAXParser: the XML parser adapter over the MSXML DOM (DOMDocument 6.0, else
 // 3.0) through COM. The whole answer is loaded from a byte array, so the document's
 // own declaration decides the encoding. DTDs are prohibited and external resources
-// never resolved: a document with a DOCTYPE fails to load, so no entity can expand.
+// never resolved: a document with a DOCTYPE is refused, so no entity reaches a caller.
 // COM is initialised (multithreaded) on a thread that needs it, never uninitialised.
 // Strings come back in the narrow text of the platform (spi/text.h).
 #include <windows.h>
@@ -292,7 +292,12 @@ class MsxmlParser final : public XmlParser {
         VARIANT_BOOL loaded = VARIANT_FALSE;
         result = document->load(source, &loaded);
         VariantClear(&source);
-        if (FAILED(result) || loaded != VARIANT_TRUE) {
+        // Refused here as well, where ProhibitDTD is not honoured (Wine's MSXML).
+        Ref<IXMLDOMDocumentType> doctype;
+        if (SUCCEEDED(result) && loaded == VARIANT_TRUE) {
+            document->get_doctype(doctype.put());
+        }
+        if (FAILED(result) || loaded != VARIANT_TRUE || doctype.get() != nullptr) {
             ZEL_LOG_ERROR(category(), "failed to load xml");
             return nullptr;
         }
