@@ -27,7 +27,9 @@
 #ifndef ZELAPI_H
 #define ZELAPI_H
 
-#if defined(ZEL_BUILDING_LIBRARY)
+#if defined(ZEL_BUILDING_LIBRARY) && defined(_WIN32)
+#define ZEL_EXPORT __declspec(dllexport)
+#elif defined(ZEL_BUILDING_LIBRARY)
 #define ZEL_EXPORT __attribute__((visibility("default")))
 #else
 #define ZEL_EXPORT

@@ -47,10 +47,12 @@ class TileWriterTest : public ::testing::Test {
         for (const auto& ap : aps) {
             model.emplace(TileFormat::plainKey(ap.mac), ap);  // the first of a MAC wins
         }
-        TileWriteResult result = TileWriter::writeFile(dir_.path() + "/r.zel", aps, realm, options);
+        // A file of its own each time: Windows refuses to overwrite the one still mapped.
+        std::string path = dir_.path() + "/r" + std::to_string(++files_) + ".zel";
+        TileWriteResult result = TileWriter::writeFile(path, aps, realm, options);
         ASSERT_TRUE(result.ok) << result.error;
         EXPECT_EQ(result.accessPoints + result.droppedDuplicates, aps.size());
-        ASSERT_TRUE(reader_->open(dir_.path() + "/r.zel", realm));
+        ASSERT_TRUE(reader_->open(path, realm));
         double halfUnit = TileFormat::unitDegrees(options.precision) / 2 * (1 + 1e-9);
         for (const auto& [key, ap] : model) {
             std::optional<StoredApData> record = reader_->lookup(ap.mac);
@@ -72,6 +74,7 @@ class TileWriterTest : public ::testing::Test {
     }
 
     Testing::TempDir dir_;
+    int files_ = 0;
     std::unique_ptr<LocalCompressedFileReader> reader_ = LocalCompressedFileReader::create();
 };
 

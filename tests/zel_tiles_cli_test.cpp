@@ -112,37 +112,37 @@ TEST(ZelTilesCli, FetchReplacesTheCopyOnlyWhenTheServerHasAnother) {
     }
     ASSERT_NE(mapped, MAP_FAILED);
     EXPECT_EQ(std::string(static_cast<const char*>(mapped), otherBytes.size()), otherBytes);
+}
 
-    TEST(ZelLearnCli, LearnsFromSeveralFormatsAtOnce) {
-        ZEL::Testing::TempDir dir;
-        std::string reports, wigle =
-                                 "WigleWifi-1.4,model=x\nMAC,SSID,FirstSeen,RSSI,CurrentLatitude,"
-                                 "CurrentLongitude,AccuracyMeters,Type\n";
-        char line[256];
-        for (int i = 0; i < 6; ++i) {  // two APs heard around 48.1,11.5; a hotspot along 6 km
-            std::snprintf(
-                line, sizeof line,
-                "{\"timestamp\":%d000,\"position\":{\"latitude\":%.4f,\"longitude\":%.4f},"
-                "\"wifiAccessPoints\":[{\"macAddress\":\"AABBCCDDEE01\",\"signalStrength\":-"
-                "60},{\"macAddress\":\"AABBCCDDEE03\"}]}\n",
-                1'700'000'000 + i * 60, 48.1 + (i % 2) * 1e-4, 11.5 + (i / 2) * 1e-4);
-            reports += line;
-            std::snprintf(line, sizeof line,
-                          "AA:BB:CC:DD:EE:02,car,2024-01-01 10:00:0%d,-50,%.2f,11,5,WIFI\n", i,
-                          48.0 + i * 0.01);
-            wigle += line;
-        }
-        const std::string a = dir.write("r.jsonl", {reports.begin(), reports.end()}),
-                          b = dir.write("w.csv", {wigle.begin(), wigle.end()});
-        auto [learned, summary] = zel("learn --json -o " + dir.path() + "/l.zel " + a + " " + b);
-        ASSERT_EQ(learned, 0);
-        const auto learnt = nlohmann::json::parse(summary.at(0));
-        EXPECT_EQ(learnt["observations"], 18);
-        EXPECT_EQ(learnt["access_points"], 2);
-        EXPECT_EQ(learnt["left_out_moving"], 1);
-        auto [looked, found] = zel("tiles lookup --json " + dir.path() + "/l.zel aabbccddee01");
-        EXPECT_NEAR(nlohmann::json::parse(found.at(0))["latitude"].get<double>(), 48.10005, 2e-5);
-        EXPECT_EQ(zel("learn --columns mac=m -o " + dir.path() + "/x.zel " + a).first, 1);
+TEST(ZelLearnCli, LearnsFromSeveralFormatsAtOnce) {
+    ZEL::Testing::TempDir dir;
+    std::string reports, wigle =
+                             "WigleWifi-1.4,model=x\nMAC,SSID,FirstSeen,RSSI,CurrentLatitude,"
+                             "CurrentLongitude,AccuracyMeters,Type\n";
+    char line[256];
+    for (int i = 0; i < 6; ++i) {  // two APs heard around 48.1,11.5; a hotspot along 6 km
+        std::snprintf(line, sizeof line,
+                      "{\"timestamp\":%d000,\"position\":{\"latitude\":%.4f,\"longitude\":%.4f},"
+                      "\"wifiAccessPoints\":[{\"macAddress\":\"AABBCCDDEE01\",\"signalStrength\":-"
+                      "60},{\"macAddress\":\"AABBCCDDEE03\"}]}\n",
+                      1'700'000'000 + i * 60, 48.1 + (i % 2) * 1e-4, 11.5 + (i / 2) * 1e-4);
+        reports += line;
+        std::snprintf(line, sizeof line,
+                      "AA:BB:CC:DD:EE:02,car,2024-01-01 10:00:0%d,-50,%.2f,11,5,WIFI\n", i,
+                      48.0 + i * 0.01);
+        wigle += line;
     }
+    const std::string a = dir.write("r.jsonl", {reports.begin(), reports.end()}),
+                      b = dir.write("w.csv", {wigle.begin(), wigle.end()});
+    auto [learned, summary] = zel("learn --json -o " + dir.path() + "/l.zel " + a + " " + b);
+    ASSERT_EQ(learned, 0);
+    const auto learnt = nlohmann::json::parse(summary.at(0));
+    EXPECT_EQ(learnt["observations"], 18);
+    EXPECT_EQ(learnt["access_points"], 2);
+    EXPECT_EQ(learnt["left_out_moving"], 1);
+    auto [looked, found] = zel("tiles lookup --json " + dir.path() + "/l.zel aabbccddee01");
+    EXPECT_NEAR(nlohmann::json::parse(found.at(0))["latitude"].get<double>(), 48.10005, 2e-5);
+    EXPECT_EQ(zel("learn --columns mac=m -o " + dir.path() + "/x.zel " + a).first, 1);
+}
 
 }  // namespace

@@ -9,7 +9,6 @@
 #include <tuple>
 
 #include "remote/request_messages.h"
-#include "spi/xml/libxml2_parser.h"
 
 namespace ZEL::Testing {
 namespace {
@@ -200,7 +199,7 @@ std::unique_ptr<SPI::XmlHttpRequest> TestPlatform::newHttpRequest() {
 }
 
 std::unique_ptr<SPI::XmlParser> TestPlatform::newXmlParser() {
-    return SPI::newLibXml2Parser();
+    return SPI::systemPlatform().newXmlParser();  // the real parser of the system
 }
 
 SPI::AdapterList TestPlatform::wifiAdapters() {
