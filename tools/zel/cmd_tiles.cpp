@@ -9,7 +9,9 @@ void addTilesCommand(CLI::App& app) {
     ZEL::Cli::addBuild(*tiles);
     ZEL::Cli::addInfo(*tiles);
     ZEL::Cli::addLookup(*tiles);
+#ifndef _WIN32  // no libcurl there
     ZEL::Cli::addFetch(*tiles);
+#endif
 }
 
 }  // namespace ZEL::Cli
