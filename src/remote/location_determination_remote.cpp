@@ -156,8 +156,8 @@ ResultCode LocationDeterminationRemote::geolocate(const Core::ApList& aps,
                                                   Core::LocationRecord& record) {
     const Core::ApList sendable = sendableAccessPoints(aps);
     if (sendable.size() < 2) {
-        ZEL_LOG_INFO(category_, "%zu access points may be sent, fewer than 2: no geolocate request",
-                     sendable.size());
+        ZEL_LOG_INFO(category_, "%u access points may be sent, fewer than 2: no geolocate request",
+                     static_cast<unsigned>(sendable.size()));
         return ResultCode::kCannotDetermine;
     }
     std::string response;
