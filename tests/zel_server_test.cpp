@@ -406,9 +406,9 @@ TEST(ServerProgram, HangupReloadsTilesAndNoRewriteInPlaceReachesTheRequests) {
          },
          "tile files reloaded", 1000},
         {"truncated in place", [&] { std::filesystem::resize_file(tiles, 0); },
-         "tile reload refused", 1000},
+         "tile reload refused, still answering from the files loaded before: tile file", 1000},
         {"rewritten in place for another realm", [&] { write(tiles, 0, "other"); },
-         "tile reload refused", 1000},
+         "is not a valid tile file for realm \"acme\"", 1000},
         {"rewritten in place, back south", [&] { write(tiles, 0, kServerRealm); },
          "tile files reloaded", 0},
     };
