@@ -4,6 +4,8 @@
 #include <cmath>
 #include <nlohmann/json.hpp>
 
+#include "remote/bounded_json.h"
+
 namespace ZEL::Remote {
 namespace {
 
@@ -14,8 +16,6 @@ constexpr int kMaxAnswerDepth = 8;
 
 // Oldest age sent, milliseconds; the receiving service needs no older ones.
 constexpr uint64_t kMaxAgeMs = 86'400'000;
-
-struct TooDeep {};
 
 // "aa:bb:cc:dd:ee:ff" in printed order (mac[5] first).
 std::string macAddressText(const Core::MacAddress& mac) {
@@ -46,19 +46,12 @@ struct Position {
 };
 
 bool readAnswer(std::string_view text, Position& out) {
-    Json answer;
-    try {
-        answer = Json::parse(text, [](int depth, Json::parse_event_t, Json&) {
-            if (depth > kMaxAnswerDepth) {
-                throw TooDeep{};
-            }
-            return true;
-        });
-    } catch (const TooDeep&) {
-        return false;
-    } catch (const Json::exception&) {
+    std::string error;
+    const std::optional<Json> parsed = parseBoundedJson(text, kMaxAnswerDepth, error);
+    if (!parsed) {
         return false;
     }
+    const Json& answer = *parsed;
     if (!answer.is_object()) {
         return false;
     }

@@ -5,6 +5,8 @@
 #include <cmath>
 #include <nlohmann/json.hpp>
 
+#include "remote/bounded_json.h"
+
 namespace ZEL::Server {
 namespace {
 
@@ -18,8 +20,6 @@ constexpr double kWeakestSignal = -150.0;
 constexpr double kStrongestSignal = 0.0;
 // Ages beyond a day are no scan of now; refused rather than wrapped.
 constexpr double kMaxAgeMs = 86'400'000.0;
-
-struct TooDeep {};
 
 GeolocateRead refuse(std::string why) {
     return GeolocateRead{std::nullopt, std::move(why)};
@@ -156,21 +156,12 @@ GeolocateRead readGeolocateRequest(std::string_view body, size_t maxAccessPoints
     if (body.find_first_not_of(" \t\r\n") == std::string_view::npos) {
         return GeolocateRead{GeolocateRequest{}, {}};  // no body: locate by address
     }
-    Json document;
-    try {
-        // Refuses deep nesting while reading, before a hostile body builds it.
-        document = Json::parse(body, [](int depth, Json::parse_event_t, Json&) {
-            if (depth > kMaxGeolocateDepth) {
-                throw TooDeep{};
-            }
-            return true;
-        });
-    } catch (const TooDeep&) {
-        return refuse("nested deeper than " + std::to_string(kMaxGeolocateDepth) + " levels");
-    } catch (const Json::exception& failure) {
-        return refuse(std::string("the body is not JSON: ") + failure.what());
+    std::string error;
+    const std::optional<Json> document = Remote::parseBoundedJson(body, kMaxGeolocateDepth, error);
+    if (!document) {
+        return refuse(error);
     }
-    return readFields(document, maxAccessPoints, now);
+    return readFields(*document, maxAccessPoints, now);
 }
 
 bool inflateBody(std::string_view compressed, size_t maxBytes, std::string& out,

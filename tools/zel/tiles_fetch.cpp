@@ -13,7 +13,6 @@
 #include <iterator>
 #include <memory>
 #include <string>
-#include <vector>
 
 #include "command.h"
 #include "tiles/local_compressed_file_reader.h"
