@@ -49,10 +49,10 @@ grep -v '^#' "$here/commands" > "$work/config/commands"
 geoclue=()
 for program in /usr/libexec/geoclue /usr/libexec/geoclue-2.0/demos/agent \
     /usr/libexec/geoclue-2.0/demos/where-am-i "$(command -v wpa_supplicant)" \
-    "$(command -v dbus-daemon)" "$(command -v dbus-send)"; do
+    "$(command -v dbus-daemon)" "$(command -v dbus-send)" "$(command -v sqlite3)"; do
     [ -x "$program" ] && geoclue+=("$program") || { geoclue=(); break; }
 done
-[ ${#geoclue[@]} -gt 0 ] || echo "SKIPPED (GeoClue check): install geoclue-2.0 geoclue-2-demo wpasupplicant dbus"
+[ ${#geoclue[@]} -gt 0 ] || echo "SKIPPED (GeoClue checks): install geoclue-2.0 geoclue-2-demo wpasupplicant dbus sqlite3"
 
 "$here/build-initramfs.sh" "$work/initramfs.cpio" "$kernel_root" "$work/config" "$@" "${geoclue[@]}" ||
     fail "building the initramfs"
