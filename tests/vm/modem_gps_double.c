@@ -1,12 +1,13 @@
 // The test VM's stand-in for ModemManager, whose hardware the VM has none of: it owns
 // org.freedesktop.ModemManager1 on the system bus with one registered modem at
-// /org/freedesktop/ModemManager1/Modem/0 that has a GPS. From kHoldBackUs after a
-// client sets the GPS source up, the modem reports a fix at the given position every
-// second: a $GPGGA and a $GPRMC sentence stamped with the current UTC time, so that each
-// fix differs from the last (GeoClue ignores a repeated GGA sentence). Prints each call
-// it answers.
-//   zel_vm_modem_gps LATITUDE LONGITUDE
+// /org/freedesktop/ModemManager1/Modem/0 that has a GPS. From HOLD seconds (default 10)
+// after a client sets the GPS source up, or from a SIGUSR1, the modem reports a fix at
+// the given position every second: a $GPGGA and a $GPRMC sentence stamped with the
+// current UTC time, so that each fix differs from the last (GeoClue ignores a repeated
+// GGA sentence). Prints each call it answers.
+//   zel_vm_modem_gps LATITUDE LONGITUDE [HOLD]
 #include <gio/gio.h>
+#include <glib-unix.h>
 #include <math.h>
 #include <stdio.h>
 #include <stdlib.h>
@@ -21,8 +22,8 @@
 enum { kSource3gppLacCi = 1, kSourceGpsNmea = 4, kStateRegistered = 8 };
 // GeoClue submits a GPS fix with the networks of its last Wi-Fi scan; a fix that comes
 // before its first scan (about 4 s under emulation) is dropped and the next is tried only
-// 60 s later, so the first fix waits this long after the GPS is set up.
-static const gint64 kHoldBackUs = 10 * G_USEC_PER_SEC;
+// 60 s later, so the first fix waits a while after the GPS is set up.
+static const double kHoldBackSeconds = 10.0;
 
 static const char kInterfaces[] =
     "<node><interface name='org.freedesktop.DBus.ObjectManager'>"
@@ -48,6 +49,7 @@ static struct {
     double latitude, longitude;  // degrees
     guint32 enabled;
     gboolean signalsLocation;
+    gint64 holdBackUs;   // 0 from a SIGUSR1 on
     gint64 gpsSinceUs;   // monotonic time the GPS was set up, 0 while it is not
     GVariant* location;  // a{uv}: source -> its last value
 } modem;
@@ -116,7 +118,7 @@ static GVariant* fixNow(void) {
 
 static gboolean tick(gpointer unused) {
     (void)unused;
-    if (modem.gpsSinceUs != 0 && g_get_monotonic_time() - modem.gpsSinceUs >= kHoldBackUs) {
+    if (modem.gpsSinceUs != 0 && g_get_monotonic_time() - modem.gpsSinceUs >= modem.holdBackUs) {
         g_variant_unref(modem.location);
         modem.location = fixNow();
         static const char* const kChanged[] = {"Location", NULL};
@@ -175,6 +177,12 @@ static void lost(GDBusConnection* bus, const char* name, gpointer unused) {
     g_main_loop_quit(modem.loop);
 }
 
+static gboolean release(gpointer unused) {
+    (void)unused;
+    modem.holdBackUs = 0;
+    return G_SOURCE_CONTINUE;
+}
+
 static gboolean parse(const char* text, double limit, double* out) {
     char* end = NULL;
     *out = strtod(text, &end);
@@ -182,11 +190,14 @@ static gboolean parse(const char* text, double limit, double* out) {
 }
 
 int main(int argc, char** argv) {
-    if (argc != 3 || !parse(argv[1], 90.0, &modem.latitude) ||
-        !parse(argv[2], 180.0, &modem.longitude)) {
-        fprintf(stderr, "usage: zel_vm_modem_gps LATITUDE LONGITUDE (degrees)\n");
+    double hold = kHoldBackSeconds;
+    if (argc < 3 || argc > 4 || !parse(argv[1], 90.0, &modem.latitude) ||
+        !parse(argv[2], 180.0, &modem.longitude) ||
+        (argc == 4 && (!parse(argv[3], 3600.0, &hold) || hold < 0))) {
+        fprintf(stderr, "usage: zel_vm_modem_gps LATITUDE LONGITUDE (degrees) [HOLD (s)]\n");
         return 2;
     }
+    modem.holdBackUs = (gint64)(hold * G_USEC_PER_SEC);
     setvbuf(stdout, NULL, _IOLBF, 0);  // each line at once, for the check's log
     GError* error = NULL;
     modem.bus = g_bus_get_sync(G_BUS_TYPE_SYSTEM, NULL, &error);
@@ -211,6 +222,7 @@ int main(int argc, char** argv) {
     g_bus_own_name_on_connection(modem.bus, "org.freedesktop.ModemManager1",
                                  G_BUS_NAME_OWNER_FLAGS_NONE, acquired, lost, NULL, NULL);
     g_timeout_add_seconds(1, tick, NULL);
+    g_unix_signal_add(SIGUSR1, release, NULL);
     g_main_loop_run(modem.loop);
     return modem.status;
 }
