@@ -90,8 +90,13 @@ static void coordinate(char* out, size_t size, double degrees, int width, const 
              hemispheres[degrees < 0]);
 }
 
-// "$BODY*CS", CS being the XOR of BODY's bytes in hexadecimal.
-static char* sentence(const char* body) {
+// "$BODY*CS", BODY being printed from FORMAT and CS the XOR of its bytes in hexadecimal.
+static char* sentence(const char* format, ...) G_GNUC_PRINTF(1, 2);
+static char* sentence(const char* format, ...) {
+    va_list arguments;
+    va_start(arguments, format);
+    g_autofree char* body = g_strdup_vprintf(format, arguments);
+    va_end(arguments);
     unsigned checksum = 0;
     for (const char* c = body; *c != '\0'; ++c)
         checksum ^= (unsigned char)*c;
@@ -107,10 +112,10 @@ static GVariant* fixNow(void) {
     coordinate(longitude, sizeof longitude, modem.longitude, 3, "EW");
     g_autofree char* time = g_date_time_format(now, "%H%M%S.00");
     g_autofree char* date = g_date_time_format(now, "%d%m%y");
-    g_autofree char* gga = sentence(
-        g_strdup_printf("GPGGA,%s,%s,%s,1,08,0.8,273.0,M,47.0,M,,", time, latitude, longitude));
-    g_autofree char* rmc = sentence(
-        g_strdup_printf("GPRMC,%s,A,%s,%s,0.0,0.0,%s,,,A", time, latitude, longitude, date));
+    g_autofree char* gga =
+        sentence("GPGGA,%s,%s,%s,1,08,0.8,273.0,M,47.0,M,,", time, latitude, longitude);
+    g_autofree char* rmc =
+        sentence("GPRMC,%s,A,%s,%s,0.0,0.0,%s,,,A", time, latitude, longitude, date);
     g_autofree char* traces = g_strconcat(gga, "\r\n", rmc, NULL);
     printf("fix: %s\n", gga);
     return g_variant_ref_sink(g_variant_new_parsed("{%u: <%s>}", (guint32)kSourceGpsNmea, traces));
