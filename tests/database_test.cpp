@@ -75,9 +75,9 @@ TEST_P(DatabaseBackend, MigratesFromVersionOneAndRefusesANewerSchema) {
     EXPECT_EQ(database->findUser("alice", "acme"), Lookup::Registered);
     EXPECT_EQ(database->addKey("k1", "acme"), Addition::Added);
 
-    queryTestDatabase(url_, "UPDATE schema_version SET version = 3");
+    queryTestDatabase(url_, "UPDATE schema_version SET version = 4");
     EXPECT_EQ(Database::open(url_, error), nullptr);
-    EXPECT_NE(error.find(": the database's schema version 3 is newer than this program's (2)"),
+    EXPECT_NE(error.find(": the database's schema version 4 is newer than this program's (3)"),
               std::string::npos)
         << error;
 }
@@ -93,7 +93,35 @@ TEST_P(DatabaseBackend, NodesStartingTogetherMigrateOnce) {
     const std::unique_ptr<Database> nodes[] = {node(), first.get(), second.get()};
     ASSERT_TRUE(nodes[0] && nodes[1] && nodes[2]);
     EXPECT_EQ(queryTestDatabase(url_, "SELECT COUNT(*) || ' ' || MAX(version) FROM schema_version"),
-              "1 2");
+              "1 3");
+}
+
+TEST_P(DatabaseBackend, AReportIsStoredWholeOrNotAtAll) {
+    auto database = open();
+    ASSERT_NE(database, nullptr);
+    Database::Report report{"acme", "k'1", "bob", 1'790'000'000'123, {}};
+    report.observations = {
+        {*Core::parseMacText("00:11:22:33:44:55"), 46.0043, 8.9934, 12.5, -45, 1'789'999'999'000},
+        {*Core::parseMacText("fe:dc:ba:98:76:54"), -33.5, -70.25, 0.5, 0, 0}};
+    EXPECT_EQ(database->addReport(report), Addition::Added);
+    EXPECT_EQ(database->addReport({"other", "", "", 5, {}}), Addition::Added);
+    const std::string rows =
+        "SELECT r.id, r.realm, r.api_key, r.nickname, r.received_ms, o.realm, o.mac, o.latitude,"
+        " o.longitude, o.accuracy, o.rss, o.time_ms FROM reports r LEFT JOIN observations o"
+        " ON o.report_id = r.id ORDER BY r.id, o.id";
+    const std::string stored =
+        "1|acme|k'1|bob|1790000000123|acme|73588229205|46.0043|8.9934|12.5|-45|1789999999000\n"
+        "1|acme|k'1|bob|1790000000123|acme|280223976814164|-33.5|-70.25|0.5|0|0\n"
+        "2|other|||5|||||||\n";
+    EXPECT_EQ(queryTestDatabaseRows(url_, rows), stored);
+
+    queryTestDatabase(url_, "DROP TABLE observations");
+    const LogCapture log("ZEL.Server.Database");
+    EXPECT_EQ(database->addReport(report), Addition::Failed);
+    EXPECT_EQ(queryTestDatabase(url_, "SELECT COUNT(*) FROM reports"), "2");
+    ASSERT_EQ(log.messages().size(), 1u);
+    EXPECT_THAT(log.messages()[0].text,
+                ::testing::ContainsRegex("^storing a report failed: .*observations"));
 }
 
 INSTANTIATE_TEST_SUITE_P(SqliteAndPostgresql, DatabaseBackend,

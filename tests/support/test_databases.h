@@ -29,5 +29,7 @@ class BackendTest : public ::testing::TestWithParam<Backend> {
 
 // Runs `sql` past the back ends (sqlite3, psql): the first value it returns.
 std::string queryTestDatabase(const std::string& url, const std::string& sql);
+// Every row it returns, a line each, columns joined by '|'.
+std::string queryTestDatabaseRows(const std::string& url, const std::string& sql);
 
 }  // namespace ZEL::Testing
