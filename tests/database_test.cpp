@@ -96,34 +96,6 @@ TEST_P(DatabaseBackend, NodesStartingTogetherMigrateOnce) {
               "1 3");
 }
 
-TEST_P(DatabaseBackend, AReportIsStoredWholeOrNotAtAll) {
-    auto database = open();
-    ASSERT_NE(database, nullptr);
-    Database::Report report{"acme", "k'1", "bob", 1'790'000'000'123, {}};
-    report.observations = {
-        {*Core::parseMacText("00:11:22:33:44:55"), 46.0043, 8.9934, 12.5, -45, 1'789'999'999'000},
-        {*Core::parseMacText("fe:dc:ba:98:76:54"), -33.5, -70.25, 0.5, 0, 0}};
-    EXPECT_EQ(database->addReport(report), Addition::Added);
-    EXPECT_EQ(database->addReport({"other", "", "", 5, {}}), Addition::Added);
-    const std::string rows =
-        "SELECT r.id, r.realm, r.api_key, r.nickname, r.received_ms, o.realm, o.mac, o.latitude,"
-        " o.longitude, o.accuracy, o.rss, o.time_ms FROM reports r LEFT JOIN observations o"
-        " ON o.report_id = r.id ORDER BY r.id, o.id";
-    const std::string stored =
-        "1|acme|k'1|bob|1790000000123|acme|73588229205|46.0043|8.9934|12.5|-45|1789999999000\n"
-        "1|acme|k'1|bob|1790000000123|acme|280223976814164|-33.5|-70.25|0.5|0|0\n"
-        "2|other|||5|||||||\n";
-    EXPECT_EQ(queryTestDatabaseRows(url_, rows), stored);
-
-    queryTestDatabase(url_, "DROP TABLE observations");
-    const LogCapture log("ZEL.Server.Database");
-    EXPECT_EQ(database->addReport(report), Addition::Failed);
-    EXPECT_EQ(queryTestDatabase(url_, "SELECT COUNT(*) FROM reports"), "2");
-    ASSERT_EQ(log.messages().size(), 1u);
-    EXPECT_THAT(log.messages()[0].text,
-                ::testing::ContainsRegex("^storing a report failed: .*observations"));
-}
-
 INSTANTIATE_TEST_SUITE_P(SqliteAndPostgresql, DatabaseBackend,
                          ::testing::Values(Backend::kSqlite, Backend::kPostgresql),
                          ::testing::PrintToStringParamName());

@@ -9,7 +9,7 @@
 namespace ZEL::Testing {
 namespace {
 
-// What `command` writes, and its exit status.
+// What `command` writes, without its last line end, and its exit status.
 std::string output(const std::string& command, int& status) {
     FILE* pipe = popen(command.c_str(), "r");
     std::string text;
@@ -18,7 +18,7 @@ std::string output(const std::string& command, int& status) {
         text += line;
     }
     status = pipe ? pclose(pipe) : -1;
-    return text;
+    return text.substr(0, text.size() - text.ends_with('\n'));
 }
 
 }  // namespace
@@ -30,9 +30,8 @@ void BackendTest::SetUp() {
     }
     // The process's server, started on first use: the folder of its socket.
     static int status = -1;
-    static const std::string started =
+    static const std::string server =
         output(ZEL_SOURCE_DIR "/tests/support/postgresql.sh " + std::to_string(getpid()), status);
-    const std::string server = started.substr(0, started.find('\n'));
     if (status != 0) {
         EXPECT_EQ(WEXITSTATUS(status), 77) << "the test's PostgreSQL server did not start";
         GTEST_SKIP() << "PostgreSQL's server programs are not installed (Debian's postgresql)";
@@ -45,11 +44,6 @@ void BackendTest::SetUp() {
 }
 
 std::string queryTestDatabase(const std::string& url, const std::string& sql) {
-    const std::string rows = queryTestDatabaseRows(url, sql);
-    return rows.substr(0, rows.find('\n'));
-}
-
-std::string queryTestDatabaseRows(const std::string& url, const std::string& sql) {
     const std::string client = url.starts_with("sqlite:")
                                    ? "sqlite3 -bail '" + url.substr(7) + "'"
                                    : "psql -XAtq -v ON_ERROR_STOP=1 '" + url + "'";
