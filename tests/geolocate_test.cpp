@@ -119,6 +119,9 @@ TEST(GeolocateRoute, AnswersAndRefuses) {
     }
     auto wrongMethod = client.Get("/v1/geolocate?key=k1");
     EXPECT_TRUE(wrongMethod && wrongMethod->status == 405);
+    // Reports need a database that outlives the process, which this in-memory one is not.
+    auto report = client.Post("/v2/geosubmit?key=k1", R"({"items":[]})", "application/json");
+    EXPECT_TRUE(report && report->status == 503);
 }
 
 }  // namespace

@@ -46,7 +46,7 @@ TEST(ObservationReaders, EachReaderKeepsGoodRowsAndReportsOrFiltersTheRest) {
          {5, 6, 9, 10},
          2},
         {"geosubmit body over lines",
-         readGeosubmit,
+         [](std::string_view text) { return readGeosubmit(text); },
          "\n{\"items\": [\n"
          " {\"timestamp\": 1700000000000, \"position\": {\"latitude\": 48, \"longitude\": 11,"
          "  \"accuracy\": 8, \"age\": 500}, \"wifiAccessPoints\": ["
@@ -63,7 +63,7 @@ TEST(ObservationReaders, EachReaderKeepsGoodRowsAndReportsOrFiltersTheRest) {
          {2, 2, 2, 2, 2, 2, 2},
          3},
         {"geosubmit lines",
-         readGeosubmit,
+         [](std::string_view text) { return readGeosubmit(text); },
          "{\"items\":[{\"position\":{\"latitude\":1,\"longitude\":2},\"wifiAccessPoints\":"
          "[{\"macAddress\":\"aabbccddeef0\"}]}]}\n"
          "{\"position\":{\"latitude\":1,\"longitude\":2},\"wifiAccessPoints\":"
@@ -134,6 +134,20 @@ TEST(ObservationReaders, FieldsUnitsAndForms) {
     EXPECT_EQ(submitted.timeMs, 998'500u);
     EXPECT_EQ(submitted.accuracy, 7);
     EXPECT_EQ(submitted.rss, -61);
+    // The older item format's times, with their offsets; 0: refused.
+    const std::pair<const char*, uint64_t> zoned[] = {
+        {"2026-11-23T05:57:05+0630", 1'795'390'025'000},
+        {"2026-11-22T23:27:05.25Z", 1'795'390'025'250},
+        {"2026-11-22T18:27:05.1234-05:00", 1'795'390'025'123},
+        {"2026-11-22T23:27:05+24", 0},
+        {"2026-11-22T23:27:05 Z", 0}};
+    for (const auto& [time, ms] : zoned) {
+        const ReadResult older =
+            readGeosubmit(R"({"lat":1,"lon":2,"accuracy":3,"time":")" + std::string(time) +
+                          R"(","wifi":[{"key":"aabbccddeef0","signal":-50}]})");
+        EXPECT_EQ(older.observations.empty() ? 0 : older.observations[0].timeMs, ms) << time;
+        EXPECT_EQ(older.issues.size(), ms == 0 ? 1u : 0u) << time;
+    }
 
     const std::vector<Observation> times =
         mapped(

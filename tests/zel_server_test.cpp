@@ -433,6 +433,20 @@ TEST(ServerProgram, HangupReloadsTilesAndNoRewriteInPlaceReachesTheRequests) {
     EXPECT_EQ(server.stop(), 0);
 }
 
+// Acknowledged means committed: killed at once (SIGKILL), the server has left it stored.
+TEST_P(SharedUserDatabase, AnAcknowledgedReportSurvivesSigkill) {
+    ServerProcess server("--tiles " + TestLocationServer::tilePath() + kProgramOptions +
+                         " --add-api-key k1 --database '" + url_ + "'");
+    auto reply = httplib::Client("127.0.0.1", server.port())
+                     .Post("/v2/geosubmit?key=k1",
+                           R"({"position":{"latitude":1,"longitude":2},)"
+                           R"("wifiAccessPoints":[{"macAddress":"02:00:00:00:00:01"}]})",
+                           "application/json");
+    ASSERT_TRUE(reply && reply->status == 200) << (reply ? reply->body : "no answer");
+    server.signal(SIGKILL);
+    EXPECT_EQ(queryTestDatabase(url_, "SELECT mac FROM observations"), "2199023255553");
+}
+
 // A raw loopback connection to `port`, -1 when it fails; reads give up after 5 s.
 int connectTo(int port) {
     const int fd = socket(AF_INET, SOCK_STREAM, 0);

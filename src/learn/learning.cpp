@@ -11,23 +11,6 @@ namespace {
 
 constexpr double kMetresPerDegree = 6372800.0 * 3.14159265358979323846 / 180.0;
 
-uint64_t macKey(const Core::MacAddress& mac) {
-    uint64_t key = 0;
-    for (size_t i = mac.size(); i-- > 0;) {
-        key = key << 8 | mac[i];  // printed order, so keys sort as MACs print
-    }
-    return key;
-}
-
-Core::MacAddress macOfKey(uint64_t key) {
-    Core::MacAddress mac{};
-    for (uint8_t& byte : mac) {
-        byte = static_cast<uint8_t>(key);
-        key >>= 8;
-    }
-    return mac;
-}
-
 bool cellBefore(const Cell& a, const Cell& b) {
     return a.row != b.row ? a.row < b.row : a.column < b.column;
 }
@@ -401,6 +384,23 @@ std::vector<std::pair<Core::MacAddress, LearnedAp>> Learner::learnAll() const {
         results.emplace_back(mac, learn(mac, summaries_.at(key)));
     }
     return results;
+}
+
+uint64_t macKey(const Core::MacAddress& mac) {
+    uint64_t key = 0;
+    for (size_t i = mac.size(); i-- > 0;) {
+        key = key << 8 | mac[i];  // printed order, so keys sort as MACs print
+    }
+    return key;
+}
+
+Core::MacAddress macOfKey(uint64_t key) {
+    Core::MacAddress mac{};
+    for (uint8_t& byte : mac) {
+        byte = static_cast<uint8_t>(key);
+        key >>= 8;
+    }
+    return mac;
 }
 
 }  // namespace ZEL::Learn

@@ -134,6 +134,11 @@ struct LearnedAp {
 
 LearnedAp learn(const Core::MacAddress& mac, const ApSummary& summary);
 
+// A MAC as one number in printed order: 00:11:22:33:44:55 is 0x001122334455 (the
+// key of Learner's map, and the mac column of the server's observations table).
+uint64_t macKey(const Core::MacAddress& mac);
+Core::MacAddress macOfKey(uint64_t key);
+
 // The summaries of many MACs, filled one observation at a time.
 class Learner {
   public:

@@ -9,6 +9,7 @@
 #include "core/number_text.h"
 #include "core/text_reader.h"
 #include "local/scan_recording.h"
+#include "remote/bounded_json.h"
 
 namespace ZEL::Learn {
 namespace {
@@ -83,6 +84,9 @@ class Sink {
     void issue(size_t line, std::string message) {
         result_.issues.push_back({line, std::move(message)});
     }
+
+    // Counts access points left out by the intake rules.
+    void filter(size_t accessPoints) { result_.filtered += accessPoints; }
 
     // Adds the observation unless the intake rules refuse it; a bad position is an issue.
     void observe(size_t line, const Observation& observation, std::string_view ssid) {
@@ -185,36 +189,16 @@ void readRows(Core::TextReader& reader, const std::vector<std::string>& header,
     }
 }
 
-// The deepest nesting of arrays and objects in JSON text, counted outside strings;
-// stops counting past the limit.
-size_t nestingDepth(std::string_view text) {
-    size_t depth = 0, deepest = 0;
-    bool inString = false;
-    for (size_t i = 0; i < text.size() && deepest <= kMaxJsonDepth; ++i) {
-        const char c = text[i];
-        if (inString) {
-            if (c == '\\') {
-                ++i;
-            } else if (c == '"') {
-                inString = false;
-            }
-        } else if (c == '"') {
-            inString = true;
-        } else if (c == '[' || c == '{') {
-            deepest = std::max(deepest, ++depth);
-        } else if ((c == ']' || c == '}') && depth > 0) {
-            --depth;
-        }
-    }
-    return deepest;
-}
-
-// The document, or a discarded value for text too large, too deep or not JSON.
-json parseBounded(std::string_view text) {
-    if (text.size() > kMaxJsonBytes || nestingDepth(text) > kMaxJsonDepth) {
+// The document, or a discarded value for text too large, too deep or not JSON
+// (`error` then says which).
+json parseBounded(std::string_view text, std::string& error) {
+    if (text.size() > kMaxJsonBytes) {
+        error = "larger than " + std::to_string(kMaxJsonBytes) + " bytes";
         return json(json::value_t::discarded);
     }
-    return json::parse(text.begin(), text.end(), nullptr, false);
+    std::optional<json> document =
+        Remote::parseBoundedJson(text, static_cast<int>(kMaxJsonDepth), error);
+    return document ? std::move(*document) : json(json::value_t::discarded);
 }
 
 // A member that must be a number when present; false when it is something else.
@@ -230,56 +214,135 @@ bool numberMember(const json& object, const char* name, double& value) {
     return std::isfinite(value);
 }
 
+// "YYYY-MM-DDTHH:MM:SS[.fff][Z|+HH|+HHMM|+HH:MM]" as ms since 1970, or nullopt.
+std::optional<uint64_t> parseZonedTime(std::string_view text) {
+    std::optional<uint64_t> ms = parseDateTime(text.substr(0, 19));
+    std::string_view rest = text.substr(std::min<size_t>(19, text.size()));
+    if (ms && rest.starts_with('.')) {
+        const size_t end = std::min(rest.find_first_not_of("0123456789", 1), rest.size());
+        const std::string milliseconds = std::string(rest.substr(1, std::min<size_t>(end - 1, 3)));
+        unsigned fraction = 0;
+        if (end == 1 || !Core::parseUnsigned((milliseconds + "00").substr(0, 3), fraction)) {
+            return std::nullopt;
+        }
+        *ms += fraction;
+        rest.remove_prefix(end);
+    }
+    if (!ms || rest.empty() || rest == "Z") {
+        return ms;
+    }
+    unsigned hours = 0, minutes = 0;
+    const std::string_view offset = rest.substr(1);
+    const bool read = (rest[0] == '+' || rest[0] == '-') && offset.size() >= 2 &&
+                      Core::parseUnsigned(offset.substr(0, 2), hours) &&
+                      (offset.size() == 2 ||
+                       (offset.size() == 4 && Core::parseUnsigned(offset.substr(2), minutes)) ||
+                       (offset.size() == 5 && offset[2] == ':' &&
+                        Core::parseUnsigned(offset.substr(3), minutes)));
+    const uint64_t shift = (hours * 60 + minutes) * 60'000ull;
+    if (!read || hours > 23 || minutes > 59 || (rest[0] == '+' && shift > *ms)) {
+        return std::nullopt;
+    }
+    return rest[0] == '+' ? *ms - shift : *ms + shift;  // local = UTC + offset
+}
+
 uint64_t minusAge(double timestampMs, double ageMs) {
     const double time = timestampMs - std::max(ageMs, 0.0);
     return time > 0 && time < 9e15 ? static_cast<uint64_t>(time) : 0;
 }
 
-void readItem(const json& item, size_t line, const std::string& where, Sink& sink) {
-    double timestamp = 0, latitude = 0, longitude = 0, accuracy = 0, positionAge = 0;
-    auto position = item.is_object() ? item.find("position") : item.end();
-    if (!item.is_object() || position == item.end() || !position->is_object()) {
-        sink.issue(line, where + "has no \"position\" object");
+// The member names of an item's access points in the two formats.
+struct ItemFormat {
+    const char* accessPoints;
+    const char* mac;
+    const char* signal;
+};
+constexpr ItemFormat kItem{"wifiAccessPoints", "macAddress", "signalStrength"};
+constexpr ItemFormat kOlderItem{"wifi", "key", "signal"};
+
+// Where and when an item was made: time in ms, 0 when not stated.
+struct Fix {
+    double latitude = 0, longitude = 0, accuracy = 0, age = 0, time = 0;
+};
+
+// The item's fix and format; false when the item is not an object with a numeric
+// position (and, when stated, a time) in one of the formats.
+bool readFix(const json& item, Fix& fix, const ItemFormat*& format) {
+    if (!item.is_object()) {
+        return false;
+    }
+    auto position = item.find("position");
+    if (position != item.end()) {
+        format = &kItem;
+        return position->is_object() && position->contains("latitude") &&
+               position->contains("longitude") &&
+               numberMember(*position, "latitude", fix.latitude) &&
+               numberMember(*position, "longitude", fix.longitude) &&
+               numberMember(*position, "accuracy", fix.accuracy) &&
+               numberMember(*position, "age", fix.age) && numberMember(item, "timestamp", fix.time);
+    }
+    format = &kOlderItem;
+    auto time = item.find("time");
+    std::optional<uint64_t> parsed(0);
+    if (time != item.end() && !time->is_null()) {
+        parsed =
+            time->is_string() ? parseZonedTime(time->get_ref<const std::string&>()) : std::nullopt;
+    }
+    fix.time = static_cast<double>(parsed.value_or(0));
+    return parsed && item.contains("lat") && item.contains("lon") &&
+           numberMember(item, "lat", fix.latitude) && numberMember(item, "lon", fix.longitude) &&
+           numberMember(item, "accuracy", fix.accuracy);
+}
+
+void readItem(const json& item, size_t line, const std::string& where, Sink& sink,
+              const Intake* intake) {
+    Fix fix;
+    const ItemFormat* format = &kItem;
+    if (!readFix(item, fix, format) || fix.accuracy < 0) {
+        sink.issue(line, where + "needs a numeric \"position\" (or \"lat\" and \"lon\") and time");
         return;
     }
-    if (!position->contains("latitude") || !position->contains("longitude") ||
-        !numberMember(*position, "latitude", latitude) ||
-        !numberMember(*position, "longitude", longitude) ||
-        !numberMember(*position, "accuracy", accuracy) ||
-        !numberMember(*position, "age", positionAge) ||
-        !numberMember(item, "timestamp", timestamp) || accuracy < 0) {
-        sink.issue(line, where + "needs a numeric position and timestamp");
-        return;
-    }
-    auto aps = item.find("wifiAccessPoints");
+    auto aps = item.find(format->accessPoints);
     if (aps == item.end() || aps->is_null()) {
         return;  // a report of cells or Bluetooth only
     }
     if (!aps->is_array()) {
-        sink.issue(line, where + "has a \"wifiAccessPoints\" that is not an array");
+        sink.issue(line, where + "has a \"" + format->accessPoints + "\" that is not an array");
         return;
+    }
+    if (intake) {
+        if (fix.time == 0) {
+            fix.time = static_cast<double>(intake->nowMs);
+        }
+        const double now = static_cast<double>(intake->nowMs);
+        if (fix.time + static_cast<double>(intake->maxAgeMs) < now ||
+            fix.time > now + static_cast<double>(kMaxFutureMs) ||
+            !inRange(fix.latitude, fix.longitude)) {
+            sink.filter(aps->size());
+            return;
+        }
     }
     for (size_t i = 0; i < aps->size(); ++i) {
         const json& ap = (*aps)[i];
         const std::string apWhere = where + "access point " + std::to_string(i + 1) + " ";
-        auto mac = ap.is_object() ? ap.find("macAddress") : ap.end();
-        double rss = 0, age = positionAge;
+        auto mac = ap.is_object() ? ap.find(format->mac) : ap.end();
+        double rss = 0, age = fix.age;
         if (!ap.is_object() || mac == ap.end() || !mac->is_string()) {
-            sink.issue(line, apWhere + "has no \"macAddress\" string");
+            sink.issue(line, apWhere + "has no \"" + format->mac + "\" string");
             continue;
         }
         auto parsed = Core::parseMacText(mac->get_ref<const std::string&>());
         auto ssid = ap.find("ssid");
         if (!parsed) {
-            sink.issue(line, apWhere + "has a \"macAddress\" that is not 12 hex digits");
-        } else if (!numberMember(ap, "signalStrength", rss) || !numberMember(ap, "age", age)) {
-            sink.issue(line, apWhere + "has a non-numeric \"signalStrength\" or \"age\"");
+            sink.issue(line, apWhere + "has a \"" + format->mac + "\" that is not 12 hex digits");
+        } else if (!numberMember(ap, format->signal, rss) || !numberMember(ap, "age", age)) {
+            sink.issue(line, apWhere + "has a non-numeric \"" + format->signal + "\" or \"age\"");
         } else if (ssid != ap.end() && !ssid->is_null() && !ssid->is_string()) {
             sink.issue(line, apWhere + "has an \"ssid\" that is not a string");
         } else {
             sink.observe(line,
-                         {*parsed, latitude, longitude, accuracy, observationRss(rss),
-                          minusAge(timestamp, age)},
+                         {*parsed, fix.latitude, fix.longitude, fix.accuracy, observationRss(rss),
+                          minusAge(fix.time, age)},
                          ssid != ap.end() && ssid->is_string() ? ssid->get_ref<const std::string&>()
                                                                : std::string());
         }
@@ -287,15 +350,15 @@ void readItem(const json& item, size_t line, const std::string& where, Sink& sin
 }
 
 // A document: a body with "items", or one item.
-void readDocument(const json& document, size_t line, Sink& sink) {
+void readDocument(const json& document, size_t line, Sink& sink, const Intake* intake) {
     auto items = document.is_object() ? document.find("items") : document.end();
     if (items == document.end()) {
-        readItem(document, line, "", sink);
+        readItem(document, line, "", sink, intake);
     } else if (!items->is_array()) {
         sink.issue(line, "\"items\" is not an array");
     } else {
         for (size_t i = 0; i < items->size(); ++i) {
-            readItem((*items)[i], line, "item " + std::to_string(i + 1) + " ", sink);
+            readItem((*items)[i], line, "item " + std::to_string(i + 1) + " ", sink, intake);
         }
     }
 }
@@ -391,26 +454,31 @@ ReadResult readMappedCsv(std::string_view text, const ColumnMapping& columns) {
     return result;
 }
 
-ReadResult readGeosubmit(std::string_view text) {
+ReadResult readGeosubmit(std::string_view text, const Intake* intake) {
     ReadResult result;
     Sink sink(result);
     try {
-        const json whole = parseBounded(text);
+        std::string error;
+        const json whole = parseBounded(text, error);
+        if (intake && !whole.is_object()) {
+            sink.issue(1, whole.is_discarded() ? error : "the body is not a JSON object");
+            return result;
+        }
         if (!whole.is_discarded() && whole.is_object()) {
             readDocument(whole,
                          1 + std::count(text.begin(),
                                         text.begin() + (text.size() - trimmed(text).size()), '\n'),
-                         sink);
+                         sink, intake);
             return result;
         }
         Core::TextReader reader(text);
         std::string_view line;
         while (reader.nextLine(line)) {
-            const json document = parseBounded(line);
+            const json document = parseBounded(line, error);
             if (document.is_discarded() || !document.is_object()) {
                 sink.issue(reader.lineNumber(), "not a JSON object (or too large or deep)");
             } else {
-                readDocument(document, reader.lineNumber(), sink);
+                readDocument(document, reader.lineNumber(), sink, nullptr);
             }
         }
     } catch (const json::exception& error) {

@@ -10,7 +10,12 @@
 //                  body or one item per line. An item: "timestamp" (ms), "position"
 //                  {"latitude", "longitude", "accuracy" (m), "age" (ms before the
 //                  timestamp)}, "wifiAccessPoints" [{"macAddress", "signalStrength"
-//                  (dBm), "age" (ms), "ssid"}]; other members are ignored.
+//                  (dBm), "age" (ms), "ssid"}]; or in the older format: "lat", "lon",
+//                  "accuracy" (m, 0 = not stated), "time" ("2026-11-22T23:27:05+00":
+//                  ISO 8601, optional fraction, offset Z, +HH, +HHMM or +HH:MM, none =
+//                  UTC), "wifi" [{"key", "signal" (dBm), "ssid"}]. Other members (cells,
+//                  Bluetooth, frequency...) are ignored; an item without Wi-Fi gives
+//                  nothing and is no error.
 //   readRecording  the library's scan recordings (local/scan_recording.h) whose lines
 //                  carry a position; a line without one is reported.
 //   readMappedCsv  CSV whose columns are named by a ColumnMapping: with an rss column
@@ -28,6 +33,7 @@
 #pragma once
 
 #include <cstddef>
+#include <cstdint>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -59,7 +65,17 @@ struct ColumnMapping {
 std::optional<ColumnMapping> parseColumnMapping(std::string_view text, std::string& error);
 
 ReadResult readWigle(std::string_view text);
-ReadResult readGeosubmit(std::string_view text);
+// The server's intake of one submitted body: the text must be one JSON object; an
+// item without a time counts as made at nowMs; an item made more than maxAgeMs before
+// nowMs or more than kMaxFutureMs after it, or at a position out of range, is left out
+// with its access points (counted in `filtered`, not an issue).
+struct Intake {
+    uint64_t nowMs = 0;
+    uint64_t maxAgeMs = 7 * 86'400'000ull;
+};
+inline constexpr uint64_t kMaxFutureMs = 10 * 60'000;
+
+ReadResult readGeosubmit(std::string_view text, const Intake* intake = nullptr);
 ReadResult readRecording(std::string_view text);
 ReadResult readMappedCsv(std::string_view text, const ColumnMapping& columns);
 

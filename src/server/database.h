@@ -14,6 +14,9 @@
 //
 // Adding a user or a key is a single INSERT: two concurrent additions of one name,
 // from one node or two, leave exactly one row and report Added to exactly one caller.
+// A report (what one device submitted in one request body) is stored in one
+// transaction: its row in `reports` and one row per observation in `observations`,
+// all or nothing, committed before addReport returns Added.
 // Every failure is logged (category "ZEL.Server.Database") and reported as Failed.
 // Threading: every operation may be called from any thread.
 #pragma once
@@ -22,6 +25,9 @@
 #include <memory>
 #include <optional>
 #include <string>
+#include <vector>
+
+#include "learn/learning.h"
 
 namespace ZEL::Server {
 
@@ -48,6 +54,19 @@ class Database {
     virtual KeyLookup findKey(const std::string& key) = 0;
     virtual Addition addKey(const std::string& key, const std::string& realm,
                             bool enabled = true) = 0;
+
+    // Tables reports(id, realm, api_key, nickname, received_ms) and observations(id,
+    // report_id, realm, mac, latitude, longitude, accuracy, rss, time_ms), with mac as
+    // Learn::macKey and the units of Learn::Observation.
+    struct Report {
+        std::string realm;     // the API key's, or the open server's
+        std::string apiKey;    // "" on an open server without one
+        std::string nickname;  // the X-Nickname header, "" without one
+        uint64_t receivedMs = 0;
+        std::vector<Learn::Observation> observations;  // may be empty
+    };
+    // Added once committed (durable), else Failed and nothing of it stored.
+    virtual Addition addReport(const Report& report) = 0;
 };
 
 }  // namespace ZEL::Server

@@ -3,7 +3,8 @@
 // Database::open include this.
 //
 // Versions: 1 is the users table alone (no version table: the first servers made
-// it so); 2 adds the API keys and the one-row table that holds the version.
+// it so); 2 adds the API keys and the one-row table that holds the version; 3 the
+// reports devices submit and their observations.
 #pragma once
 
 #include <memory>
@@ -14,7 +15,7 @@ namespace ZEL::Server {
 
 class Database;
 
-inline constexpr int kSchemaVersion = 2;
+inline constexpr int kSchemaVersion = 3;
 
 // One back end's connection while it holds the transaction that excludes every
 // other migration of the same database.

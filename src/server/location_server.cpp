@@ -14,6 +14,7 @@
 
 #include "server/geolocate_protocol.h"
 #include "server/geolocate_service.h"
+#include "server/geosubmit_service.h"
 #include "spi/log.h"
 #include "spi/platform.h"
 
@@ -35,6 +36,8 @@ constexpr const char kTextType[] = "text/plain; charset=utf-8";
 constexpr const char kJsonType[] = "application/json; charset=UTF-8";
 // The JSON geolocate route, outside the prefix like /health.
 constexpr std::string_view kGeolocatePath = "/v1/geolocate";
+// Reports devices submit: two paths, one route (both item formats on each).
+constexpr std::string_view kGeosubmitPaths[] = {"/v2/geosubmit", "/v1/geosubmit"};
 // Tile files for download: /v1/tiles/REALM.
 constexpr std::string_view kTilesPath = "/v1/tiles/";
 constexpr const char kMetricsType[] = "text/plain; version=0.0.4; charset=utf-8";
@@ -102,6 +105,9 @@ Route routeOf(std::string_view path, std::string_view prefix) {
     }
     if (path == kGeolocatePath) {
         return Route::Geolocate;
+    }
+    if (path == kGeosubmitPaths[0] || path == kGeosubmitPaths[1]) {
+        return Route::Geosubmit;
     }
     if (path.starts_with(kTilesPath)) {
         return Route::Tiles;
@@ -188,6 +194,7 @@ struct LocationServer::State {
                    std::string_view target, std::string& contentType);
     Reply geolocate(const Request& request, const std::string& client, std::string_view target);
     Reply tiles(const Request& request, const std::string& client, std::string_view target);
+    Reply geosubmit(const Request& request, const std::string& client, std::string_view target);
     std::string clientAddress(const Request& request, const std::string& peer) const;
 
     SPI::Logger& log = SPI::getLogger("ZEL.Server.LocationServer");
@@ -484,7 +491,8 @@ Response State::exchange(const Request& request, const std::string& peer,
     const Route route = routeOf(path, options.prefix);
     const std::string client = clientAddress(request, peer);
     // The /v1 routes answer errors in JSON; a tile file goes as octets, below.
-    const bool json = route == Route::Geolocate || route == Route::Tiles;
+    const bool json =
+        route == Route::Geolocate || route == Route::Geosubmit || route == Route::Tiles;
     std::string contentType = json ? kJsonType : kContentType;
     Reply reply;
     if (!refusal) {
@@ -532,6 +540,9 @@ Reply State::dispatch(const Request& request, Route route, const std::string& cl
     if (route == Route::Tiles) {
         return tiles(request, client, target);
     }
+    if (route == Route::Geosubmit) {
+        return geosubmit(request, client, target);
+    }
     if (!addressLimits.allow(client)) {
         return tooManyRequests(question);
     }
@@ -577,6 +588,34 @@ Reply State::geolocate(const Request& request, const std::string& client, std::s
         return service->geolocate(call);
     } catch (const std::exception& exception) {
         ZEL_LOG_ERROR(log, "geolocate request failed with an exception: %s", exception.what());
+        return geolocateRefusal(500, "backendError", "internal error");
+    }
+}
+
+Reply State::geosubmit(const Request& request, const std::string& client, std::string_view target) {
+    const auto limited = [] {
+        return geolocateRefusal(403, "userRateLimitExceeded", "too many requests");
+    };
+    if (!addressLimits.allow(client)) {
+        return limited();
+    }
+    if (request.method() != http::verb::post) {
+        return geolocateRefusal(405, "methodNotAllowed", "POST only");
+    }
+    GeosubmitCall call;
+    call.key = queryParameter(target, "key");
+    if (!call.key.empty() && !keyLimits.allow(std::string(call.key))) {
+        return limited();
+    }
+    call.body = request.body();
+    call.gzip = beast::iequals(request[http::field::content_encoding], "gzip");
+    const auto nickname = request["X-Nickname"];
+    call.nickname = std::string_view(nickname.data(), nickname.size());
+    call.maxInflatedBytes = options.maxBodyBytes;
+    try {
+        return service->geosubmit(call);
+    } catch (const std::exception& exception) {
+        ZEL_LOG_ERROR(log, "geosubmit request failed with an exception: %s", exception.what());
         return geolocateRefusal(500, "backendError", "internal error");
     }
 }

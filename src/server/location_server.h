@@ -1,7 +1,9 @@
 // The location server over HTTP or HTTPS: POST {prefix}/location, /ip-location and
 // /registration, answered by a LocationService; GET /health and GET /metrics
 // (metrics.h) beside them, outside the prefix, and POST /v1/geolocate, the JSON
-// protocol (geolocate_service.h), whose refusals are JSON error documents too.
+// protocol (geolocate_service.h), and POST /v2/geosubmit and /v1/geosubmit, the
+// reports devices submit (geosubmit_service.h), whose refusals are JSON error
+// documents too.
 //
 // Event-driven (Boost.Beast over Boost.Asio): `threads` threads run one event loop
 // and the service's calls; an open connection holds no thread while it waits, only

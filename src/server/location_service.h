@@ -39,9 +39,13 @@ struct ServiceOptions {
     std::string realm;              // of the tile files and of the users served
     bool open = false;              // accept any authentication
     size_t maxAccessPoints = 1000;  // per location request
+    // Reports (geosubmit) are stored only in a database that outlives the process.
+    bool storeReports = false;
+    uint64_t maxReportAgeMs = 7 * 86'400'000ull;  // older report items are left out
 };
 
 struct GeolocateCall;  // geolocate_service.h
+struct GeosubmitCall;  // geosubmit_service.h
 
 struct Reply {
     int status = 200;
@@ -68,6 +72,8 @@ class LocationService {
     Reply registration(std::string_view body);
     // POST /v1/geolocate, in geolocate_service.cpp.
     Reply geolocate(const GeolocateCall& call);
+    // POST /v2/geosubmit and /v1/geosubmit, in geosubmit_service.cpp.
+    Reply geosubmit(const GeosubmitCall& call);
     // GET /v1/tiles/REALM ("_" for the plain realm): the first tile file as it was
     // last loaded, with its ETag and Last-Modified; 304 without a body when
     // `ifNoneMatch` names its tag; 404 for another realm; the key as for geolocate.

@@ -34,6 +34,8 @@ const char* routeName(Route route) {
             return "geolocate";
         case Route::Tiles:
             return "tiles";
+        case Route::Geosubmit:
+            return "geosubmit";
         case Route::Other:
             break;
     }
@@ -88,8 +90,16 @@ std::string Metrics::render() const {
            "Location requests none of whose access points gave a position.");
     sample(out, "zel_positions_not_found_total", positionsNotFound.load());
     family(out, "zel_database_errors_total", "counter",
-           "Answers refused because the user store failed.");
+           "Answers refused because the database failed.");
     sample(out, "zel_database_errors_total", databaseErrors.load());
+    family(out, "zel_reports_stored_total", "counter", "Submitted reports committed.");
+    sample(out, "zel_reports_stored_total", reportsStored.load());
+    family(out, "zel_observations_stored_total", "counter",
+           "Observations of the submitted reports committed.");
+    sample(out, "zel_observations_stored_total", observationsStored.load());
+    family(out, "zel_observations_filtered_total", "counter",
+           "Submitted access points left out by the intake rules.");
+    sample(out, "zel_observations_filtered_total", observationsFiltered.load());
     family(out, "zel_open_connections", "gauge", "Client connections open now.");
     sample(out, "zel_open_connections", openConnections.load());
     family(out, "zel_tile_files_loaded", "gauge", "Tile files the server answers from.");

@@ -15,7 +15,17 @@
 namespace ZEL::Server {
 
 // The routes requests are counted by; Other is every path the server does not serve.
-enum class Route { Location, IpLocation, Registration, Health, Metrics, Geolocate, Tiles, Other };
+enum class Route {
+    Location,
+    IpLocation,
+    Registration,
+    Health,
+    Metrics,
+    Geolocate,
+    Tiles,
+    Geosubmit,
+    Other
+};
 
 class Metrics {
   public:
@@ -25,8 +35,13 @@ class Metrics {
 
     std::atomic<uint64_t> positionsFound{0};
     std::atomic<uint64_t> positionsNotFound{0};
-    // 500 answers for a failing user store.
+    // 500 and 503 answers for a failing database.
     std::atomic<uint64_t> databaseErrors{0};
+    // Submitted reports committed, their observations, and the access points the
+    // intake rules left out.
+    std::atomic<uint64_t> reportsStored{0};
+    std::atomic<uint64_t> observationsStored{0};
+    std::atomic<uint64_t> observationsFiltered{0};
     std::atomic<int64_t> openConnections{0};
     std::atomic<int64_t> tileFilesLoaded{0};
     std::atomic<uint64_t> tileReloadsRefused{0};
@@ -39,7 +54,7 @@ class Metrics {
     std::string render() const;
 
   private:
-    static constexpr size_t kRoutes = 8;
+    static constexpr size_t kRoutes = 9;
     static constexpr int kFirstStatus = 100;
     static constexpr size_t kStatuses = 500;  // 100..599
 

@@ -9,6 +9,7 @@
 #include <poll.h>
 
 #include <algorithm>
+#include <charconv>
 #include <chrono>
 #include <cstdlib>
 #include <mutex>
@@ -49,7 +50,58 @@ constexpr SchemaDialect kDialect = {
         " created BIGINT NOT NULL);"
         "CREATE TABLE schema_version (version INTEGER NOT NULL);"
         "INSERT INTO schema_version VALUES (2);",
+
+        // BIGSERIAL ids are taken in order but commit in any order: a reader of "what
+        // came since" must first wait for the transactions that took lower ids.
+        "CREATE TABLE reports ("
+        " id BIGSERIAL PRIMARY KEY,"
+        " realm TEXT NOT NULL,"
+        " api_key TEXT NOT NULL,"
+        " nickname TEXT NOT NULL,"
+        " received_ms BIGINT NOT NULL);"
+        "CREATE TABLE observations ("
+        " id BIGSERIAL PRIMARY KEY,"
+        " report_id BIGINT NOT NULL REFERENCES reports(id),"
+        " realm TEXT NOT NULL,"
+        " mac BIGINT NOT NULL,"
+        " latitude DOUBLE PRECISION NOT NULL,"
+        " longitude DOUBLE PRECISION NOT NULL,"
+        " accuracy DOUBLE PRECISION NOT NULL,"
+        " rss INTEGER NOT NULL,"
+        " time_ms BIGINT NOT NULL);",
     }};
+
+// A report and its observations in one statement, so in one transaction and one
+// round trip: the observations arrive as six parallel arrays.
+constexpr const char kAddReportSql[] =
+    "WITH report AS ("
+    " INSERT INTO reports (realm, api_key, nickname, received_ms) VALUES ($1, $2, $3, $4)"
+    " RETURNING id),"
+    " stored AS ("
+    " INSERT INTO observations"
+    " (report_id, realm, mac, latitude, longitude, accuracy, rss, time_ms)"
+    " SELECT report.id, $1, o.mac, o.latitude, o.longitude, o.accuracy, o.rss, o.time_ms"
+    " FROM report, unnest($5::BIGINT[], $6::DOUBLE PRECISION[], $7::DOUBLE PRECISION[],"
+    " $8::DOUBLE PRECISION[], $9::INTEGER[], $10::BIGINT[])"
+    " AS o (mac, latitude, longitude, accuracy, rss, time_ms))"
+    " SELECT id FROM report";
+
+// The values as a PostgreSQL array literal, "{v1,v2,...}"; doubles in the shortest
+// text that reads back the same.
+template <typename Value>
+std::string arrayText(const std::vector<Learn::Observation>& observations, Value value) {
+    std::string text = "{";
+    char number[32];
+    for (const Learn::Observation& observation : observations) {
+        const auto written = std::to_chars(number, number + sizeof number, value(observation));
+        text.append(number, written.ptr);
+        text += ',';
+    }
+    if (text.size() > 1) {
+        text.pop_back();
+    }
+    return text + "}";
+}
 
 struct FinishConnection {
     void operator()(PGconn* connection) const { PQfinish(connection); }
@@ -195,6 +247,24 @@ class PostgresqlDatabase final : public Database {
                          "INSERT INTO api_keys (key, realm, enabled, created)"
                          " VALUES ($1, $2, $3, $4) ON CONFLICT DO NOTHING",
                          {key, realm, enabled ? "true" : "false", now()}, [](PGresult*) {}));
+    }
+
+    // The one retry after a broken connection (see run) stores the report twice in
+    // the rare case that the connection broke after the commit: never lost.
+    Addition addReport(const Report& report) override {
+        using Observation = Learn::Observation;
+        const std::vector<Observation>& all = report.observations;
+        const Lookup stored =
+            run("storing a report", kAddReportSql,
+                {report.realm, report.apiKey, report.nickname, std::to_string(report.receivedMs),
+                 arrayText(all, [](const Observation& o) { return int64_t(Learn::macKey(o.mac)); }),
+                 arrayText(all, [](const Observation& o) { return o.latitude; }),
+                 arrayText(all, [](const Observation& o) { return o.longitude; }),
+                 arrayText(all, [](const Observation& o) { return o.accuracy; }),
+                 arrayText(all, [](const Observation& o) { return o.rss; }),
+                 arrayText(all, [](const Observation& o) { return int64_t(o.timeMs); })},
+                [](PGresult*) {});
+        return stored == Lookup::Registered ? Addition::Added : Addition::Failed;
     }
 
   private:

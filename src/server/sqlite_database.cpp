@@ -36,9 +36,37 @@ constexpr SchemaDialect kDialect = {
         " created INTEGER NOT NULL) WITHOUT ROWID;"
         "CREATE TABLE schema_version (version INTEGER NOT NULL);"
         "INSERT INTO schema_version VALUES (2);",
+
+        // AUTOINCREMENT: ids only grow, also past deleted rows, so "every id above the
+        // last one read" is exactly what came since.
+        "CREATE TABLE reports ("
+        " id INTEGER PRIMARY KEY AUTOINCREMENT,"
+        " realm TEXT NOT NULL,"
+        " api_key TEXT NOT NULL,"
+        " nickname TEXT NOT NULL,"
+        " received_ms INTEGER NOT NULL);"
+        "CREATE TABLE observations ("
+        " id INTEGER PRIMARY KEY AUTOINCREMENT,"
+        " report_id INTEGER NOT NULL REFERENCES reports(id),"
+        " realm TEXT NOT NULL,"
+        " mac INTEGER NOT NULL,"
+        " latitude REAL NOT NULL,"
+        " longitude REAL NOT NULL,"
+        " accuracy REAL NOT NULL,"
+        " rss INTEGER NOT NULL,"
+        " time_ms INTEGER NOT NULL);",
     }};
 
-enum Statement { kFindUser, kAddUser, kCountUsers, kFindKey, kAddKey, kStatements };
+enum Statement {
+    kFindUser,
+    kAddUser,
+    kCountUsers,
+    kFindKey,
+    kAddKey,
+    kAddReport,
+    kAddObservation,
+    kStatements
+};
 
 constexpr const char* kStatementSql[kStatements] = {
     "SELECT 1 FROM users WHERE username = ?1 AND realm = ?2",
@@ -47,6 +75,9 @@ constexpr const char* kStatementSql[kStatements] = {
     "SELECT realm, enabled FROM api_keys WHERE key = ?1",
     "INSERT INTO api_keys (key, realm, enabled, created) VALUES (?1, ?2, ?3, ?4)"
     " ON CONFLICT DO NOTHING",
+    "INSERT INTO reports (realm, api_key, nickname, received_ms) VALUES (?1, ?2, ?3, ?4)",
+    "INSERT INTO observations (realm, report_id, mac, latitude, longitude, accuracy, rss, time_ms)"
+    " VALUES (?1, ?2, ?3, ?4, ?5, ?6, ?7, ?8)",
 };
 
 // A statement under way; reset when it goes, so that no read stays open.
@@ -122,8 +153,8 @@ class SqliteDatabase final : public Database {
     bool start(std::string& error) {
         sqlite3_busy_timeout(connection_, kBusyTimeoutMs);
         Session session(connection_);
-        // FULL: an acknowledged registration survives a power cut, not only a crash
-        // of the process; registrations are rare enough to afford a sync each.
+        // FULL: an acknowledged registration or report survives a power cut, not
+        // only a crash of the process (a sync per commit; reports come in batches).
         if (!enterWalMode(session, error) || !session.execute("PRAGMA synchronous=FULL", error) ||
             !migrateSchema(session, kDialect, error)) {
             return false;
@@ -178,6 +209,44 @@ class SqliteDatabase final : public Database {
         sqlite3_bind_int(insert.get(), 3, enabled ? 1 : 0);
         sqlite3_bind_int64(insert.get(), 4, SPI::currentTime().seconds);
         return addition(sqlite3_step(insert.get()), "adding a key");
+    }
+
+    Addition addReport(const Report& report) override {
+        std::lock_guard lock(mutex_);
+        Session session(connection_);
+        std::string error;
+        if (!session.execute("BEGIN IMMEDIATE", error)) {
+            ZEL_LOG_ERROR(category_, "storing a report failed: %s", error.c_str());
+            return Addition::Failed;
+        }
+        bool stored = false;
+        {
+            Running insert = bind(kAddReport, {report.realm, report.apiKey, report.nickname});
+            sqlite3_bind_int64(insert.get(), 4, static_cast<sqlite3_int64>(report.receivedMs));
+            stored = sqlite3_step(insert.get()) == SQLITE_DONE;
+        }
+        const sqlite3_int64 reportId = sqlite3_last_insert_rowid(connection_);
+        for (size_t i = 0; stored && i < report.observations.size(); ++i) {
+            const Learn::Observation& observation = report.observations[i];
+            Running insert = bind(kAddObservation, {report.realm});
+            sqlite3_bind_int64(insert.get(), 2, reportId);
+            sqlite3_bind_int64(insert.get(), 3,
+                               static_cast<sqlite3_int64>(Learn::macKey(observation.mac)));
+            sqlite3_bind_double(insert.get(), 4, observation.latitude);
+            sqlite3_bind_double(insert.get(), 5, observation.longitude);
+            sqlite3_bind_double(insert.get(), 6, observation.accuracy);
+            sqlite3_bind_int(insert.get(), 7, observation.rss);
+            sqlite3_bind_int64(insert.get(), 8, static_cast<sqlite3_int64>(observation.timeMs));
+            stored = sqlite3_step(insert.get()) == SQLITE_DONE;
+        }
+        error = message(connection_);
+        if (stored && session.execute("COMMIT", error)) {
+            return Addition::Added;
+        }
+        std::string ignored;
+        session.execute("ROLLBACK", ignored);
+        ZEL_LOG_ERROR(category_, "storing a report failed: %s", error.c_str());
+        return Addition::Failed;
     }
 
   private:

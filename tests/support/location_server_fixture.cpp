@@ -60,6 +60,7 @@ std::unique_ptr<TestLocationServer> TestLocationServer::start(const LocationServ
     }
     data.users->addUser(kRegisteredUser, kServerRealm);
     Server::ServiceOptions options{{tilePath()}, kServerRealm, false, 100};
+    options.storeReports = config.database != "sqlite::memory:";
     auto test = std::unique_ptr<TestLocationServer>(new TestLocationServer);
     test->service_ = Server::LocationService::create(options, std::move(data), error);
     if (!test->service_) {

@@ -25,7 +25,7 @@ struct LocationServerConfig {
     // 127.0.0.1 sees an unknown issuer and a name that does not match.
     bool https = false;
     bool trustProxy = false;
-    std::string database = "sqlite::memory:";  // URL of users and keys
+    std::string database = "sqlite::memory:";  // URL of users and keys; reports unless memory
     // Sets server options beyond these (limits, deadlines) before the start.
     std::function<void(Server::ServerOptions&)> configure = nullptr;
 };

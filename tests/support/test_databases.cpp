@@ -9,16 +9,16 @@
 namespace ZEL::Testing {
 namespace {
 
-// The first line `command` writes, and its exit status.
-std::string firstLine(const std::string& command, int& status) {
-    FILE* output = popen(command.c_str(), "r");
+// What `command` writes, without its last line end, and its exit status.
+std::string output(const std::string& command, int& status) {
+    FILE* pipe = popen(command.c_str(), "r");
     std::string text;
     char line[1024];
-    while (output && std::fgets(line, sizeof line, output)) {
+    while (pipe && std::fgets(line, sizeof line, pipe)) {
         text += line;
     }
-    status = output ? pclose(output) : -1;
-    return text.substr(0, text.find('\n'));
+    status = pipe ? pclose(pipe) : -1;
+    return text.substr(0, text.size() - text.ends_with('\n'));
 }
 
 }  // namespace
@@ -30,8 +30,8 @@ void BackendTest::SetUp() {
     }
     // The process's server, started on first use: the folder of its socket.
     static int status = -1;
-    static const std::string server = firstLine(
-        ZEL_SOURCE_DIR "/tests/support/postgresql.sh " + std::to_string(getpid()), status);
+    static const std::string server =
+        output(ZEL_SOURCE_DIR "/tests/support/postgresql.sh " + std::to_string(getpid()), status);
     if (status != 0) {
         EXPECT_EQ(WEXITSTATUS(status), 77) << "the test's PostgreSQL server did not start";
         GTEST_SKIP() << "PostgreSQL's server programs are not installed (Debian's postgresql)";
@@ -48,7 +48,7 @@ std::string queryTestDatabase(const std::string& url, const std::string& sql) {
                                    ? "sqlite3 -bail '" + url.substr(7) + "'"
                                    : "psql -XAtq -v ON_ERROR_STOP=1 '" + url + "'";
     int status = 0;
-    const std::string value = firstLine(client + " <<'ZEL_SQL'\n" + sql + ";\nZEL_SQL\n", status);
+    const std::string value = output(client + " <<'ZEL_SQL'\n" + sql + ";\nZEL_SQL\n", status);
     EXPECT_EQ(status, 0) << sql;
     return value;
 }

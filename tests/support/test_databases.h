@@ -27,7 +27,8 @@ class BackendTest : public ::testing::TestWithParam<Backend> {
     std::string url_;
 };
 
-// Runs `sql` past the back ends (sqlite3, psql): the first value it returns.
+// Runs `sql` past the back ends (sqlite3, psql): the rows it returns, a line each,
+// columns joined by '|'.
 std::string queryTestDatabase(const std::string& url, const std::string& sql);
 
 }  // namespace ZEL::Testing

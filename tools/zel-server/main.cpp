@@ -1,6 +1,8 @@
 // zel-server: answers the library's location, ip-location and registration
 // requests over HTTP or HTTPS from tile files, with its users and API keys in
-// SQLite or PostgreSQL; /health and /metrics for load balancers and monitoring.
+// SQLite or PostgreSQL; /health and /metrics for load balancers and monitoring;
+// takes the reports devices submit (/v2/geosubmit, /v1/geosubmit) into the same
+// database, which must then be one that outlives the process (--database).
 //
 // Runs until SIGTERM or SIGINT, then finishes the exchanges under way and exits 0.
 // SIGHUP reads the tile files again (LocationService::reloadTiles).
@@ -34,6 +36,7 @@ struct Arguments {
     bool noAccessLog = false;
     bool verbose = false;
     double headSeconds = 10, bodySeconds = 30, keepAliveSeconds = 30;
+    double maxReportAgeSeconds = 7 * 86400;
 };
 
 void addLimitOptions(CLI::App& app, Arguments& a) {
@@ -80,8 +83,9 @@ void addOptions(CLI::App& app, Arguments& a) {
     app.add_option("--tls-cert", a.server.tlsCertificate, "PEM certificate: serve HTTPS");
     app.add_option("--tls-key", a.server.tlsKey, "PEM private key of the certificate");
     auto* database = app.add_option("--database", a.database,
-                                    "Users and API keys: sqlite:PATH (a file) or"
-                                    " postgresql://... (shared by nodes)")
+                                    "Users, API keys and submitted reports: sqlite:PATH (a"
+                                    " file) or postgresql://... (shared by nodes); without"
+                                    " it reports are refused")
                          ->default_val(a.database);
     app.add_option("--users", a.users, "Same as --database sqlite:PATH")->excludes(database);
     app.add_option("--add-user", a.addUsers, "Register this user of the realm at start");
@@ -108,6 +112,13 @@ void addOptions(CLI::App& app, Arguments& a) {
                    "Most access points accepted in one request")
         ->default_val(a.service.maxAccessPoints)
         ->check(CLI::Range(1, 100000));
+    app.add_option("--max-report-age", a.maxReportAgeSeconds,
+                   "Submitted items older than this are left out: seconds, or a number"
+                   " with s, m, h or d")
+        ->default_str("7d")
+        ->transform(CLI::AsNumberWithUnit(
+            std::map<std::string, double>{{"s", 1}, {"m", 60}, {"h", 3600}, {"d", 86400}}))
+        ->check(CLI::Range(1.0, 3650.0 * 86400));
     app.add_option("--access-log", a.accessLog, "Access log file, - for standard output")
         ->default_val(a.accessLog);
     app.add_flag("--no-access-log", a.noAccessLog, "Write no access log");
@@ -151,7 +162,11 @@ std::function<void(const std::string&)> accessLogSink(const Arguments& a, std::s
 
 std::shared_ptr<LocationService> makeService(Arguments& a, std::string& error) {
     ServiceData data;
-    data.users = Database::open(a.users.empty() ? a.database : "sqlite:" + a.users, error);
+    const std::string url = a.users.empty() ? a.database : "sqlite:" + a.users;
+    data.users = Database::open(url, error);
+    // An in-memory database forgets at exit what the server acknowledged.
+    a.service.storeReports = url != "sqlite::memory:" && url != "sqlite:";
+    a.service.maxReportAgeMs = static_cast<uint64_t>(a.maxReportAgeSeconds * 1000);
     if (!data.users) {
         return nullptr;
     }
