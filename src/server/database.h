@@ -107,16 +107,20 @@ class Database {
                                      std::string& error) = 0;
 };
 
-// learn() for `realm` into the tile file `path`, replaced atomically (written
-// beside it, then renamed over it) so a reader never sees half a file. The
-// learned positions in the file; nullopt with `error` set when the database or the
-// file fails (the file is then left as it was).
+// learn() for `realm`, then the tile file `path` written from every position
+// learned so far, replaced atomically (written beside it, then renamed over it) so
+// a reader never sees half a file. With `onlyWhenNew` the file is left as it is
+// when no new observation came and it exists. A realm with fewer than two learned
+// positions makes no tile file (the format's least): `replaced` stays false and
+// written.error says why. Nullopt with `error` set when the database or the file
+// system fails; the file is then left as it was.
 struct LearnedFile {
     LearningTally tally;
     Tiles::TileWriteResult written;
+    bool replaced = false;
 };
 std::optional<LearnedFile> learnTileFile(Database& database, const std::string& realm,
-                                         const std::string& path, bool full,
+                                         const std::string& path, bool full, bool onlyWhenNew,
                                          const std::function<void(const std::string&)>& progress,
                                          std::string& error);
 

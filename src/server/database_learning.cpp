@@ -297,7 +297,7 @@ std::optional<std::vector<Tiles::AccessPointPosition>> Database::learnedPosition
 }
 
 std::optional<LearnedFile> learnTileFile(Database& database, const std::string& realm,
-                                         const std::string& path, bool full,
+                                         const std::string& path, bool full, bool onlyWhenNew,
                                          const std::function<void(const std::string&)>& progress,
                                          std::string& error) {
     LearnedFile learned;
@@ -306,10 +306,17 @@ std::optional<LearnedFile> learnTileFile(Database& database, const std::string& 
         return std::nullopt;
     }
     learned.tally = *tally;
+    if (onlyWhenNew && tally->observations == 0 && access(path.c_str(), F_OK) == 0) {
+        return learned;
+    }
     std::optional<std::vector<Tiles::AccessPointPosition>> positions =
         database.learnedPositions(realm, error);
     if (!positions) {
         return std::nullopt;
+    }
+    if (positions->size() < 2) {
+        learned.written.error = "fewer than two access points learned: no tile file yet";
+        return learned;
     }
     std::string temporary = path + ".partXXXXXX";
     const int fd = mkstemp(temporary.data());
@@ -323,6 +330,7 @@ std::optional<LearnedFile> learnTileFile(Database& database, const std::string& 
         unlink(temporary.c_str());
         return std::nullopt;
     }
+    learned.replaced = true;
     return learned;
 }
 

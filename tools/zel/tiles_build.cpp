@@ -109,10 +109,11 @@ int learnFromDatabase(const BuildArguments& arguments) {
     std::optional<Server::LearnedFile> learned;
     if (database) {
         learned = Server::learnTileFile(*database, arguments.realm, arguments.output,
-                                        arguments.full, progress, error);
+                                        arguments.full, false, progress, error);
     }
-    if (!learned) {
-        std::fprintf(stderr, "%s: %s\n", arguments.name, error.c_str());
+    if (!learned || !learned->replaced) {
+        std::fprintf(stderr, "%s: %s\n", arguments.name,
+                     learned ? learned->written.error.c_str() : error.c_str());
         return 1;
     }
     const Server::LearningTally& tally = learned->tally;
