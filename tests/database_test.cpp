@@ -75,9 +75,9 @@ TEST_P(DatabaseBackend, MigratesFromVersionOneAndRefusesANewerSchema) {
     EXPECT_EQ(database->findUser("alice", "acme"), Lookup::Registered);
     EXPECT_EQ(database->addKey("k1", "acme"), Addition::Added);
 
-    queryTestDatabase(url_, "UPDATE schema_version SET version = 4");
+    queryTestDatabase(url_, "UPDATE schema_version SET version = 5");
     EXPECT_EQ(Database::open(url_, error), nullptr);
-    EXPECT_NE(error.find(": the database's schema version 4 is newer than this program's (3)"),
+    EXPECT_NE(error.find(": the database's schema version 5 is newer than this program's (4)"),
               std::string::npos)
         << error;
 }
@@ -93,7 +93,7 @@ TEST_P(DatabaseBackend, NodesStartingTogetherMigrateOnce) {
     const std::unique_ptr<Database> nodes[] = {node(), first.get(), second.get()};
     ASSERT_TRUE(nodes[0] && nodes[1] && nodes[2]);
     EXPECT_EQ(queryTestDatabase(url_, "SELECT COUNT(*) || ' ' || MAX(version) FROM schema_version"),
-              "1 3");
+              "1 4");
 }
 
 INSTANTIATE_TEST_SUITE_P(SqliteAndPostgresql, DatabaseBackend,

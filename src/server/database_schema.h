@@ -4,7 +4,8 @@
 //
 // Versions: 1 is the users table alone (no version table: the first servers made
 // it so); 2 adds the API keys and the one-row table that holds the version; 3 the
-// reports devices submit and their observations.
+// reports devices submit and their observations; 4 what learning keeps of them
+// (database_learning.h).
 #pragma once
 
 #include <memory>
@@ -15,7 +16,7 @@ namespace ZEL::Server {
 
 class Database;
 
-inline constexpr int kSchemaVersion = 3;
+inline constexpr int kSchemaVersion = 4;
 
 // One back end's connection while it holds the transaction that excludes every
 // other migration of the same database.

@@ -1,5 +1,7 @@
 #include "server/location_service.h"
 
+#include <unistd.h>
+
 #include "local/location_history.h"
 #include "local/position_estimate.h"
 #include "spi/log.h"
@@ -34,17 +36,27 @@ LocationService::LocationService(ServiceOptions options, ServiceData data,
       data_(std::move(data)),
       readers_(std::move(readers)) {}
 
+std::vector<std::string> LocationService::tilePaths(const ServiceOptions& options) {
+    std::vector<std::string> paths;
+    if (!options.learnedTiles.empty() && access(options.learnedTiles.c_str(), F_OK) == 0) {
+        paths.push_back(options.learnedTiles);
+    }
+    paths.insert(paths.end(), options.tileFiles.begin(), options.tileFiles.end());
+    return paths;
+}
+
 std::unique_ptr<LocationService> LocationService::create(ServiceOptions options, ServiceData data,
                                                          std::string& error) {
     if (!data.users) {
         error = "no user store";
         return nullptr;
     }
-    std::unique_ptr<ReaderPool> readers = ReaderPool::open(options.tileFiles, options.realm, error);
+    const std::vector<std::string> paths = tilePaths(options);
+    std::unique_ptr<ReaderPool> readers = ReaderPool::open(paths, options.realm, error);
     if (!readers) {
         return nullptr;
     }
-    const auto files = static_cast<int64_t>(options.tileFiles.size());
+    const auto files = static_cast<int64_t>(paths.size());
     std::unique_ptr<LocationService> service(
         new LocationService(std::move(options), std::move(data), std::move(readers)));
     service->metrics_.tileFilesLoaded = files;
@@ -52,8 +64,8 @@ std::unique_ptr<LocationService> LocationService::create(ServiceOptions options,
 }
 
 bool LocationService::reloadTiles(std::string& error) {
-    std::shared_ptr<ReaderPool> readers =
-        ReaderPool::open(options_.tileFiles, options_.realm, error);
+    const std::vector<std::string> paths = tilePaths(options_);
+    std::shared_ptr<ReaderPool> readers = ReaderPool::open(paths, options_.realm, error);
     if (!readers) {
         ++metrics_.tileReloadsRefused;
         ZEL_LOG_ERROR(category_,
@@ -65,8 +77,8 @@ bool LocationService::reloadTiles(std::string& error) {
         std::lock_guard lock(readersMutex_);
         readers_.swap(readers);
     }
-    metrics_.tileFilesLoaded = static_cast<int64_t>(options_.tileFiles.size());
-    ZEL_LOG_INFO(category_, "tile files reloaded (%zu)", options_.tileFiles.size());
+    metrics_.tileFilesLoaded = static_cast<int64_t>(paths.size());
+    ZEL_LOG_INFO(category_, "tile files reloaded (%zu)", paths.size());
     return true;  // the old pool goes when its last request gives it back
 }
 

@@ -36,6 +36,9 @@ namespace ZEL::Server {
 
 struct ServiceOptions {
     std::vector<std::string> tileFiles;
+    // A tile file the server learns (--learned-tiles): answered from before the
+    // others, and downloaded, once it exists; left out until the first is written.
+    std::string learnedTiles;
     std::string realm;              // of the tile files and of the users served
     bool open = false;              // accept any authentication
     size_t maxAccessPoints = 1000;  // per location request
@@ -95,6 +98,8 @@ class LocationService {
 
   private:
     LocationService(ServiceOptions options, ServiceData data, std::unique_ptr<ReaderPool> readers);
+    // The tile files to load now: the learned one when it exists, then the others.
+    static std::vector<std::string> tilePaths(const ServiceOptions& options);
     // The JSON refusal of a missing, unknown, disabled or foreign API key, or of a
     // failing key store; nothing when the key may be used (or with --open).
     std::optional<Reply> refuseKey(std::string_view key, const char* what);

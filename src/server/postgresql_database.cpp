@@ -11,11 +11,13 @@
 #include <algorithm>
 #include <charconv>
 #include <chrono>
+#include <cstdio>
 #include <cstdlib>
 #include <mutex>
 #include <vector>
 
 #include "server/database.h"
+#include "server/database_learning.h"
 #include "server/database_schema.h"
 #include "spi/log.h"
 #include "spi/platform.h"
@@ -69,6 +71,37 @@ constexpr SchemaDialect kDialect = {
         " accuracy DOUBLE PRECISION NOT NULL,"
         " rss INTEGER NOT NULL,"
         " time_ms BIGINT NOT NULL);",
+
+        "CREATE TABLE ap_cells ("
+        " realm TEXT NOT NULL,"
+        " mac BIGINT NOT NULL,"
+        " cell_row INTEGER NOT NULL,"
+        " cell_column INTEGER NOT NULL,"
+        " count BIGINT NOT NULL,"
+        " weight DOUBLE PRECISION NOT NULL,"
+        " weighted_latitude DOUBLE PRECISION NOT NULL,"
+        " weighted_longitude DOUBLE PRECISION NOT NULL,"
+        " accuracy_sum DOUBLE PRECISION NOT NULL,"
+        " rss_count BIGINT NOT NULL,"
+        " rss_sum DOUBLE PRECISION NOT NULL,"
+        " rss_squares DOUBLE PRECISION NOT NULL,"
+        " oldest_ms BIGINT NOT NULL,"
+        " newest_ms BIGINT NOT NULL,"
+        " PRIMARY KEY (realm, mac, cell_row, cell_column));"
+        "CREATE TABLE learned_aps ("
+        " realm TEXT NOT NULL,"
+        " mac BIGINT NOT NULL,"
+        " verdict INTEGER NOT NULL,"
+        " latitude DOUBLE PRECISION NOT NULL,"
+        " longitude DOUBLE PRECISION NOT NULL,"
+        " quality INTEGER NOT NULL,"
+        " signal_exponent DOUBLE PRECISION NOT NULL,"
+        " exponent_fitted INTEGER NOT NULL,"
+        " overflowing INTEGER NOT NULL,"
+        " PRIMARY KEY (realm, mac));"
+        "CREATE TABLE learning_state ("
+        " realm TEXT NOT NULL PRIMARY KEY,"
+        " watermark BIGINT NOT NULL);",
     }};
 
 // A report and its observations in one statement, so in one transaction and one
@@ -135,6 +168,26 @@ int timeoutSeconds(const std::string& url) {
     return seconds;
 }
 
+// Waits until a result of the statement sent on `connection` is ready; false with
+// `error` set when it broke or nothing came before `deadline`.
+bool awaitResult(PGconn* connection, std::chrono::steady_clock::time_point deadline,
+                 std::string& error) {
+    while (PQisBusy(connection)) {
+        const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(
+            deadline - std::chrono::steady_clock::now());
+        pollfd socket{PQsocket(connection), POLLIN, 0};
+        if (left.count() <= 0 || poll(&socket, 1, static_cast<int>(left.count())) == 0) {
+            error = "no answer in time";
+            return false;
+        }
+        if (!PQconsumeInput(connection)) {
+            error = message(connection);
+            return false;
+        }
+    }
+    return true;
+}
+
 // The result of one statement, or null with `error` set when it could not be sent
 // or its answer did not come within `seconds` (the caller must then drop the
 // connection: closing it ends the statement's session on the server).
@@ -146,18 +199,11 @@ Result execute(PGconn* connection, const char* sql, const std::vector<const char
         return nullptr;
     }
     const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(seconds);
-    while (PQisBusy(connection)) {
-        const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(
-            deadline - std::chrono::steady_clock::now());
-        pollfd socket{PQsocket(connection), POLLIN, 0};
-        if (left.count() <= 0 || poll(&socket, 1, static_cast<int>(left.count())) == 0) {
+    if (!awaitResult(connection, deadline, error)) {
+        if (error == "no answer in time") {
             error = "no answer within " + std::to_string(seconds) + " s";
-            return nullptr;
         }
-        if (!PQconsumeInput(connection)) {
-            error = message(connection);
-            return nullptr;
-        }
+        return nullptr;
     }
     Result result(PQgetResult(connection));
     while (PGresult* more = PQgetResult(connection)) {  // the protocol ends with a null
@@ -165,6 +211,101 @@ Result execute(PGconn* connection, const char* sql, const std::vector<const char
     }
     return result;
 }
+
+// A statement of a learning run may take minutes on a large database (the first
+// run folds in every observation); one that has no answer in this long is failed.
+constexpr int kLearningTimeoutSeconds = 1800;
+
+class Row final : public SqlRow {
+  public:
+    explicit Row(const PGresult* result) : result_(result) {}
+    int64_t integer(int column) const override {
+        return std::strtoll(PQgetvalue(result_, 0, column), nullptr, 10);
+    }
+    double real(int column) const override {
+        return std::strtod(PQgetvalue(result_, 0, column), nullptr);
+    }
+
+  private:
+    const PGresult* result_;
+};
+
+// Learning on one connection; rows come one at a time (libpq's single-row mode),
+// so a run over millions of cells never holds them all.
+class Learning final : public LearningSession {
+  public:
+    explicit Learning(PGconn* connection) : connection_(connection) {}
+
+    bool run(const std::string& sql, const std::vector<SqlValue>& parameters,
+             const std::function<void(const SqlRow&)>& row, std::string& error) override {
+        std::vector<std::string> texts;
+        for (const SqlValue& parameter : parameters) {
+            if (const auto* number = std::get_if<int64_t>(&parameter)) {
+                texts.push_back(std::to_string(*number));
+            } else if (const auto* real = std::get_if<double>(&parameter)) {
+                char text[40];
+                std::snprintf(text, sizeof text, "%.17g", *real);  // reads back the same
+                texts.emplace_back(text);
+            } else {
+                texts.push_back(std::get<std::string>(parameter));
+            }
+        }
+        std::vector<const char*> values;
+        for (const std::string& text : texts) {
+            values.push_back(text.c_str());
+        }
+        if (!PQsendQueryParams(connection_, sql.c_str(), static_cast<int>(values.size()), nullptr,
+                               values.data(), nullptr, nullptr, 0)) {
+            error = message(connection_);
+            return false;
+        }
+        PQsetSingleRowMode(connection_);
+        const auto deadline =
+            std::chrono::steady_clock::now() + std::chrono::seconds(kLearningTimeoutSeconds);
+        bool ok = true;
+        while (true) {
+            if (!awaitResult(connection_, deadline, error)) {
+                return false;  // the connection is dropped, being busy
+            }
+            Result result(PQgetResult(connection_));
+            if (!result) {
+                return ok;
+            }
+            const ExecStatusType status = PQresultStatus(result.get());
+            if (status == PGRES_SINGLE_TUPLE && row) {
+                row(Row(result.get()));
+            } else if (status != PGRES_SINGLE_TUPLE && status != PGRES_TUPLES_OK &&
+                       status != PGRES_COMMAND_OK && ok) {
+                error = message(connection_, result.get());
+                ok = false;
+            }
+        }
+    }
+
+    bool begin(std::string& error) override { return run("BEGIN", {}, {}, error); }
+
+    // Ids come from a sequence and commit out of order. SHARE mode waits for every
+    // transaction that has inserted into the table (any that holds an id) to end,
+    // and keeps new ones out while the largest id is read; briefly, so that intake
+    // waits no longer than the read.
+    std::optional<int64_t> settledObservations(std::string& error) override {
+        std::optional<int64_t> settled;
+        std::string ignored;
+        if (run("BEGIN", {}, {}, error) && run("SET LOCAL lock_timeout = '30s'", {}, {}, error) &&
+            run("LOCK TABLE observations IN SHARE MODE", {}, {}, error) &&
+            run(
+                "SELECT COALESCE(MAX(id), 0) FROM observations", {},
+                [&](const SqlRow& row) { settled = row.integer(0); }, error) &&
+            run("COMMIT", {}, {}, error)) {
+            return settled;
+        }
+        run("ROLLBACK", {}, {}, ignored);
+        return std::nullopt;
+    }
+
+  private:
+    PGconn* connection_;
+};
 
 class Session final : public SchemaSession {
   public:
@@ -265,6 +406,24 @@ class PostgresqlDatabase final : public Database {
                  arrayText(all, [](const Observation& o) { return int64_t(o.timeMs); })},
                 [](PGresult*) {});
         return stored == Lookup::Registered ? Addition::Added : Addition::Failed;
+    }
+
+  protected:
+    // A connection of the pool for the run; dropped afterwards unless it is idle
+    // and outside any transaction (a statement that had no answer in time may
+    // still be running on it).
+    bool withLearningSession(const std::function<bool(LearningSession&)>& work,
+                             std::string& error) override {
+        Connection connection = borrow(error);
+        if (!connection) {
+            return false;
+        }
+        Learning session(connection.get());
+        const bool done = work(session);
+        if (PQtransactionStatus(connection.get()) == PQTRANS_IDLE) {
+            giveBack(std::move(connection));
+        }
+        return done;
     }
 
   private:

@@ -3,11 +3,14 @@
 // machine may share it; BEGIN IMMEDIATE makes their migrations take turns.
 #include <sqlite3.h>
 
+#include <algorithm>
 #include <chrono>
+#include <cmath>
 #include <mutex>
 #include <thread>
 
 #include "server/database.h"
+#include "server/database_learning.h"
 #include "server/database_schema.h"
 #include "spi/log.h"
 #include "spi/platform.h"
@@ -55,6 +58,37 @@ constexpr SchemaDialect kDialect = {
         " accuracy REAL NOT NULL,"
         " rss INTEGER NOT NULL,"
         " time_ms INTEGER NOT NULL);",
+
+        "CREATE TABLE ap_cells ("
+        " realm TEXT NOT NULL,"
+        " mac INTEGER NOT NULL,"
+        " cell_row INTEGER NOT NULL,"
+        " cell_column INTEGER NOT NULL,"
+        " count INTEGER NOT NULL,"
+        " weight REAL NOT NULL,"
+        " weighted_latitude REAL NOT NULL,"
+        " weighted_longitude REAL NOT NULL,"
+        " accuracy_sum REAL NOT NULL,"
+        " rss_count INTEGER NOT NULL,"
+        " rss_sum REAL NOT NULL,"
+        " rss_squares REAL NOT NULL,"
+        " oldest_ms INTEGER NOT NULL,"
+        " newest_ms INTEGER NOT NULL,"
+        " PRIMARY KEY (realm, mac, cell_row, cell_column)) WITHOUT ROWID;"
+        "CREATE TABLE learned_aps ("
+        " realm TEXT NOT NULL,"
+        " mac INTEGER NOT NULL,"
+        " verdict INTEGER NOT NULL,"
+        " latitude REAL NOT NULL,"
+        " longitude REAL NOT NULL,"
+        " quality INTEGER NOT NULL,"
+        " signal_exponent REAL NOT NULL,"
+        " exponent_fitted INTEGER NOT NULL,"
+        " overflowing INTEGER NOT NULL,"
+        " PRIMARY KEY (realm, mac)) WITHOUT ROWID;"
+        "CREATE TABLE learning_state ("
+        " realm TEXT NOT NULL PRIMARY KEY,"
+        " watermark INTEGER NOT NULL) WITHOUT ROWID;",
     }};
 
 enum Statement {
@@ -121,6 +155,99 @@ class Session final : public SchemaSession {
     sqlite3* connection_;
 };
 
+// The C library's floor and pow as SQL functions, for an SQLite built without its
+// own, so that the learning statements read the same on both back ends.
+void floorFunction(sqlite3_context* context, int, sqlite3_value** arguments) {
+    sqlite3_result_double(context, std::floor(sqlite3_value_double(arguments[0])));
+}
+
+void powerFunction(sqlite3_context* context, int, sqlite3_value** arguments) {
+    sqlite3_result_double(
+        context, std::pow(sqlite3_value_double(arguments[0]), sqlite3_value_double(arguments[1])));
+}
+
+bool haveMathFunctions(sqlite3* connection, std::string& error) {
+    Session session(connection);
+    if (session.number("SELECT floor(1.5) + power(10, 2)", error)) {
+        return true;
+    }
+    const int flags = SQLITE_UTF8 | SQLITE_DETERMINISTIC;
+    return (sqlite3_create_function(connection, "floor", 1, flags, nullptr, floorFunction, nullptr,
+                                    nullptr) == SQLITE_OK &&
+            sqlite3_create_function(connection, "power", 2, flags, nullptr, powerFunction, nullptr,
+                                    nullptr) == SQLITE_OK) ||
+           (error = message(connection), false);
+}
+
+class Row final : public SqlRow {
+  public:
+    explicit Row(sqlite3_stmt* statement) : statement_(statement) {}
+    int64_t integer(int column) const override { return sqlite3_column_int64(statement_, column); }
+    double real(int column) const override { return sqlite3_column_double(statement_, column); }
+
+  private:
+    sqlite3_stmt* statement_;
+};
+
+// The learning statements on the process's one connection. Parameters $N are
+// SQLite's ?N, numbered as written.
+class Learning final : public LearningSession {
+  public:
+    explicit Learning(sqlite3* connection) : connection_(connection) {}
+
+    bool run(const std::string& sql, const std::vector<SqlValue>& parameters,
+             const std::function<void(const SqlRow&)>& row, std::string& error) override {
+        std::string text = sql;
+        std::replace(text.begin(), text.end(), '$', '?');
+        sqlite3_stmt* statement = nullptr;
+        if (sqlite3_prepare_v2(connection_, text.c_str(), -1, &statement, nullptr) != SQLITE_OK) {
+            error = message(connection_);
+            return false;
+        }
+        for (size_t i = 0; i < parameters.size(); ++i) {
+            const int index = static_cast<int>(i) + 1;
+            if (const auto* number = std::get_if<int64_t>(&parameters[i])) {
+                sqlite3_bind_int64(statement, index, *number);
+            } else if (const auto* real = std::get_if<double>(&parameters[i])) {
+                sqlite3_bind_double(statement, index, *real);
+            } else {
+                const std::string& value = std::get<std::string>(parameters[i]);
+                sqlite3_bind_text(statement, index, value.data(), static_cast<int>(value.size()),
+                                  SQLITE_TRANSIENT);
+            }
+        }
+        int stepped = SQLITE_ROW;
+        const Row reader(statement);
+        while ((stepped = sqlite3_step(statement)) == SQLITE_ROW) {
+            if (row) {
+                row(reader);
+            }
+        }
+        if (stepped != SQLITE_DONE) {
+            error = message(connection_);
+        }
+        sqlite3_finalize(statement);
+        return stepped == SQLITE_DONE;
+    }
+
+    bool begin(std::string& error) override { return run("BEGIN IMMEDIATE", {}, {}, error); }
+
+    // One writer at a time gives AUTOINCREMENT ids, and each commits before the
+    // next begins: every id up to the largest is settled.
+    std::optional<int64_t> settledObservations(std::string& error) override {
+        std::optional<int64_t> settled;
+        if (!run(
+                "SELECT COALESCE(MAX(id), 0) FROM observations", {},
+                [&](const SqlRow& row) { settled = row.integer(0); }, error)) {
+            return std::nullopt;
+        }
+        return settled;
+    }
+
+  private:
+    sqlite3* connection_;
+};
+
 class SqliteDatabase final : public Database {
   public:
     SqliteDatabase(sqlite3* connection, SPI::Logger& category)
@@ -156,7 +283,7 @@ class SqliteDatabase final : public Database {
         // FULL: an acknowledged registration or report survives a power cut, not
         // only a crash of the process (a sync per commit; reports come in batches).
         if (!enterWalMode(session, error) || !session.execute("PRAGMA synchronous=FULL", error) ||
-            !migrateSchema(session, kDialect, error)) {
+            !haveMathFunctions(connection_, error) || !migrateSchema(session, kDialect, error)) {
             return false;
         }
         for (int i = 0; i < kStatements; ++i) {
@@ -247,6 +374,16 @@ class SqliteDatabase final : public Database {
         session.execute("ROLLBACK", ignored);
         ZEL_LOG_ERROR(category_, "storing a report failed: %s", error.c_str());
         return Addition::Failed;
+    }
+
+  protected:
+    // Learning holds the process's one connection for its run: requests wait for it
+    // (an incremental run takes milliseconds at the sizes one SQLite file serves).
+    bool withLearningSession(const std::function<bool(LearningSession&)>& work,
+                             std::string&) override {
+        std::lock_guard lock(mutex_);
+        Learning session(connection_);
+        return work(session);
     }
 
   private:

@@ -6,13 +6,18 @@
 //
 // Runs until SIGTERM or SIGINT, then finishes the exchanges under way and exits 0.
 // SIGHUP reads the tile files again (LocationService::reloadTiles).
+// --learn-every: a thread learns from the reports in the database at that period
+// (server/database.h), writes --learned-tiles when something new came and reloads
+// the tile files as SIGHUP does.
 // Exit status 2: bad options or data that cannot be loaded.
 
 #include <CLI/CLI.hpp>
+#include <condition_variable>
 #include <csignal>
 #include <cstdio>
 #include <iostream>
 #include <mutex>
+#include <thread>
 
 #include "server/location_server.h"
 #include "spi/log.h"
@@ -37,6 +42,7 @@ struct Arguments {
     bool verbose = false;
     double headSeconds = 10, bodySeconds = 30, keepAliveSeconds = 30;
     double maxReportAgeSeconds = 7 * 86400;
+    std::string learnEvery;  // a duration; empty: no learning
 };
 
 void addLimitOptions(CLI::App& app, Arguments& a) {
@@ -74,8 +80,13 @@ void addLimitOptions(CLI::App& app, Arguments& a) {
 
 void addOptions(CLI::App& app, Arguments& a) {
     app.add_option("--tiles", a.service.tileFiles, "Tile files to answer locations from")
-        ->required()
         ->check(CLI::ExistingFile);
+    app.add_option("--learned-tiles", a.service.learnedTiles,
+                   "The tile file learned from the reports in --database: answered from "
+                   "first, and served at GET /v1/tiles/REALM, once it exists");
+    app.add_option("--learn-every", a.learnEvery,
+                   "Learn from the reports at this period (e.g. 30s, 10m, 1h) into "
+                   "--learned-tiles, and answer from the new file");
     app.add_option("--realm", a.service.realm, "Realm of the tile files and of the users")
         ->required();
     app.add_option("--listen", a.listen, "HOST:PORT to listen on (port 0: any free port)")
@@ -160,6 +171,77 @@ std::function<void(const std::string&)> accessLogSink(const Arguments& a, std::s
     };
 }
 
+// Seconds in "30", "30s", "500ms", "10m" or "1h"; nullopt when it is not one.
+std::optional<double> durationSeconds(const std::string& text) {
+    size_t end = 0;
+    double value = 0;
+    try {
+        value = std::stod(text, &end);
+    } catch (const std::exception&) {
+        return std::nullopt;
+    }
+    const std::string unit = text.substr(end);
+    const double scale = unit.empty() || unit == "s" ? 1
+                         : unit == "ms"              ? 0.001
+                         : unit == "m"               ? 60
+                         : unit == "h"               ? 3600
+                                                     : 0;
+    return scale > 0 && value > 0 ? std::optional<double>(value * scale) : std::nullopt;
+}
+
+// Learns the realm's reports into the learned tile file, at once and then every
+// `period`, and reloads the tile files after each new file; until stopped.
+class PeriodicLearning {
+  public:
+    PeriodicLearning(std::shared_ptr<LocationService> service, ServiceOptions options,
+                     std::chrono::milliseconds period)
+        : service_(std::move(service)), options_(std::move(options)), period_(period) {
+        thread_ = std::thread([this] { loop(); });
+    }
+    ~PeriodicLearning() {
+        {
+            std::lock_guard lock(mutex_);
+            stopping_ = true;
+        }
+        wake_.notify_all();
+        thread_.join();
+    }
+
+  private:
+    void loop() {
+        ZEL::SPI::Logger& category = ZEL::SPI::getLogger("ZEL.Server.Learning");
+        std::unique_lock lock(mutex_);
+        while (!stopping_) {
+            lock.unlock();
+            std::string error;
+            const std::optional<LearnedFile> learned = learnTileFile(
+                service_->users(), options_.realm, options_.learnedTiles, false, true, {}, error);
+            if (!learned) {
+                ZEL_LOG_ERROR(category, "learning failed, next try in a period: %s", error.c_str());
+            } else if (learned->replaced) {
+                ZEL_LOG_INFO(category, "learned %llu new observations: %zu access points in %s",
+                             static_cast<unsigned long long>(learned->tally.observations),
+                             learned->written.accessPoints, options_.learnedTiles.c_str());
+                service_->reloadTiles(error);  // a refusal is logged; the old files keep serving
+            } else if (learned->tally.observations > 0) {
+                ZEL_LOG_INFO(category, "learned %llu new observations; %s",
+                             static_cast<unsigned long long>(learned->tally.observations),
+                             learned->written.error.c_str());
+            }
+            lock.lock();
+            wake_.wait_for(lock, period_, [this] { return stopping_; });
+        }
+    }
+
+    std::shared_ptr<LocationService> service_;
+    const ServiceOptions options_;
+    const std::chrono::milliseconds period_;
+    std::mutex mutex_;
+    std::condition_variable wake_;
+    bool stopping_ = false;
+    std::thread thread_;
+};
+
 std::shared_ptr<LocationService> makeService(Arguments& a, std::string& error) {
     ServiceData data;
     const std::string url = a.users.empty() ? a.database : "sqlite:" + a.users;
@@ -203,6 +285,16 @@ int run(Arguments& a) {
         std::fprintf(stderr, "zel-server: --listen wants HOST:PORT, not %s\n", a.listen.c_str());
         return 2;
     }
+    const std::optional<double> period =
+        a.learnEvery.empty() ? std::optional<double>(0) : durationSeconds(a.learnEvery);
+    if (!period || (a.service.tileFiles.empty() && a.service.learnedTiles.empty()) ||
+        (*period > 0 && a.service.learnedTiles.empty())) {
+        std::fprintf(stderr, "zel-server: %s\n",
+                     !period       ? "--learn-every wants a duration such as 30s, 10m or 1h"
+                     : *period > 0 ? "--learn-every needs --learned-tiles"
+                                   : "give --tiles, --learned-tiles or both");
+        return 2;
+    }
     // Signals are taken by sigwait below: block them before any thread starts.
     sigset_t signals;
     sigemptyset(&signals);
@@ -226,10 +318,16 @@ int run(Arguments& a) {
     }
     std::printf("zel-server: listening on %s%s\n", server->url().c_str(), a.server.prefix.c_str());
     std::fflush(stdout);
+    std::unique_ptr<PeriodicLearning> learning;
+    if (*period > 0) {
+        learning = std::make_unique<PeriodicLearning>(
+            service, a.service, duration_cast<milliseconds>(duration<double>(*period)));
+    }
     int signal = 0;
     while (sigwait(&signals, &signal) == 0 && signal == SIGHUP) {
         service->reloadTiles(error);  // a refusal is logged; the old files keep serving
     }
+    learning.reset();
     server->stop();
     std::fprintf(stderr, "zel-server: stopped by signal %d\n", signal);
     return 0;

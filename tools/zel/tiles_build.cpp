@@ -2,6 +2,8 @@
 // observations in any of the formats of learn/observation_readers.h, several inputs
 // at once. Positions given as such come first (of a MAC given twice the first
 // counts); every other MAC is learned from its observations (learn/learning.h).
+// zel learn --database: incrementally, from the observations a server's database
+// holds (server/database.h), the same run as zel-server --learn-every.
 #include <unistd.h>
 
 #include <cstdio>
@@ -15,6 +17,9 @@
 #include "learn/observation_readers.h"
 #include "tiles/tile_writer.h"
 #include "tiles_commands.h"
+#ifndef _WIN32
+#include "server/database.h"
+#endif
 
 namespace ZEL::Cli {
 namespace {
@@ -27,6 +32,8 @@ struct BuildArguments {
     std::string columns;
     Tiles::TileWriterOptions options;
     bool json = false;
+    std::string database;  // zel learn only
+    bool full = false;
 };
 
 struct Tally {
@@ -91,7 +98,63 @@ void addLearned(const Learn::Learner& learner, std::vector<Tiles::AccessPointPos
     }
 }
 
+#ifndef _WIN32
+int learnFromDatabase(const BuildArguments& arguments) {
+    std::string error;
+    std::unique_ptr<Server::Database> database = Server::Database::open(arguments.database, error);
+    std::function<void(const std::string&)> progress;
+    if (isatty(STDERR_FILENO)) {
+        progress = [](const std::string& line) { std::fprintf(stderr, "%s\n", line.c_str()); };
+    }
+    std::optional<Server::LearnedFile> learned;
+    if (database) {
+        learned = Server::learnTileFile(*database, arguments.realm, arguments.output,
+                                        arguments.full, false, progress, error);
+    }
+    if (!learned || !learned->replaced) {
+        std::fprintf(stderr, "%s: %s\n", arguments.name,
+                     learned ? learned->written.error.c_str() : error.c_str());
+        return 1;
+    }
+    const Server::LearningTally& tally = learned->tally;
+    if (arguments.json) {
+        nlohmann::json line = {{"output", arguments.output},
+                               {"realm", arguments.realm},
+                               {"access_points", learned->written.accessPoints},
+                               {"bytes", learned->written.fileBytes},
+                               {"observations", tally.observations},
+                               {"relearned", tally.accessPoints},
+                               {"placed", tally.placed},
+                               {"moved", tally.moved},
+                               {"left_out_moving", tally.moving},
+                               {"exponents_fitted", tally.fitted}};
+        std::printf("%s\n", line.dump().c_str());
+    } else {
+        std::printf(
+            "folded in %llu new observations, learned %llu APs again (%llu moved, %llu "
+            "left out as moving, %llu exponents fitted); wrote %s: %zu APs\n",
+            static_cast<unsigned long long>(tally.observations),
+            static_cast<unsigned long long>(tally.accessPoints),
+            static_cast<unsigned long long>(tally.moved),
+            static_cast<unsigned long long>(tally.moving),
+            static_cast<unsigned long long>(tally.fitted), arguments.output.c_str(),
+            learned->written.accessPoints);
+    }
+    return 0;
+}
+#endif
+
 int build(const BuildArguments& arguments) {
+    if (!arguments.database.empty() || arguments.inputs.empty()) {
+#ifndef _WIN32
+        if (!arguments.database.empty() && arguments.inputs.empty()) {
+            return learnFromDatabase(arguments);
+        }
+#endif
+        std::fprintf(stderr, "%s: give input files%s\n", arguments.name,
+                     arguments.database.empty() ? "" : " or --database, not both");
+        return 1;
+    }
     Learn::Learner learner;
     std::vector<Tiles::AccessPointPosition> positions;
     Tally tally;
@@ -140,8 +203,7 @@ int build(const BuildArguments& arguments) {
 }
 
 void addOptions(CLI::App* command, const std::shared_ptr<BuildArguments>& arguments) {
-    command->add_option("input", arguments->inputs, "input files (the form is recognised)")
-        ->required();
+    command->add_option("input", arguments->inputs, "input files (the form is recognised)");
     command->add_option("-o,--output", arguments->output, "tile file to write")->required();
     command->add_option("--realm", arguments->realm, "realm name (empty: plain MAC keys)");
     command->add_option("--columns", arguments->columns,
@@ -186,6 +248,13 @@ void addLearnCommand(CLI::App& app) {
         "(WiGLE exports, geosubmit JSON, recordings with positions, --columns CSV) into a tile "
         "file");
     addOptions(command, arguments);
+#ifndef _WIN32
+    command->add_option("--database", arguments->database,
+                        "learn incrementally from the observations reported to a server: "
+                        "sqlite:PATH or postgresql://... (instead of input files)");
+    command->add_flag("--full", arguments->full,
+                      "with --database: forget what was learned and fold in every observation");
+#endif
 }
 
 }  // namespace ZEL::Cli
