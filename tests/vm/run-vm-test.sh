@@ -60,13 +60,13 @@ done
 echo "booting $(basename "$kernel") under qemu (TCG)"
 start=$(date +%s)
 status=0
-timeout 150 qemu-system-x86_64 -machine q35,accel=tcg -cpu max -m 1024 -smp 1 \
+timeout 210 qemu-system-x86_64 -machine q35,accel=tcg -cpu max -m 1024 -smp 1 \
     -nographic -no-reboot -nic none -kernel "$kernel" -initrd "$work/initramfs.cpio" \
     -append "console=ttyS0 rdinit=/init panic=-1 quiet loglevel=3" \
     < /dev/null > "$work/console.log" 2>&1 || status=$?
 tr -d '\r' < "$work/console.log"
 echo "VM ran $(( $(date +%s) - start )) s"
-[ $status -eq 124 ] && fail "the VM did not finish within 150 s"
+[ $status -eq 124 ] && fail "the VM did not finish within 210 s"
 
 # Every command must have run and exited 0.
 while read -r command; do
