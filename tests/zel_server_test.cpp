@@ -17,6 +17,7 @@
 #include <chrono>
 #include <cstdio>
 #include <filesystem>
+#include <fstream>
 #include <functional>
 #include <map>
 #include <sstream>
@@ -445,6 +446,48 @@ TEST_P(SharedUserDatabase, AnAcknowledgedReportSurvivesSigkill) {
     ASSERT_TRUE(reply && reply->status == 200) << (reply ? reply->body : "no answer");
     server.signal(SIGKILL);
     EXPECT_EQ(queryTestDatabase(url_, "SELECT mac FROM observations"), "2199023255553");
+}
+
+// Reports stored in the server's database are learned in-process: the learned file
+// appears, is answered from and downloaded, and is replaced when an access point moves.
+TEST(ServerProgram, LearnsFromTheReportsAndSwapsTheLearnedFileIn) {
+    const TempDir directory;
+    const std::string learned = directory.path() + "/learned.zel";
+    const std::string url = "sqlite:" + directory.path() + "/zel.db";
+    std::string error;
+    const std::unique_ptr<Database> database = Database::open(url, error);
+    ASSERT_NE(database, nullptr) << error;
+    ServerProcess server("--database " + url + " --learned-tiles " + learned +
+                         " --learn-every 100ms --add-api-key k1" + kProgramOptions);
+    ASSERT_FALSE(server.url().empty());
+    Remote::LocationDeterminationRemote remote;
+    remote.setServerUrl(server.url());
+    const Core::ApList scan = {heard(1, -50), heard(2, -60), heard(6, -70)};
+    Core::LocationRecord record;
+    EXPECT_NE(remote.location(kAlice, 0, scan, record), Core::ResultCode::kOk);
+    // Each access point heard at its place in the fixture's file, `north` metres on.
+    auto report = [&](double north, uint64_t day) {
+        Database::Report report{kServerRealm, "", "", 1, {}};
+        for (const Tiles::AccessPointPosition& ap : TestLocationServer::tileAccessPoints(north)) {
+            for (int i = 0; i < 3; ++i) {
+                report.observations.push_back(
+                    {ap.mac, ap.latitude, ap.longitude, 5, -60 - i, day * 86'400'000 + i});
+            }
+        }
+        ASSERT_EQ(database->addReport(report), Database::Addition::Added);
+    };
+    httplib::Client client("127.0.0.1", server.port());
+    for (const double north : {0.0, 2000.0}) {
+        report(north, north > 0 ? 3 : 1);
+        ASSERT_TRUE(server.waitFor("tile files reloaded (1)")) << north;
+        ASSERT_EQ(remote.location(kAlice, 0, scan, record), Core::ResultCode::kOk);
+        EXPECT_NEAR(record.latitude, latitudeAt(north), 100 / kMetresPerDegree) << north;
+        auto download = client.Get("/v1/tiles/acme?key=k1");
+        ASSERT_TRUE(download);
+        std::ifstream file(learned, std::ios::binary);
+        EXPECT_EQ(download->body, std::string(std::istreambuf_iterator<char>(file), {}));
+    }
+    EXPECT_EQ(server.stop(), 0);
 }
 
 // A raw loopback connection to `port`, -1 when it fails; reads give up after 5 s.

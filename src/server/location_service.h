@@ -36,15 +36,15 @@ namespace ZEL::Server {
 
 struct ServiceOptions {
     std::vector<std::string> tileFiles;
-    // A tile file the server learns (--learned-tiles): answered from before the
-    // others, and downloaded, once it exists; left out until the first is written.
-    std::string learnedTiles;
     std::string realm;              // of the tile files and of the users served
     bool open = false;              // accept any authentication
     size_t maxAccessPoints = 1000;  // per location request
     // Reports (geosubmit) are stored only in a database that outlives the process.
     bool storeReports = false;
     uint64_t maxReportAgeMs = 7 * 86'400'000ull;  // older report items are left out
+    // A tile file the server learns (--learned-tiles): answered from before the
+    // others, and downloaded, once it exists; left out until the first is written.
+    std::string learnedTiles = {};
 };
 
 struct GeolocateCall;  // geolocate_service.h
