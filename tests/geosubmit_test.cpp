@@ -63,9 +63,9 @@ TEST_P(GeosubmitRoute, StoresWhatPassesTheFiltersAndNothingOfABadBody) {
                                   R"(00000000"},{"macAddress":"01:00:5e:00:00:01"}],"cells":[1)")),
          at(kMinute), "k1", "/v1/geosubmit"},
         {200, geoclue,
-         "acme|k1|ge?o|2586732920833|46.0043|8.9934|25.5|-45|" +
+         "acme|k1|g e?o|2586732920833|46.0043|8.9934|25.5|-45|" +
              std::to_string(second - 5 * kMinute),
-         "k1", "/v2/geosubmit", "ge\xe9o"},
+         "k1", "/v2/geosubmit", "g e\xe9o"},
         {200, items(item(std::nullopt, ap)), stored + "-1"},
         {200, items(item(7 * kDay - kMinute, ap)), at(7 * kDay - kMinute)},
         {200, items(item(7 * kDay + kMinute, ap))},
