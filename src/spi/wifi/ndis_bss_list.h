@@ -32,6 +32,16 @@ constexpr size_t kMinItemLength = 96;
 // Ndis802_11Infrastructure: an access point, as opposed to an ad-hoc station.
 constexpr uint32_t kInfrastructure = 1;
 
+// A scan record from a driver's fields: `mac` in the order the air carries it, an
+// SSID of `ssidLength` bytes of which at most 32 are kept, `dbm` and `time`.
+Core::ScannedAP scannedAp(const uint8_t* mac, const uint8_t* ssid, uint32_t ssidLength, int16_t dbm,
+                          Core::TimeStamp time, Logger& log);
+
+// Appends `ap` to `list` when `infrastructure` (an access point), logging it; else
+// logs that it was left out, with the driver's `mode`.
+void addHeard(Core::ApList& list, const Core::ScannedAP& ap, bool infrastructure, int mode,
+              Logger& log);
+
 // Replaces `list` with the infrastructure access points of the `size` bytes at
 // `data`, in the driver's order, each stamped with `time`; ad-hoc items are left
 // out with a debug line. A list whose bytes end before its count says, or an item
