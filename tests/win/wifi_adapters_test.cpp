@@ -6,6 +6,7 @@
 
 #include <algorithm>
 #include <cstring>
+#include <fstream>
 #include <string>
 #include <tuple>
 
@@ -13,6 +14,7 @@
 #include "spi/wifi/ndisuio.h"
 #include "spi/wifi/ndisuio_wifi_adapter.h"
 #include "spi/wifi/wlan_wifi_adapter.h"
+#include "support/hand_built_tile.h"
 #include "support/log_capture.h"
 
 namespace ZEL::SPI {
@@ -160,22 +162,15 @@ Function entryPoint(const char* name) {
 }
 
 TEST(WlanAdapterTest, ScansTheServiceInterfacesAndReadsTheirBssLists) {
-    auto script = entryPoint<void(WINAPI*)(const WLAN_INTERFACE_INFO*, DWORD, const WLAN_BSS_ENTRY*,
-                                           DWORD, DWORD)>("WlanDoubleScript");
     auto counters = entryPoint<void(WINAPI*)(LONG*, LONG*)>("WlanDoubleCounters");
-    ASSERT_TRUE(script && counters) << "no wlanapi.dll double beside the test program";
-    WLAN_INTERFACE_INFO interfaces[2] = {{{1, 0, 0, {}}, L"Test Wireless 1", {}},
-                                         {{2, 0, 0, {}}, L"Test Wireless 2", {}}};
-    WLAN_BSS_ENTRY entries[3] = {};  // 0A:00:00:00:00:01..03, the second ad hoc
-    for (UCHAR i = 0; i < 3; ++i) {
-        entries[i].dot11Bssid[0] = 0x0A, entries[i].dot11Bssid[5] = i + 1;
-        entries[i].dot11BssType =
-            i == 1 ? dot11_BSS_type_independent : dot11_BSS_type_infrastructure;
-    }
-    entries[0].dot11Ssid = {4, "cafe"};
-    entries[0].lRssi = -48;
-    entries[2].lRssi = -40000;
-    script(interfaces, 2, entries, 3, 1);  // one item more said than given
+    ASSERT_TRUE(counters) << "no wlanapi.dll double beside the test program";
+    Testing::TempDir directory;
+    const std::string script = directory.path() + "/wlan";
+    // The second is ad hoc; the list says one entry more than it holds.
+    std::ofstream(script) << "interface 1 Test Wireless 1\ninterface 2 Test Wireless 2\n"
+                          << "bss 0A0000000001 -48 1 cafe\nbss 0A0000000002 -70 2\n"
+                          << "bss 0A0000000003 -40000 1\nclaim 1\n";
+    SetEnvironmentVariableA("ZEL_TEST_WLAN_SCRIPT", script.c_str());
     ManualClock clock{kNowMs};
     AdapterList adapters = enumerateWlanAdapters(&clock);
     ASSERT_EQ(adapters.size(), 2u);
@@ -196,6 +191,7 @@ TEST(WlanAdapterTest, ScansTheServiceInterfacesAndReadsTheirBssLists) {
     LONG handles = 0, unfreed = 0;
     counters(&handles, &unfreed);
     EXPECT_EQ(handles + unfreed, 0);  // every handle closed, every answer given back
+    SetEnvironmentVariableA("ZEL_TEST_WLAN_SCRIPT", nullptr);
 }
 
 }  // namespace
