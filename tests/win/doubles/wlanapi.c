@@ -13,7 +13,6 @@
 static WLAN_INTERFACE_INFO interfaces[8];
 static WLAN_BSS_ENTRY entries[64];
 static DWORD interfaceCount, entryCount, claimedExtra;
-static LONG openHandles, allocations;
 
 static void readScript(void) {
     char path[MAX_PATH], line[160];
@@ -47,16 +46,6 @@ static void readScript(void) {
     }
 }
 
-/* Client handles open, and service memory not given back. */
-void WINAPI WlanDoubleCounters(LONG* handles, LONG* unfreed) {
-    *handles = openHandles, *unfreed = allocations;
-}
-
-static void* allocate(size_t size) {
-    ++allocations;
-    return HeapAlloc(GetProcessHeap(), HEAP_ZERO_MEMORY, size);
-}
-
 #define KNOWN(guid) ((guid)->Data1 >= 1 && (guid)->Data1 <= interfaceCount)
 
 DWORD WINAPI WlanOpenHandle(DWORD version, PVOID reserved, PDWORD negotiated, PHANDLE client) {
@@ -64,18 +53,18 @@ DWORD WINAPI WlanOpenHandle(DWORD version, PVOID reserved, PDWORD negotiated, PH
         return ERROR_NOT_SUPPORTED;
     }
     *negotiated = version;
-    *client = (HANDLE)(ULONG_PTR)(0x100 + ++openHandles);
+    *client = (HANDLE)(ULONG_PTR)0x100;
     return ERROR_SUCCESS;
 }
 
 DWORD WINAPI WlanCloseHandle(HANDLE client, PVOID reserved) {
-    --openHandles;
     return ERROR_SUCCESS;
 }
 
 DWORD WINAPI WlanEnumInterfaces(HANDLE client, PVOID reserved, PWLAN_INTERFACE_INFO_LIST* list) {
     readScript();
-    *list = allocate(sizeof(WLAN_INTERFACE_INFO_LIST) + interfaceCount * sizeof *interfaces);
+    *list = HeapAlloc(GetProcessHeap(), HEAP_ZERO_MEMORY,
+                      sizeof(WLAN_INTERFACE_INFO_LIST) + interfaceCount * sizeof *interfaces);
     (*list)->dwNumberOfItems = interfaceCount;
     memcpy((*list)->InterfaceInfo, interfaces, interfaceCount * sizeof *interfaces);
     return ERROR_SUCCESS;
@@ -94,7 +83,7 @@ DWORD WINAPI WlanGetNetworkBssList(HANDLE client, const GUID* guid, const PDOT11
         return ERROR_INVALID_PARAMETER;
     }
     DWORD size = offsetof(WLAN_BSS_LIST, wlanBssEntries) + entryCount * sizeof *entries;
-    *list = allocate(size);
+    *list = HeapAlloc(GetProcessHeap(), HEAP_ZERO_MEMORY, size);
     (*list)->dwTotalSize = size;
     (*list)->dwNumberOfItems = entryCount + claimedExtra;
     memcpy((*list)->wlanBssEntries, entries, entryCount * sizeof *entries);
@@ -102,6 +91,5 @@ DWORD WINAPI WlanGetNetworkBssList(HANDLE client, const GUID* guid, const PDOT11
 }
 
 VOID WINAPI WlanFreeMemory(PVOID memory) {
-    --allocations;
     HeapFree(GetProcessHeap(), 0, memory);
 }
