@@ -4,7 +4,11 @@
 #include "spi/io/win32_file.h"
 #include "spi/platform.h"
 #include "spi/time/win32_clock.h"
+#include "spi/wifi/ndisuio_wifi_adapter.h"
+#include "spi/wifi/wlan_wifi_adapter.h"
 #include "spi/xml/msxml_parser.h"
+
+#include <cstdlib>
 
 namespace ZEL::SPI {
 namespace {
@@ -14,7 +18,17 @@ class Win32Platform final : public Platform {
     std::unique_ptr<File> newFile() override { return newWin32File(); }
     std::unique_ptr<XmlHttpRequest> newHttpRequest() override { return newWinInetXmlHttpRequest(); }
     std::unique_ptr<XmlParser> newXmlParser() override { return newMsxmlParser(); }
-    AdapterList wifiAdapters() override { return {}; }
+    // The NDISUIO adapters, else (desktop Windows since Vista has no NDISUIO) the
+    // Native Wifi ones. ZEL_NDISUIO_DEVICE names the access device when it is not
+    // desktop Windows' \\.\NdisUio ("UIO1:" on the handheld system).
+    AdapterList wifiAdapters() override {
+        NdisuioOptions options;
+        if (const wchar_t* path = _wgetenv(L"ZEL_NDISUIO_DEVICE"); path != nullptr && *path != 0) {
+            options.devicePath = path;
+        }
+        AdapterList adapters = enumerateNdisuioAdapters(options);
+        return adapters.empty() ? enumerateWlanAdapters() : std::move(adapters);
+    }
     Clock& clock() override { return win32Clock(); }
 };
 

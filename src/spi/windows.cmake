@@ -19,6 +19,15 @@ zel_add_library(zel_spi_io SOURCES io/win32_file.cpp LIBS zel_spi_base)
 zel_add_library(zel_spi_http SOURCES http/wininet_xml_http_request.cpp LIBS zel_spi_base wininet)
 zel_add_library(zel_spi_xml SOURCES xml/msxml_parser.cpp LIBS zel_spi_base ole32 oleaut32 uuid)
 
+# wzcsapi.dll and wlanapi.dll are loaded at run time: either may be missing.
+zel_add_library(zel_spi_wifi
+    SOURCES
+        wifi/ndis_bss_list.cpp
+        wifi/ndisuio_wifi_adapter.cpp
+        wifi/wzc_wrapper.cpp
+        wifi/wlan_wifi_adapter.cpp
+    LIBS zel_spi_base ole32)
+
 zel_add_library(zel_spi
     SOURCES platform.cpp win32_platform.cpp
-    LIBS zel_spi_base zel_spi_io zel_spi_http zel_spi_xml)
+    LIBS zel_spi_base zel_spi_io zel_spi_http zel_spi_xml zel_spi_wifi)

@@ -84,18 +84,6 @@ std::string ssidOf(const BssTable& bss) {
 
 }  // namespace
 
-int16_t rssToDbm(int32_t driverValue) {
-    int32_t value = driverValue < -100000 ? driverValue / 100000 : driverValue;
-    if (value < 0) {
-        // Kept as it stands, but never wrapped into a positive 16-bit value.
-        return static_cast<int16_t>(std::max<int32_t>(value, INT16_MIN));
-    }
-    if (value >= 1 && value <= 99) {
-        return static_cast<int16_t>((value - 10) * 85 / 90 - 95);
-    }
-    return -255;
-}
-
 std::string ssidFromInformationElements(const uint8_t* elements, size_t length) {
     constexpr uint8_t kSsidElement = 0;
     size_t pos = 0;

@@ -15,14 +15,9 @@
 #include <string>
 
 #include "core/scanned_ap.h"
+#include "spi/wifi/driver_signal.h"
 
 namespace ZEL::SPI {
-
-// A driver's signal value as dBm. Values below -100000 are scaled by 1/100000
-// (truncating toward zero); then negative values are dBm as they stand, 1..99 is a
-// percentage mapped onto -95..-10 dBm as (value - 10) * 85 / 90 - 95, and 0 or 100
-// and above mean "unknown": -255.
-int16_t rssToDbm(int32_t driverValue);
 
 // The SSID element (id 0) of 802.11 information elements; empty when absent or
 // when an element runs past `length`.
