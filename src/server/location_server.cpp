@@ -192,6 +192,10 @@ struct LocationServer::State {
     Response exchange(const Request& request, const std::string& peer, std::optional<int> refusal);
     Reply dispatch(const Request& request, Route route, const std::string& client,
                    std::string_view target, std::string& contentType);
+    // The refusal shared by the JSON POST routes: the address's limit, the method, then
+    // the key's limit; nothing when the request may go on.
+    std::optional<Reply> refuseJsonPost(const Request& request, const std::string& client,
+                                        std::string_view key);
     Reply geolocate(const Request& request, const std::string& client, std::string_view target);
     Reply tiles(const Request& request, const std::string& client, std::string_view target);
     Reply geosubmit(const Request& request, const std::string& client, std::string_view target);
@@ -564,7 +568,8 @@ Reply State::dispatch(const Request& request, Route route, const std::string& cl
     }
 }
 
-Reply State::geolocate(const Request& request, const std::string& client, std::string_view target) {
+std::optional<Reply> State::refuseJsonPost(const Request& request, const std::string& client,
+                                           std::string_view key) {
     // The documented refusal of a limit: 403 userRateLimitExceeded.
     const auto limited = [] {
         return geolocateRefusal(403, "userRateLimitExceeded", "too many requests");
@@ -575,10 +580,17 @@ Reply State::geolocate(const Request& request, const std::string& client, std::s
     if (request.method() != http::verb::post) {
         return geolocateRefusal(405, "methodNotAllowed", "POST only");
     }
+    if (!key.empty() && !keyLimits.allow(std::string(key))) {
+        return limited();
+    }
+    return std::nullopt;
+}
+
+Reply State::geolocate(const Request& request, const std::string& client, std::string_view target) {
     GeolocateCall call;
     call.key = queryParameter(target, "key");
-    if (!call.key.empty() && !keyLimits.allow(std::string(call.key))) {
-        return limited();
+    if (auto refusal = refuseJsonPost(request, client, call.key)) {
+        return *refusal;
     }
     call.body = request.body();
     call.gzip = beast::iequals(request[http::field::content_encoding], "gzip");
@@ -593,19 +605,10 @@ Reply State::geolocate(const Request& request, const std::string& client, std::s
 }
 
 Reply State::geosubmit(const Request& request, const std::string& client, std::string_view target) {
-    const auto limited = [] {
-        return geolocateRefusal(403, "userRateLimitExceeded", "too many requests");
-    };
-    if (!addressLimits.allow(client)) {
-        return limited();
-    }
-    if (request.method() != http::verb::post) {
-        return geolocateRefusal(405, "methodNotAllowed", "POST only");
-    }
     GeosubmitCall call;
     call.key = queryParameter(target, "key");
-    if (!call.key.empty() && !keyLimits.allow(std::string(call.key))) {
-        return limited();
+    if (auto refusal = refuseJsonPost(request, client, call.key)) {
+        return *refusal;
     }
     call.body = request.body();
     call.gzip = beast::iequals(request[http::field::content_encoding], "gzip");
